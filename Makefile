@@ -22,7 +22,7 @@ $(BUILD)/CMakeCache.txt: | setup
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_COMMON)
 
 $(ASAN_BUILD)/CMakeCache.txt: | setup
-	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDVS_SANITIZE=ON $(CMAKE_COMMON)
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDVS_SANITIZE=ON -DDVS_BUILD_BENCH=OFF $(CMAKE_COMMON)
 
 build: setup $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
@@ -45,6 +45,9 @@ test: test-plain test-asan
 
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
+
+bench: build
+	$(BUILD)/bench/dvs_bench
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD)

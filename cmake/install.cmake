@@ -22,5 +22,9 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/dvsConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/dvsConfig.cmake ${PROJECT_BINARY_DIR}/dvsConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/dvs)
 
+# The pkg-config file finds its prefix relative to where it is installed,
+# so that an install moved or made with --prefix still works.
+file(RELATIVE_PATH DVS_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" DVS_PC_TO_PREFIX "${DVS_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/dvs.pc.in ${PROJECT_BINARY_DIR}/dvs.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/dvs.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

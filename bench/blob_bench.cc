@@ -1,0 +1,84 @@
+// Throughput of the property-list hot paths: building a list, writing it
+// as a blob, reading the blob back and fetching one value from it.
+#include <benchmark/benchmark.h>
+#include <dvsdata.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace {
+
+DVSDataHandle MakeList(int count, uint32_t valueLen) {
+   DVSDataHandle h = nullptr;
+   if (DVSData_Alloc(&h, malloc, free) != STATUS_OK) {
+      std::abort();
+   }
+   std::vector<uint8_t> value(valueLen, 0x5a);
+   char name[64];
+   for (int i = 0; i < count; ++i) {
+      std::snprintf(name, sizeof name, "com.ostrel.bench.prop%d", i);
+      if (DVSData_Append(h, name, value.data(), valueLen, 0x20) != STATUS_OK) {
+         std::abort();
+      }
+   }
+   return h;
+}
+
+void BM_Append(benchmark::State &state) {
+   for (auto _ : state) {
+      DVSDataHandle h = MakeList(static_cast<int>(state.range(0)), 16);
+      DVSData_Free(h);
+   }
+   state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_Append)->Arg(16)->Arg(256);
+
+void BM_Serialize(benchmark::State &state) {
+   DVSDataHandle h = MakeList(static_cast<int>(state.range(0)), 64);
+   std::vector<uint8_t> buf(DVSData_SerializedSize(h, 6));
+   for (auto _ : state) {
+      void *blob = buf.data();
+      uint32_t len = static_cast<uint32_t>(buf.size());
+      benchmark::DoNotOptimize(DVSData_Serialize(h, &blob, &len, 6));
+   }
+   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(buf.size()));
+   DVSData_Free(h);
+}
+BENCHMARK(BM_Serialize)->Arg(16)->Arg(256);
+
+void BM_Deserialize(benchmark::State &state) {
+   DVSDataHandle h = MakeList(static_cast<int>(state.range(0)), 64);
+   void *blob = nullptr;
+   uint32_t len = 0;
+   DVSData_Serialize(h, &blob, &len, 6);
+   for (auto _ : state) {
+      DVSDataHandle out = nullptr;
+      benchmark::DoNotOptimize(DVSData_Deserialize(&out, blob, len, malloc, free));
+      DVSData_Free(out);
+   }
+   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(len));
+   DVSData_FreeAssocData(h, blob);
+   DVSData_Free(h);
+}
+BENCHMARK(BM_Deserialize)->Arg(16)->Arg(256);
+
+void BM_GetPropValLast(benchmark::State &state) {
+   const int count = static_cast<int>(state.range(0));
+   DVSDataHandle h = MakeList(count, 64);
+   void *blob = nullptr;
+   uint32_t len = 0;
+   DVSData_Serialize(h, &blob, &len, 6);
+   const std::string last = "com.ostrel.bench.prop" + std::to_string(count - 1);
+   uint8_t value[64];
+   for (auto _ : state) {
+      benchmark::DoNotOptimize(
+         DVSData_DeserializeGetPropVal(blob, len, last.c_str(), value, sizeof value));
+   }
+   DVSData_FreeAssocData(h, blob);
+   DVSData_Free(h);
+}
+BENCHMARK(BM_GetPropValLast)->Arg(16)->Arg(256);
+
+}  // namespace

@@ -1,0 +1,225 @@
+// Blob writers: the whole list, the list without properties matched by a
+// name or type filter, and a single entry.  Entries already hold their
+// record images, so writing is a header, one copy per record and an end
+// marker.
+#include <cstring>
+
+#include "data/data_trace.h"
+#include "data/record_layout.h"
+
+namespace dvs::data {
+namespace {
+
+// The one port property that survives the volatile-name filter although
+// its name holds the filtered substring.
+constexpr const char kPersistedVolatileProp[] = "com.ostrel.common.port.volatile.persist";
+
+// Which properties a writer leaves out.
+class Filter {
+ public:
+   static Filter None() { return Filter(Kind::kNone, nullptr, 0); }
+   static Filter ExcludingName(const char *substring) {
+      return substring != nullptr ? Filter(Kind::kName, substring, 0) : None();
+   }
+   static Filter ExcludingType(uint32_t mask) {
+      return mask != 0 ? Filter(Kind::kType, nullptr, mask) : None();
+   }
+
+   bool IsNone() const { return kind_ == Kind::kNone; }
+
+   // Whether the entry is written.  Each test is traced at level 1.
+   bool Keeps(const DVSDataEntry *e) const {
+      switch (kind_) {
+      case Kind::kNone:
+         return true;
+      case Kind::kName:
+         DATA_TRACE(1, "Entry %s, length %u exName %s\n", e->name, e->dataLen, substring_);
+         return std::strstr(e->name, substring_) == nullptr ||
+                std::strstr(e->name, kPersistedVolatileProp) != nullptr;
+      case Kind::kType:
+         DATA_TRACE(1, "Property type entry %s, length %u flag %x/%x\n", e->name, e->dataLen,
+                    e->flag, mask_);
+         return (e->flag & mask_) == 0;
+      }
+      return true;
+   }
+
+ private:
+   enum class Kind { kNone, kName, kType };
+   Filter(Kind kind, const char *substring, uint32_t mask)
+      : kind_(kind), substring_(substring), mask_(mask) {}
+
+   Kind kind_;
+   const char *substring_;
+   uint32_t mask_;
+};
+
+// Size of the blob that Write produces with this filter.  The walk is
+// bounded by serialSize like the writer's, so both agree on which entries
+// they consider.
+uint32_t FilteredSize(DVSDataHandle h, const Filter &filter) {
+   if (filter.IsNone()) {
+      return h->serialSize;
+   }
+   uint32_t size = DVSDATA_MIN_BLOB_SIZE;
+   uint32_t remaining = h->serialSize - DVSDATA_HEADER_SIZE;
+   for (const DVSDataEntry *e = h->head; e != nullptr && e->serialLen < remaining; e = e->next) {
+      if (filter.Keeps(e)) {
+         size += RecordLength(e->dataLen);
+      }
+      remaining -= e->serialLen;
+   }
+   return size;
+}
+
+void WriteHeader(uint8_t *blob, uint32_t length) {
+   StoreU32(blob + kBlobLengthOffset, length);
+   StoreU32(blob + kBlobChecksumOffset, 0);
+   StoreU16(blob + kBlobVersionOffset, DVSDATA_BLOB_VERSION);
+   StoreU16(blob + kBlobReservedOffset, 0);
+}
+
+// Writes the end marker at `end` and seals the blob with its checksum.
+void Finish(uint8_t *blob, uint32_t end) {
+   StoreU32(blob + end, 0);
+   StoreU32(blob + kBlobChecksumOffset, DVSDataChecksum(blob));
+}
+
+// Gets the output buffer: the caller's (when it is large enough) or a new
+// one from the list's allocator.
+ReturnStatus TakeBuffer(DVSDataHandle h, void **blob, uint32_t *len, uint32_t need,
+                        bool *allocated) {
+   *allocated = false;
+   if (*blob != nullptr) {
+      if (need > *len) {
+         return STATUS_LIMIT_EXCEEDED;
+      }
+      *len = need;
+      return STATUS_OK;
+   }
+   *len = need;
+   *blob = h->allocFn(need);
+   if (*blob == nullptr) {
+      return STATUS_NO_MEMORY;
+   }
+   *allocated = true;
+   return STATUS_OK;
+}
+
+ReturnStatus Write(DVSDataHandle h, void **blob, uint32_t *len, const Filter &filter) {
+   if (h == nullptr || blob == nullptr || len == nullptr) {
+      return STATUS_BAD_PARAM;
+   }
+   const uint32_t need = FilteredSize(h, filter);
+   DATA_TRACE(2, "allocating buffer size %d\n", static_cast<int>(need));
+   bool allocated = false;
+   if (ReturnStatus status = TakeBuffer(h, blob, len, need, &allocated); status != STATUS_OK) {
+      return status;
+   }
+   auto *out = static_cast<uint8_t *>(*blob);
+   WriteHeader(out, need);
+
+   uint32_t pos = DVSDATA_HEADER_SIZE;
+   uint32_t remaining = h->serialSize - DVSDATA_HEADER_SIZE;
+   const DVSDataEntry *e = h->head;
+   for (; e != nullptr && e->serialLen < remaining; e = e->next) {
+      if (filter.Keeps(e)) {
+         // A list changed behind our back could outgrow the buffer; treat
+         // that like any other disagreement between list and size.
+         if (e->serialLen > need - kEndMarkerSize - pos) {
+            break;
+         }
+         DATA_TRACE(2, "serializing %s: %u/%u data/serial bytes\n", e->name, e->dataLen,
+                    e->serialLen);
+         std::memcpy(out + pos, RecordImage(e), e->serialLen);
+         pos += e->serialLen;
+      }
+      remaining -= e->serialLen;
+   }
+   if (e == nullptr && remaining == kEndMarkerSize && pos == need - kEndMarkerSize) {
+      Finish(out, pos);
+      return STATUS_OK;
+   }
+
+   DATA_TRACE(0,
+              "DVSData length changed during serialization, buflen = %u, lenRemaining = %u, "
+              "name %s, size %u\n",
+              need, remaining, e != nullptr ? e->name : "NULL", e != nullptr ? e->serialLen : 0);
+   if (allocated) {
+      h->freeFn(*blob);
+      *blob = nullptr;
+   }
+   return STATUS_LIMIT_EXCEEDED;
+}
+
+}  // namespace
+}  // namespace dvs::data
+
+using namespace dvs::data;
+
+extern "C" {
+
+DVS_EXPORT uint32_t DVSData_SerializedSize(DVSDataHandle h, uint32_t /*version*/) {
+   return h != nullptr ? h->serialSize : 0;
+}
+
+DVS_EXPORT uint32_t DVSData_SerializedSizeExNamedProp(DVSDataHandle h, uint32_t /*version*/,
+                                                      const char *exName) {
+   return h != nullptr ? FilteredSize(h, Filter::ExcludingName(exName)) : 0;
+}
+
+DVS_EXPORT ReturnStatus DVSData_Serialize(DVSDataHandle h, void **blob, uint32_t *len,
+                                          uint32_t version) {
+   return DVSData_SerializeExNamedProp(h, blob, len, version, nullptr);
+}
+
+DVS_EXPORT ReturnStatus DVSData_SerializeExNamedProp(DVSDataHandle h, void **blob, uint32_t *len,
+                                                     uint32_t version, const char *exName) {
+   // Old switch versions are only warned about; their blobs look the same.
+   if (version <= 3) {
+      DATA_TRACE(0, "DVS version %d is smaller than 6.0.\n", static_cast<int>(version));
+   }
+   return Write(h, blob, len, Filter::ExcludingName(exName));
+}
+
+DVS_EXPORT ReturnStatus DVSData_SerializeExTypeProp(DVSDataHandle h, void **blob, uint32_t *len,
+                                                    uint32_t typeMask) {
+   return Write(h, blob, len, Filter::ExcludingType(typeMask));
+}
+
+DVS_EXPORT ReturnStatus DVSData_SerializeEntry(DVSDataHandle h, const char *name, void **blob,
+                                               uint32_t *len) {
+   if (h == nullptr || name == nullptr || blob == nullptr || len == nullptr) {
+      return STATUS_BAD_PARAM;
+   }
+   *len = 0;
+   const DVSDataEntry *e = h->head;
+   while (e != nullptr && std::strcmp(e->name, name) != 0) {
+      e = e->next;
+   }
+   if (e == nullptr) {
+      return STATUS_NOT_FOUND;
+   }
+   DATA_TRACE(2, "serializing %s: %u/%u data/serial bytes\n", e->name, e->dataLen, e->serialLen);
+   if (e->serialLen > UINT32_MAX - DVSDATA_MIN_BLOB_SIZE) {
+      return STATUS_NO_MEMORY;
+   }
+   const uint32_t need = e->serialLen + DVSDATA_MIN_BLOB_SIZE;
+   // The capacity compared here is the out length, which was just cleared:
+   // a caller buffer is therefore always too small, and callers pass null.
+   if (*blob != nullptr) {
+      return STATUS_LIMIT_EXCEEDED;
+   }
+   auto *out = static_cast<uint8_t *>(h->allocFn(need));
+   if (out == nullptr) {
+      return STATUS_NO_MEMORY;
+   }
+   WriteHeader(out, need);
+   std::memcpy(out + DVSDATA_HEADER_SIZE, RecordImage(e), e->serialLen);
+   *blob = out;
+   *len = need;
+   Finish(out, need - kEndMarkerSize);
+   return STATUS_OK;
+}
+
+}  // extern "C"

@@ -1,0 +1,129 @@
+// Byte-exact blobs and the checksum, checked against hand-built layouts.
+#include "data_test_support.h"
+
+using namespace dvstest;
+
+namespace {
+
+class GoldenTest : public DataTest {};
+
+TEST_F(GoldenTest, ChecksumSumsWordsFromByte32ThenTrailingBytes) {
+   uint8_t b[64] = {};
+   PutU32(b, 0, 16);
+   EXPECT_EQ(DVSDataChecksum(b), 0u);
+   for (int i = 4; i < 32; ++i) b[i] = 0xee;  // never summed
+   PutU32(b, 32, 0x11223344);
+   PutU32(b, 36, 0x01010101);
+   b[40] = 0x77;
+   const struct {
+      uint32_t len, sum;
+   } cases[] = {
+       {40, 0x12233445},              // words at 32 and 36; byte 40 lies past the end
+       {38, 0x11223344 + 0x01 + 0x01},  // word at 32, bytes 36 and 37
+       {34, 0x44 + 0x33},             // no whole word past 32: bytes 32 and 33
+       {30, 0},                       // nothing past byte 32 at all
+       {41, 0x12233445 + 0x77},
+   };
+   for (const auto &c : cases) {
+      PutU32(b, 0, c.len);
+      EXPECT_EQ(DVSDataChecksum(b), c.sum) << c.len;
+   }
+   // 32-bit wrap-around; trailing bytes count as unsigned.
+   PutU32(b, 0, 41);
+   PutU32(b, 32, 0xffffffff);
+   PutU32(b, 36, 2);
+   b[40] = 0xf0;
+   EXPECT_EQ(DVSDataChecksum(b), 1u + 0xf0u);
+
+   // In a 160-byte blob only name bytes 16..19 (at 32) and the flag (at 144)
+   // are non-zero; edits below byte 32 leave the sum alone, later ones do not.
+   Blob one = MakeBlob({{"0123456789abcdefWXYZ", 0x20, ""}});
+   ASSERT_EQ(one.size(), 160u);
+   const uint32_t sum = DVSDataChecksum(one.p());
+   EXPECT_EQ(sum, 0x5a595857u + 0x20u);
+   for (size_t i = 4; i < one.size(); ++i) {
+      if (i == 8 || i == 9) continue;
+      Blob c = one;
+      c.bytes[i] ^= 0x5a;
+      EXPECT_EQ(DVSDataChecksum(c.p()) == sum, i < 32) << "byte " << i;
+   }
+}
+
+TEST_F(GoldenTest, SmallListsSerializeToTheExpectedBytes) {
+   List l;
+   void *blob = nullptr;
+   uint32_t len = 0;
+   ASSERT_EQ(DVSData_Serialize(l.h, &blob, &len, 6), STATUS_OK);
+   const uint8_t empty[16] = {0x10, 0, 0, 0, 0, 0, 0, 0, 0x01, 0, 0, 0, 0, 0, 0, 0};
+   ASSERT_EQ(len, 16u);
+   EXPECT_EQ(std::memcmp(blob, empty, 10), 0);
+   EXPECT_EQ(std::memcmp((uint8_t *)blob + 12, empty + 12, 4), 0);
+   DVSData_FreeAssocData(l.h, blob);
+
+   l.Add("a", "", 0x20);
+   blob = nullptr;
+   ASSERT_EQ(DVSData_Serialize(l.h, &blob, &len, 6), STATUS_OK);
+   const uint8_t *b = static_cast<uint8_t *>(blob);
+   ASSERT_EQ(len, 160u);
+   EXPECT_EQ(GetU32(b, 0), 160u);
+   EXPECT_EQ(GetU32(b, 12), 144u);
+   EXPECT_EQ(std::memcmp(b + 16, "a", 2), 0);
+   EXPECT_EQ(GetU32(b, 144), 0x20u);
+   EXPECT_EQ(GetU32(b, 148), 0u);
+   EXPECT_EQ(GetU32(b, 156), 0u);
+   ExpectBlobMatches(blob, len, MakeBlob({{"a", 0x20, ""}}));
+   DVSData_FreeAssocData(l.h, blob);
+}
+
+TEST_F(GoldenTest, MultiRecordListSingleEntryAndRoundTrip) {
+   std::string big(301, '\0');
+   for (size_t i = 0; i < big.size(); ++i) big[i] = char(i * 7);
+   const std::vector<Rec> recs = {{"com.ostrel.common.port.alias", 0x18, "uplink-1"},
+                                  {"switchVersion", 0x10, std::string("\x06\0\0\0", 4)},
+                                  {std::string(127, 'z'), 0x80000020, big},
+                                  {"empty", 0x4, ""}};
+   List l;
+   for (const Rec &r : recs) l.Add(r.name, r.data, r.flag);
+   const Blob want = MakeBlob(recs);
+   ASSERT_EQ(want.size(), 12u + 152 + 148 + 444 + 144 + 4);
+   EXPECT_EQ(DVSData_SerializedSize(l.h, 6), want.size());
+
+   void *blob = nullptr;
+   uint32_t len = 0;
+   ASSERT_EQ(DVSData_Serialize(l.h, &blob, &len, 6), STATUS_OK);
+   ExpectBlobMatches(blob, len, want);
+   EXPECT_EQ(GetU32((uint8_t *)blob, 12 + 152), 148u);  // the second record
+
+   // Reading it back gives the same names, flags, values, order and size.
+   DVSDataHandle h2 = nullptr;
+   ASSERT_EQ(DVSData_Deserialize(&h2, blob, len, TestAlloc, TestFree), STATUS_OK);
+   DVSData_FreeAssocData(l.h, blob);
+   List copy(h2);
+   EXPECT_EQ(Names(copy.h), Names(l.h));
+   size_t i = 0;
+   for (DVSDataEntry *e = copy.h->head; e; e = e->next, ++i) EXPECT_EQ(e->flag, recs[i].flag);
+   for (const Rec &r : recs) EXPECT_EQ(Value(copy.h, r.name.c_str()), r.data) << r.name;
+   blob = nullptr;
+   ASSERT_EQ(DVSData_SerializeExTypeProp(copy.h, &blob, &len, 0), STATUS_OK);
+   ExpectBlobMatches(blob, len, want);
+   DVSData_FreeAssocData(copy.h, blob);
+
+   // A single entry makes a blob of one record, and only into a new buffer.
+   for (i = 1; i <= 2; ++i) {
+      blob = nullptr;
+      len = 1234;
+      ASSERT_EQ(DVSData_SerializeEntry(l.h, recs[i].name.c_str(), &blob, &len), STATUS_OK);
+      ExpectBlobMatches(blob, len, MakeBlob({recs[i]}));
+      DVSData_FreeAssocData(l.h, blob);
+   }
+   std::vector<uint8_t> buf(4096, 0xcc);
+   blob = buf.data();
+   len = 4096;
+   EXPECT_EQ(DVSData_SerializeEntry(l.h, "empty", &blob, &len), STATUS_LIMIT_EXCEEDED);
+   blob = nullptr;
+   EXPECT_EQ(DVSData_SerializeEntry(l.h, "absent", &blob, &len), STATUS_NOT_FOUND);
+   EXPECT_EQ(len, 0u);
+   EXPECT_EQ(blob, nullptr);
+}
+
+}  // namespace
