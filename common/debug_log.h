@@ -14,8 +14,8 @@
 namespace dvs {
 
 __attribute__((format(printf, 3, 4))) inline void DebugLog(int32_t moduleLevel,
-                                                           int32_t messageLevel,
-                                                           const char *fmt, ...) {
+                                                           int32_t messageLevel, const char *fmt,
+                                                           ...) {
    if (moduleLevel < messageLevel) {
       return;
    }

@@ -15,7 +15,8 @@ extern "C" DVS_EXPORT uint32_t DVSDataChecksum(const void *blob) {
       return 0;
    }
    const auto *bytes = static_cast<const uint8_t *>(blob);
-   const auto length = static_cast<int32_t>(dvs::data::LoadU32(bytes + dvs::data::kBlobLengthOffset));
+   const auto length =
+      static_cast<int32_t>(dvs::data::LoadU32(bytes + dvs::data::kBlobLengthOffset));
    const int32_t words = length / 4;
 
    uint32_t sum = 0;

@@ -54,7 +54,9 @@ ReturnStatus CheckChecksum(const uint8_t *blob) {
    return STATUS_OK;
 }
 
-uint16_t Version(const uint8_t *blob) { return LoadU16(blob + kBlobVersionOffset); }
+uint16_t Version(const uint8_t *blob) {
+   return LoadU16(blob + kBlobVersionOffset);
+}
 
 // Decodes the record of `serialLen` bytes at `p` (which the caller has
 // checked lies inside the blob), refusing records whose own fields would
@@ -67,8 +69,7 @@ ReturnStatus ReadRecord(const uint8_t *p, uint32_t serialLen, Record *rec) {
    rec->serialLen = serialLen;
    rec->name = reinterpret_cast<const char *>(p + kRecordNameOffset);
    if (std::memchr(rec->name, '\0', DVSDATA_NAME_MAX) == nullptr) {
-      DATA_TRACE(0, "bad data: property name not terminated in record of length %u\n",
-                 serialLen);
+      DATA_TRACE(0, "bad data: property name not terminated in record of length %u\n", serialLen);
       return STATUS_BAD_PARAM;
    }
    rec->flag = LoadU32(p + kRecordFlagOffset);
@@ -169,12 +170,13 @@ DVS_EXPORT ReturnStatus DVSData_DeserializeWithPropType(DVSDataHandle *h, const 
       return status;
    }
    bool stopped = false;
-   ReturnStatus status = WalkRecords(bytes, length, &stopped, [&](const Record &rec, ReturnStatus *st) {
-      if ((rec.flag & typeMask) != 0) {
-         *st = DVSData_Append(list, rec.name, rec.data, rec.dataLen, rec.flag);
-      }
-      return false;
-   });
+   ReturnStatus status =
+      WalkRecords(bytes, length, &stopped, [&](const Record &rec, ReturnStatus *st) {
+         if ((rec.flag & typeMask) != 0) {
+            *st = DVSData_Append(list, rec.name, rec.data, rec.dataLen, rec.flag);
+         }
+         return false;
+      });
    if (status != STATUS_OK) {
       DVSData_Free(list);
       return status;
@@ -206,21 +208,22 @@ DVS_EXPORT ReturnStatus DVSData_DeserializeGetPropVal(const void *blob, uint32_t
    }
 
    bool found = false;
-   ReturnStatus status = WalkRecords(bytes, length, &found, [&](const Record &rec, ReturnStatus *st) {
-      if (!NamesEqual(rec.name, name)) {
-         return false;
-      }
-      if (bufSize < rec.dataLen) {
-         DATA_TRACE(0,
-                    "propVal buffer of size %u not sufficient to store value of size %u for "
-                    "property %s\n",
-                    bufSize, rec.dataLen, name);
-         *st = STATUS_LIMIT_EXCEEDED;
-      } else {
-         std::memcpy(buf, rec.data, rec.dataLen);
-      }
-      return true;
-   });
+   ReturnStatus status =
+      WalkRecords(bytes, length, &found, [&](const Record &rec, ReturnStatus *st) {
+         if (!NamesEqual(rec.name, name)) {
+            return false;
+         }
+         if (bufSize < rec.dataLen) {
+            DATA_TRACE(0,
+                       "propVal buffer of size %u not sufficient to store value of size %u for "
+                       "property %s\n",
+                       bufSize, rec.dataLen, name);
+            *st = STATUS_LIMIT_EXCEEDED;
+         } else {
+            std::memcpy(buf, rec.data, rec.dataLen);
+         }
+         return true;
+      });
    if (status != STATUS_OK || found) {
       return status;
    }

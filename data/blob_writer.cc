@@ -16,7 +16,7 @@ constexpr const char kPersistedVolatileProp[] = "com.ostrel.common.port.volatile
 
 // Which properties a writer leaves out.
 class Filter {
- public:
+  public:
    static Filter None() { return Filter(Kind::kNone, nullptr, 0); }
    static Filter ExcludingName(const char *substring) {
       return substring != nullptr ? Filter(Kind::kName, substring, 0) : None();
@@ -30,24 +30,24 @@ class Filter {
    // Whether the entry is written.  Each test is traced at level 1.
    bool Keeps(const DVSDataEntry *e) const {
       switch (kind_) {
-      case Kind::kNone:
-         return true;
-      case Kind::kName:
-         DATA_TRACE(1, "Entry %s, length %u exName %s\n", e->name, e->dataLen, substring_);
-         return std::strstr(e->name, substring_) == nullptr ||
-                std::strstr(e->name, kPersistedVolatileProp) != nullptr;
-      case Kind::kType:
-         DATA_TRACE(1, "Property type entry %s, length %u flag %x/%x\n", e->name, e->dataLen,
-                    e->flag, mask_);
-         return (e->flag & mask_) == 0;
+         case Kind::kNone:
+            return true;
+         case Kind::kName:
+            DATA_TRACE(1, "Entry %s, length %u exName %s\n", e->name, e->dataLen, substring_);
+            return std::strstr(e->name, substring_) == nullptr ||
+                   std::strstr(e->name, kPersistedVolatileProp) != nullptr;
+         case Kind::kType:
+            DATA_TRACE(1, "Property type entry %s, length %u flag %x/%x\n", e->name, e->dataLen,
+                       e->flag, mask_);
+            return (e->flag & mask_) == 0;
       }
       return true;
    }
 
- private:
+  private:
    enum class Kind { kNone, kName, kType };
    Filter(Kind kind, const char *substring, uint32_t mask)
-      : kind_(kind), substring_(substring), mask_(mask) {}
+       : kind_(kind), substring_(substring), mask_(mask) {}
 
    Kind kind_;
    const char *substring_;

@@ -77,7 +77,7 @@ void Unlink(DVSDataHandle h, DVSDataEntry *entry, DVSDataEntry *prev) {
 void RemoveEntry(DVSDataHandle h, DVSDataEntry *entry, DVSDataEntry *prev) {
    Unlink(h, entry, prev);
    DATA_TRACE(2, "Remove entry %s, datalen = %u, flag = 0x%x serialSize = %u\n", entry->name,
-         entry->dataLen, entry->flag, h->serialSize);
+              entry->dataLen, entry->flag, h->serialSize);
    h->freeFn(entry);
 }
 
@@ -96,7 +96,7 @@ bool FitsInBlob(uint32_t size, uint32_t dataLen) {
 ReturnStatus AppendPrepared(DVSDataHandle h, const char *name, uint32_t dataLen,
                             DVSDataEntry *entry) {
    DATA_TRACE(2, "added data %s, len %d, start serialSize = %d\n", name, static_cast<int>(dataLen),
-         static_cast<int>(h->serialSize));
+              static_cast<int>(h->serialSize));
    if (entry == nullptr) {
       return STATUS_NO_MEMORY;
    }
@@ -201,7 +201,7 @@ DVS_EXPORT ReturnStatus DVSData_Update(DVSDataHandle h, const char *name, const 
          std::memmove(old->data, data, dataLen);
       }
       DATA_TRACE(2, "updated data %s, datalen = %d, serialSize = %d\n", old->name,
-            static_cast<int>(dataLen), static_cast<int>(h->serialSize));
+                 static_cast<int>(dataLen), static_cast<int>(h->serialSize));
       return STATUS_OK;
    }
 
@@ -212,9 +212,8 @@ DVS_EXPORT ReturnStatus DVSData_Update(DVSDataHandle h, const char *name, const 
    // Copy name and value before the old entry goes, since either may point
    // into it.  If that fails the old entry is removed all the same: a failed
    // relocating update leaves the property absent.
-   DVSDataEntry *entry = FitsInBlob(sizeWithoutOld, dataLen)
-                            ? NewEntry(h, name, data, dataLen, newFlag)
-                            : nullptr;
+   DVSDataEntry *entry =
+      FitsInBlob(sizeWithoutOld, dataLen) ? NewEntry(h, name, data, dataLen, newFlag) : nullptr;
    char nameCopy[DVSDATA_NAME_MAX];
    std::memcpy(nameCopy, old->name, sizeof nameCopy);
    const char *traceName = PointsInto(name, old) ? nameCopy : name;

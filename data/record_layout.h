@@ -68,8 +68,12 @@ inline uint16_t LoadU16(const void *p) {
    std::memcpy(&v, p, sizeof v);
    return v;
 }
-inline void StoreU32(void *p, uint32_t v) { std::memcpy(p, &v, sizeof v); }
-inline void StoreU16(void *p, uint16_t v) { std::memcpy(p, &v, sizeof v); }
+inline void StoreU32(void *p, uint32_t v) {
+   std::memcpy(p, &v, sizeof v);
+}
+inline void StoreU16(void *p, uint16_t v) {
+   std::memcpy(p, &v, sizeof v);
+}
 
 inline const uint8_t *RecordImage(const DVSDataEntry *entry) {
    return reinterpret_cast<const uint8_t *>(entry) + kImageStart;

@@ -59,8 +59,8 @@ typedef struct DVSData {
 } DVSData, *DVSDataHandle;
 
 /* Called for each entry by DVSData_ForEach; returning true stops the walk. */
-typedef bool (*DVSDataForEachFn)(const char *name, void *data, uint32_t dataLen,
-                                 uint32_t flag, void *ctx);
+typedef bool (*DVSDataForEachFn)(const char *name, void *data, uint32_t dataLen, uint32_t flag,
+                                 void *ctx);
 
 /* Verbosity of this family's messages on standard output; -1 is silent. */
 DVS_EXPORT extern int32_t dvsdata_debug;

@@ -29,18 +29,18 @@
  * and state-file families.  Zero is success. */
 typedef uint32_t ReturnStatus;
 
-#define STATUS_OK             0x0u
-#define STATUS_FAILURE        0xbad0001u
-#define STATUS_NOT_FOUND      0xbad0003u
-#define STATUS_EXISTS         0xbad0005u
+#define STATUS_OK 0x0u
+#define STATUS_FAILURE 0xbad0001u
+#define STATUS_NOT_FOUND 0xbad0003u
+#define STATUS_EXISTS 0xbad0005u
 #define STATUS_LIMIT_EXCEEDED 0xbad0006u
-#define STATUS_BAD_PARAM      0xbad0007u
-#define STATUS_EMPTY          0xbad0008u
-#define STATUS_IO_ERROR       0xbad000au
-#define STATUS_READ_ERROR     0xbad000bu
-#define STATUS_WRITE_ERROR    0xbad000cu
-#define STATUS_NO_MEMORY      0xbad0014u
-#define STATUS_NOT_SUPPORTED  0xbad0020u
-#define STATUS_BAD_CHECKSUM   0xbad003au
+#define STATUS_BAD_PARAM 0xbad0007u
+#define STATUS_EMPTY 0xbad0008u
+#define STATUS_IO_ERROR 0xbad000au
+#define STATUS_READ_ERROR 0xbad000bu
+#define STATUS_WRITE_ERROR 0xbad000cu
+#define STATUS_NO_MEMORY 0xbad0014u
+#define STATUS_NOT_SUPPORTED 0xbad0020u
+#define STATUS_BAD_CHECKSUM 0xbad003au
 
 #endif /* DVSTYPES_H */

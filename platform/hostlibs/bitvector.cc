@@ -14,19 +14,15 @@ namespace {
 
 constexpr uint32_t kWordBits = 64;
 
-inline uint64_t
-BitMask(uint32_t n)
-{
+inline uint64_t BitMask(uint32_t n) {
    return uint64_t{1} << (n % kWordBits);
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
-HOSTLIBS_EXPORT BitVector *
-BitVector_Alloc(uint32_t numBits)
-{
+HOSTLIBS_EXPORT BitVector *BitVector_Alloc(uint32_t numBits) {
    const uint64_t numWords = (uint64_t{numBits} + kWordBits - 1) / kWordBits;
    const uint64_t bytes = sizeof(BitVector) + numWords * sizeof(uint64_t);
    if (bytes > SIZE_MAX) {
@@ -41,45 +37,33 @@ BitVector_Alloc(uint32_t numBits)
    return bv;
 }
 
-HOSTLIBS_EXPORT void
-BitVector_Free(BitVector *bv)
-{
+HOSTLIBS_EXPORT void BitVector_Free(BitVector *bv) {
    std::free(bv);
 }
 
-HOSTLIBS_EXPORT void
-BitVector_ClearAll(BitVector *bv)
-{
+HOSTLIBS_EXPORT void BitVector_ClearAll(BitVector *bv) {
    if (bv != nullptr && bv->numWords > 0) {
       std::memset(bv->words, 0, size_t{bv->numWords} * sizeof(uint64_t));
    }
 }
 
-HOSTLIBS_EXPORT void
-BitVector_Set(BitVector *bv, uint32_t n)
-{
+HOSTLIBS_EXPORT void BitVector_Set(BitVector *bv, uint32_t n) {
    if (bv != nullptr && n < bv->numBits) {
       bv->words[n / kWordBits] |= BitMask(n);
    }
 }
 
-HOSTLIBS_EXPORT void
-BitVector_Clear(BitVector *bv, uint32_t n)
-{
+HOSTLIBS_EXPORT void BitVector_Clear(BitVector *bv, uint32_t n) {
    if (bv != nullptr && n < bv->numBits) {
       bv->words[n / kWordBits] &= ~BitMask(n);
    }
 }
 
-HOSTLIBS_EXPORT bool
-BitVector_Test(const BitVector *bv, uint32_t n)
-{
+HOSTLIBS_EXPORT bool BitVector_Test(const BitVector *bv, uint32_t n) {
    return bv != nullptr && n < bv->numBits && (bv->words[n / kWordBits] & BitMask(n)) != 0;
 }
 
-HOSTLIBS_EXPORT uint32_t
-BitVector_NextBit(const BitVector *bv, uint32_t from)
-{
+HOSTLIBS_EXPORT uint32_t BitVector_NextBit(const BitVector *bv, uint32_t from) {
    if (bv == nullptr || from >= bv->numBits) {
       return BITVECTOR_NOT_FOUND;
    }
@@ -96,4 +80,4 @@ BitVector_NextBit(const BitVector *bv, uint32_t from)
    return bit < bv->numBits ? static_cast<uint32_t>(bit) : BITVECTOR_NOT_FOUND;
 }
 
-} // extern "C"
+}  // extern "C"

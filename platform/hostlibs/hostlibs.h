@@ -112,10 +112,10 @@ HOSTLIBS_EXPORT uint32_t BitVector_NextBit(const BitVector *bv, uint32_t from);
  * Host log.
  * ------------------------------------------------------------------- */
 /* Levels; each maps to a syslog priority. */
-#define LOG_LEVEL_ERROR   0 /* LOG_ERR */
+#define LOG_LEVEL_ERROR 0   /* LOG_ERR */
 #define LOG_LEVEL_WARNING 1 /* LOG_WARNING */
-#define LOG_LEVEL_INFO    2 /* LOG_INFO */
-#define LOG_LEVEL_DEBUG   3 /* LOG_DEBUG, and every level above */
+#define LOG_LEVEL_INFO 2    /* LOG_INFO */
+#define LOG_LEVEL_DEBUG 3   /* LOG_DEBUG, and every level above */
 
 /* When this environment variable is set, log lines also go to stderr. */
 #define HOSTLIBS_LOG_STDERR_ENV "HOSTLIBS_LOG_STDERR"

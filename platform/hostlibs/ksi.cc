@@ -22,9 +22,7 @@ constexpr uint32_t kMaxPortsLimit = 65536;
  * Strict decimal: digits only, no sign, no blanks, no base prefix, nothing
  * trailing.  strtoul would accept " 7", "+7" and "-5", so it is not used.
  */
-bool
-ParsePortLimit(const char *text, uint32_t *value)
-{
+bool ParsePortLimit(const char *text, uint32_t *value) {
    if (*text == '\0') {
       return false;
    }
@@ -45,9 +43,7 @@ ParsePortLimit(const char *text, uint32_t *value)
    return true;
 }
 
-ReturnStatus
-ReadMaxPorts(uint32_t *value)
-{
+ReturnStatus ReadMaxPorts(uint32_t *value) {
    const char *env = std::getenv(KSI_MAX_PORTS_ENV);
    if (env == nullptr) {
       *value = KSI_MAX_PORTS_DEFAULT;
@@ -61,13 +57,11 @@ ReadMaxPorts(uint32_t *value)
    return STATUS_OK;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
-HOSTLIBS_EXPORT ReturnStatus
-KSI_CheckSig(const char *caller, uint32_t version)
-{
+HOSTLIBS_EXPORT ReturnStatus KSI_CheckSig(const char *caller, uint32_t version) {
    if (caller == nullptr) {
       return STATUS_BAD_PARAM;
    }
@@ -79,9 +73,7 @@ KSI_CheckSig(const char *caller, uint32_t version)
    return STATUS_OK;
 }
 
-HOSTLIBS_EXPORT ReturnStatus
-KSI_Get(uint16_t node, uint32_t instance, void *buf, uint32_t len)
-{
+HOSTLIBS_EXPORT ReturnStatus KSI_Get(uint16_t node, uint32_t instance, void *buf, uint32_t len) {
    if (node != KSI_NODE_net_maxPortsSystemWide || instance != 0) {
       return STATUS_NOT_FOUND;
    }
@@ -96,4 +88,4 @@ KSI_Get(uint16_t node, uint32_t instance, void *buf, uint32_t len)
    return status;
 }
 
-} // extern "C"
+}  // extern "C"

@@ -15,24 +15,20 @@
 
 namespace {
 
-int
-LevelToPriority(int level)
-{
+int LevelToPriority(int level) {
    switch (level) {
-   case LOG_LEVEL_ERROR:
-      return LOG_ERR;
-   case LOG_LEVEL_WARNING:
-      return LOG_WARNING;
-   case LOG_LEVEL_INFO:
-      return LOG_INFO;
-   default:
-      return level < 0 ? LOG_ERR : LOG_DEBUG;
+      case LOG_LEVEL_ERROR:
+         return LOG_ERR;
+      case LOG_LEVEL_WARNING:
+         return LOG_WARNING;
+      case LOG_LEVEL_INFO:
+         return LOG_INFO;
+      default:
+         return level < 0 ? LOG_ERR : LOG_DEBUG;
    }
 }
 
-void
-Emit(int priority, const char *text)
-{
+void Emit(int priority, const char *text) {
    syslog(LOG_USER | priority, "%s", text);
    if (std::getenv(HOSTLIBS_LOG_STDERR_ENV) != nullptr) {
       const size_t len = std::strlen(text);
@@ -42,13 +38,11 @@ Emit(int priority, const char *text)
    }
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
-HOSTLIBS_EXPORT void
-LogV(int level, const char *fmt, va_list ap)
-{
+HOSTLIBS_EXPORT void LogV(int level, const char *fmt, va_list ap) {
    if (fmt == nullptr) {
       return;
    }
@@ -81,13 +75,11 @@ LogV(int level, const char *fmt, va_list ap)
    std::free(big);
 }
 
-HOSTLIBS_EXPORT void
-Log(int level, const char *fmt, ...)
-{
+HOSTLIBS_EXPORT void Log(int level, const char *fmt, ...) {
    va_list ap;
    va_start(ap, fmt);
    LogV(level, fmt, ap);
    va_end(ap);
 }
 
-} // extern "C"
+}  // extern "C"

@@ -31,7 +31,7 @@ struct KRecLock {
    std::atomic<uint64_t> owner; /* token of the holding thread, 0 when free */
    uint32_t depth;              /* nesting depth; holder only */
    uint32_t rank;
-   KRecLock *nextHeld;          /* holder's held-lock list; holder only */
+   KRecLock *nextHeld; /* holder's held-lock list; holder only */
    char name[KLOCK_NAME_MAX];
 };
 
@@ -40,9 +40,7 @@ namespace {
 /* Tokens are never reused, unlike pthread_t values or stack addresses. */
 std::atomic<uint64_t> nextThreadToken{1};
 
-uint64_t
-ThreadToken()
-{
+uint64_t ThreadToken() {
    thread_local uint64_t token = 0;
    if (token == 0) {
       token = nextThreadToken.fetch_add(1, std::memory_order_relaxed);
@@ -53,9 +51,7 @@ ThreadToken()
 #ifdef HOSTLIBS_LOCK_RANK_CHECK
 thread_local KRecLock *heldLocks = nullptr;
 
-[[noreturn]] void
-RankViolation(const KRecLock *taking, const KRecLock *held)
-{
+[[noreturn]] void RankViolation(const KRecLock *taking, const KRecLock *held) {
    std::fprintf(stderr,
                 "hostlibs: lock rank violation: taking \"%s\" (rank 0x%08x) while holding "
                 "\"%s\" (rank 0x%08x)\n",
@@ -64,9 +60,7 @@ RankViolation(const KRecLock *taking, const KRecLock *held)
    std::abort();
 }
 
-void
-CheckRankBeforeTaking(const KRecLock *lock)
-{
+void CheckRankBeforeTaking(const KRecLock *lock) {
    for (const KRecLock *held = heldLocks; held != nullptr; held = held->nextHeld) {
       if (held->rank >= lock->rank) {
          RankViolation(lock, held);
@@ -74,17 +68,13 @@ CheckRankBeforeTaking(const KRecLock *lock)
    }
 }
 
-void
-PushHeld(KRecLock *lock)
-{
+void PushHeld(KRecLock *lock) {
    lock->nextHeld = heldLocks;
    heldLocks = lock;
 }
 
 /* Locks may be released in any order, so unlink wherever it sits. */
-void
-PopHeld(KRecLock *lock)
-{
+void PopHeld(KRecLock *lock) {
    for (KRecLock **link = &heldLocks; *link != nullptr; link = &(*link)->nextHeld) {
       if (*link == lock) {
          *link = lock->nextHeld;
@@ -100,9 +90,7 @@ pthread_mutex_t createMutex = PTHREAD_MUTEX_INITIALIZER;
 
 /* Locks are published once and never destroyed, so this is the only place
  * that frees one: when its mutex cannot be set up. */
-KRecLock *
-NewLock(const char *name, uint32_t rank)
-{
+KRecLock *NewLock(const char *name, uint32_t rank) {
    void *mem = std::malloc(sizeof(KRecLock));
    if (mem == nullptr) {
       return nullptr;
@@ -120,19 +108,16 @@ NewLock(const char *name, uint32_t rank)
    return lock;
 }
 
-bool
-HeldByCaller(const KRecLock *lock)
-{
+bool HeldByCaller(const KRecLock *lock) {
    return lock->owner.load(std::memory_order_relaxed) == ThreadToken();
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
-HOSTLIBS_EXPORT ReturnStatus
-KLock_CreateSingletonRecLockInt(KRecLock **storage, const char *name, uint32_t rank)
-{
+HOSTLIBS_EXPORT ReturnStatus KLock_CreateSingletonRecLockInt(KRecLock **storage, const char *name,
+                                                             uint32_t rank) {
    if (storage == nullptr || name == nullptr) {
       return STATUS_BAD_PARAM;
    }
@@ -160,9 +145,7 @@ KLock_CreateSingletonRecLockInt(KRecLock **storage, const char *name, uint32_t r
    return status;
 }
 
-HOSTLIBS_EXPORT void
-KLock_AcquireRecLock(KRecLock *lock)
-{
+HOSTLIBS_EXPORT void KLock_AcquireRecLock(KRecLock *lock) {
    if (lock == nullptr) {
       return;
    }
@@ -181,9 +164,7 @@ KLock_AcquireRecLock(KRecLock *lock)
 #endif
 }
 
-HOSTLIBS_EXPORT void
-KLock_ReleaseRecLock(KRecLock *lock)
-{
+HOSTLIBS_EXPORT void KLock_ReleaseRecLock(KRecLock *lock) {
    if (lock == nullptr) {
       return;
    }
@@ -207,22 +188,16 @@ KLock_ReleaseRecLock(KRecLock *lock)
    pthread_mutex_unlock(&lock->mutex);
 }
 
-HOSTLIBS_EXPORT bool
-KLock_IsLockedByCaller(const KRecLock *lock)
-{
+HOSTLIBS_EXPORT bool KLock_IsLockedByCaller(const KRecLock *lock) {
    return lock != nullptr && HeldByCaller(lock);
 }
 
-HOSTLIBS_EXPORT const char *
-KLock_Name(const KRecLock *lock)
-{
+HOSTLIBS_EXPORT const char *KLock_Name(const KRecLock *lock) {
    return lock != nullptr ? lock->name : "";
 }
 
-HOSTLIBS_EXPORT uint32_t
-KLock_Rank(const KRecLock *lock)
-{
+HOSTLIBS_EXPORT uint32_t KLock_Rank(const KRecLock *lock) {
    return lock != nullptr ? lock->rank : 0;
 }
 
-} // extern "C"
+}  // extern "C"

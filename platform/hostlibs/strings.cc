@@ -12,25 +12,19 @@ namespace {
 /* glibc with _GNU_SOURCE returns a char * that may or may not be `buf`;
  * the XSI variant returns 0 and always fills `buf`.  Overloading on the
  * return type handles whichever one the C library declares. */
-[[maybe_unused]] const char *
-StrerrorResult(char *result, char *)
-{
+[[maybe_unused]] const char *StrerrorResult(char *result, char *) {
    return result;
 }
 
-[[maybe_unused]] const char *
-StrerrorResult(int rc, char *buf)
-{
+[[maybe_unused]] const char *StrerrorResult(int rc, char *buf) {
    return rc == 0 ? buf : nullptr;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
-HOSTLIBS_EXPORT char *
-Str_SafeAsprintf(size_t *length, const char *fmt, ...)
-{
+HOSTLIBS_EXPORT char *Str_SafeAsprintf(size_t *length, const char *fmt, ...) {
    if (fmt == nullptr) {
       return nullptr;
    }
@@ -58,9 +52,7 @@ Str_SafeAsprintf(size_t *length, const char *fmt, ...)
    return result;
 }
 
-HOSTLIBS_EXPORT char *
-Str_Strcpy(char *dst, const char *src, size_t size)
-{
+HOSTLIBS_EXPORT char *Str_Strcpy(char *dst, const char *src, size_t size) {
    if (dst == nullptr || size == 0) {
       return dst;
    }
@@ -72,9 +64,7 @@ Str_Strcpy(char *dst, const char *src, size_t size)
    return dst;
 }
 
-HOSTLIBS_EXPORT const char *
-Err_Errno2String(int err)
-{
+HOSTLIBS_EXPORT const char *Err_Errno2String(int err) {
    thread_local char buf[128];
    buf[0] = '\0';
    const char *text = StrerrorResult(strerror_r(err, buf, sizeof buf), buf);
@@ -85,4 +75,4 @@ Err_Errno2String(int err)
    return text;
 }
 
-} // extern "C"
+}  // extern "C"

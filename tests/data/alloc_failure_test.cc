@@ -11,12 +11,14 @@ class AllocFailureTest : public DataTest {};
 // Runs attempt(n) for n = 1, 2, ... (attempt arms the n-th allocation to
 // fail, then runs the operation) until a run never reaches its n-th
 // allocation; returns how many runs hit the injected failure.
-template <class F> int ForEachFailure(F attempt) {
+template <class F>
+int ForEachFailure(F attempt) {
    int n = 1;
    for (; n < 64; ++n) {
       attempt(n);
       Disarm();
-      if (!g_alloc.injected) break;
+      if (!g_alloc.injected)
+         break;
    }
    return n - 1;
 }
@@ -43,7 +45,8 @@ TEST_F(AllocFailureTest, ListOperations) {
                                             : DVSData_Append(l.h, "d", "4444", 4, 0x20);
                    Disarm();
                    EXPECT_EQ(st, g_alloc.injected ? STATUS_NO_MEMORY : STATUS_OK);
-                   if (!g_alloc.injected) return;
+                   if (!g_alloc.injected)
+                      return;
                    EXPECT_EQ(Names(l.h), (Names_t{"a", "b", "c"}));
                    l.Add("e", "5");  // still usable, tail intact
                    EXPECT_EQ(Names(l.h), (Names_t{"a", "b", "c", "e"}));
@@ -51,17 +54,17 @@ TEST_F(AllocFailureTest, ListOperations) {
                 1);
    }
    // Another length: the old entry is gone even when the new one cannot be made.
-   EXPECT_EQ(ForEachFailure([](int n) {
-                List l;
-                FillThree(l);
-                FailNthFromNow(n);
-                ReturnStatus st = DVSData_UpdateProp(l.h, "a", "longer value", 12);
-                Disarm();
-                EXPECT_EQ(st, g_alloc.injected ? STATUS_NO_MEMORY : STATUS_OK);
-                EXPECT_EQ(Names(l.h),
-                          (g_alloc.injected ? Names_t{"b", "c"} : Names_t{"b", "c", "a"}));
-             }),
-             1);
+   EXPECT_EQ(
+      ForEachFailure([](int n) {
+         List l;
+         FillThree(l);
+         FailNthFromNow(n);
+         ReturnStatus st = DVSData_UpdateProp(l.h, "a", "longer value", 12);
+         Disarm();
+         EXPECT_EQ(st, g_alloc.injected ? STATUS_NO_MEMORY : STATUS_OK);
+         EXPECT_EQ(Names(l.h), (g_alloc.injected ? Names_t{"b", "c"} : Names_t{"b", "c", "a"}));
+      }),
+      1);
 }
 
 TEST_F(AllocFailureTest, WritersAndReader) {
@@ -76,7 +79,8 @@ TEST_F(AllocFailureTest, WritersAndReader) {
                    ReturnStatus st = entry ? DVSData_SerializeEntry(l.h, "b", &blob, &len)
                                            : DVSData_Serialize(l.h, &blob, &len, 6);
                    Disarm();
-                   if (!g_alloc.injected) return DVSData_FreeAssocData(l.h, blob);
+                   if (!g_alloc.injected)
+                      return DVSData_FreeAssocData(l.h, blob);
                    EXPECT_EQ(st, STATUS_NO_MEMORY);
                    EXPECT_EQ(blob, nullptr);
                    EXPECT_EQ(g_alloc.outstanding, before);
@@ -94,7 +98,8 @@ TEST_F(AllocFailureTest, WritersAndReader) {
                 FailNthFromNow(n);
                 ReturnStatus st = DVSData_Deserialize(&h, b.p(), b.size(), TestAlloc, TestFree);
                 Disarm();
-                if (!g_alloc.injected) return DVSData_Free(h);
+                if (!g_alloc.injected)
+                   return DVSData_Free(h);
                 EXPECT_EQ(st, STATUS_NO_MEMORY);
                 EXPECT_EQ(h, reinterpret_cast<DVSDataHandle>(&b));
                 EXPECT_EQ(g_alloc.outstanding, before);

@@ -11,18 +11,19 @@ TEST_F(GoldenTest, ChecksumSumsWordsFromByte32ThenTrailingBytes) {
    uint8_t b[64] = {};
    PutU32(b, 0, 16);
    EXPECT_EQ(DVSDataChecksum(b), 0u);
-   for (int i = 4; i < 32; ++i) b[i] = 0xee;  // never summed
+   for (int i = 4; i < 32; ++i)
+      b[i] = 0xee;  // never summed
    PutU32(b, 32, 0x11223344);
    PutU32(b, 36, 0x01010101);
    b[40] = 0x77;
    const struct {
       uint32_t len, sum;
    } cases[] = {
-       {40, 0x12233445},              // words at 32 and 36; byte 40 lies past the end
-       {38, 0x11223344 + 0x01 + 0x01},  // word at 32, bytes 36 and 37
-       {34, 0x44 + 0x33},             // no whole word past 32: bytes 32 and 33
-       {30, 0},                       // nothing past byte 32 at all
-       {41, 0x12233445 + 0x77},
+      {40, 0x12233445},                // words at 32 and 36; byte 40 lies past the end
+      {38, 0x11223344 + 0x01 + 0x01},  // word at 32, bytes 36 and 37
+      {34, 0x44 + 0x33},               // no whole word past 32: bytes 32 and 33
+      {30, 0},                         // nothing past byte 32 at all
+      {41, 0x12233445 + 0x77},
    };
    for (const auto &c : cases) {
       PutU32(b, 0, c.len);
@@ -42,7 +43,8 @@ TEST_F(GoldenTest, ChecksumSumsWordsFromByte32ThenTrailingBytes) {
    const uint32_t sum = DVSDataChecksum(one.p());
    EXPECT_EQ(sum, 0x5a595857u + 0x20u);
    for (size_t i = 4; i < one.size(); ++i) {
-      if (i == 8 || i == 9) continue;
+      if (i == 8 || i == 9)
+         continue;
       Blob c = one;
       c.bytes[i] ^= 0x5a;
       EXPECT_EQ(DVSDataChecksum(c.p()) == sum, i < 32) << "byte " << i;
@@ -77,13 +79,15 @@ TEST_F(GoldenTest, SmallListsSerializeToTheExpectedBytes) {
 
 TEST_F(GoldenTest, MultiRecordListSingleEntryAndRoundTrip) {
    std::string big(301, '\0');
-   for (size_t i = 0; i < big.size(); ++i) big[i] = char(i * 7);
+   for (size_t i = 0; i < big.size(); ++i)
+      big[i] = char(i * 7);
    const std::vector<Rec> recs = {{"com.ostrel.common.port.alias", 0x18, "uplink-1"},
                                   {"switchVersion", 0x10, std::string("\x06\0\0\0", 4)},
                                   {std::string(127, 'z'), 0x80000020, big},
                                   {"empty", 0x4, ""}};
    List l;
-   for (const Rec &r : recs) l.Add(r.name, r.data, r.flag);
+   for (const Rec &r : recs)
+      l.Add(r.name, r.data, r.flag);
    const Blob want = MakeBlob(recs);
    ASSERT_EQ(want.size(), 12u + 152 + 148 + 444 + 144 + 4);
    EXPECT_EQ(DVSData_SerializedSize(l.h, 6), want.size());
@@ -101,8 +105,10 @@ TEST_F(GoldenTest, MultiRecordListSingleEntryAndRoundTrip) {
    List copy(h2);
    EXPECT_EQ(Names(copy.h), Names(l.h));
    size_t i = 0;
-   for (DVSDataEntry *e = copy.h->head; e; e = e->next, ++i) EXPECT_EQ(e->flag, recs[i].flag);
-   for (const Rec &r : recs) EXPECT_EQ(Value(copy.h, r.name.c_str()), r.data) << r.name;
+   for (DVSDataEntry *e = copy.h->head; e; e = e->next, ++i)
+      EXPECT_EQ(e->flag, recs[i].flag);
+   for (const Rec &r : recs)
+      EXPECT_EQ(Value(copy.h, r.name.c_str()), r.data) << r.name;
    blob = nullptr;
    ASSERT_EQ(DVSData_SerializeExTypeProp(copy.h, &blob, &len, 0), STATUS_OK);
    ExpectBlobMatches(blob, len, want);

@@ -22,8 +22,10 @@ Outcome ReadList(uint8_t *p, uint32_t len, int level) {
    dvsdata_debug = level;
    o.out = Captured([&] { o.st = DVSData_Deserialize(&h, p, len, TestAlloc, TestFree); });
    dvsdata_debug = -1;
-   if (o.st == STATUS_OK) DVSData_Free(h);
-   else EXPECT_EQ(h, &g_sentinelList);
+   if (o.st == STATUS_OK)
+      DVSData_Free(h);
+   else
+      EXPECT_EQ(h, &g_sentinelList);
    return o;
 }
 
@@ -60,22 +62,22 @@ TEST_F(BlobTest, ReadersCheckInOrderWithTheirMessages) {
       ReturnStatus valSt;
       std::string valMsg;
    } cases[] = {
-       {"short buffer", [](Blob &) {}, 15, P, bufMin, P, bufMin},
-       {"short buffer first", [](Blob &b) { PutU32(b.p(), 0, 12); }, 15, P, bufMin, P, bufMin},
-       {"header length 12", [](Blob &b) { PutU32(b.p(), 0, 12); }, 312, P, hdrMin, P, hdrMin},
-       {"buffer shorter than header", [](Blob &) {}, 311, P, shorter, P, shorter},
-       {"version 2, bad checksum", [](Blob &b) { PutU16(b.p(), 8, 2), b.bytes[4] ^= 1; }, 312,
-        P, ver, C, chk},
-       {"version 2", [](Blob &b) { PutU16(b.p(), 8, 2); }, 312, P, ver, P,
-        "Unsupported DVS data version 2\n"},
-       {"bad checksum", [](Blob &b) { b.bytes[4] ^= 1; }, 312, C, chk, C, chk},
-       {"first record too long", [](Blob &b) { PutU32(b.p(), 12, 1000); }, 312, P, tooLong, P,
-        tooLong},
-       {"second record too long", [](Blob &b) { PutU32(b.p(), 160, 1000), b.Reseal(); }, 312, P,
-        tooLong, P, tooLong},
-       // The last record fills the rest exactly: no room for the end marker.
-       {"no end marker", [](Blob &b) { PutU32(b.p(), 0, 308), b.Reseal(); }, 312, P, marker, P,
-        marker},
+      {"short buffer", [](Blob &) {}, 15, P, bufMin, P, bufMin},
+      {"short buffer first", [](Blob &b) { PutU32(b.p(), 0, 12); }, 15, P, bufMin, P, bufMin},
+      {"header length 12", [](Blob &b) { PutU32(b.p(), 0, 12); }, 312, P, hdrMin, P, hdrMin},
+      {"buffer shorter than header", [](Blob &) {}, 311, P, shorter, P, shorter},
+      {"version 2, bad checksum", [](Blob &b) { PutU16(b.p(), 8, 2), b.bytes[4] ^= 1; }, 312, P,
+       ver, C, chk},
+      {"version 2", [](Blob &b) { PutU16(b.p(), 8, 2); }, 312, P, ver, P,
+       "Unsupported DVS data version 2\n"},
+      {"bad checksum", [](Blob &b) { b.bytes[4] ^= 1; }, 312, C, chk, C, chk},
+      {"first record too long", [](Blob &b) { PutU32(b.p(), 12, 1000); }, 312, P, tooLong, P,
+       tooLong},
+      {"second record too long", [](Blob &b) { PutU32(b.p(), 160, 1000), b.Reseal(); }, 312, P,
+       tooLong, P, tooLong},
+      // The last record fills the rest exactly: no room for the end marker.
+      {"no end marker", [](Blob &b) { PutU32(b.p(), 0, 308), b.Reseal(); }, 312, P, marker, P,
+       marker},
    };
    for (const auto &c : cases) {
       SCOPED_TRACE(c.what);
@@ -101,7 +103,8 @@ TEST_F(BlobTest, ValueReaderTakesTheFirstMatchWhateverItsFlag) {
    EXPECT_EQ(ReadValue(b.p(), b.size(), 0, "b").val, "wo######");
    o = ReadValue(b.p(), b.size(), 0, "a", 4);
    EXPECT_EQ(o.st, STATUS_LIMIT_EXCEEDED);
-   EXPECT_EQ(o.out, "propVal buffer of size 4 not sufficient to store value of size 5 for property a\n");
+   EXPECT_EQ(o.out,
+             "propVal buffer of size 4 not sufficient to store value of size 5 for property a\n");
    o = ReadValue(b.p(), b.size(), 0, "c");
    EXPECT_EQ(o.st, STATUS_NOT_FOUND);
    EXPECT_EQ(o.out, "");
@@ -120,8 +123,12 @@ TEST_F(BlobTest, ValueReaderTakesTheFirstMatchWhateverItsFlag) {
 }
 
 TEST_F(BlobTest, DeserializeMasksSelectRecordsByFlag) {
-   Blob b = MakeBlob({{"one", 0x1, "1"}, {"x100", 0x100, "2"}, {"high", 0x80000000, "3"},
-                      {"t20", 0x20, "4"}, {"t04", 0x4, "5"}, {"two", 0x2, "6"}});
+   Blob b = MakeBlob({{"one", 0x1, "1"},
+                      {"x100", 0x100, "2"},
+                      {"high", 0x80000000, "3"},
+                      {"t20", 0x20, "4"},
+                      {"t04", 0x4, "5"},
+                      {"two", 0x2, "6"}});
    auto read = [&](uint32_t mask) {
       DVSDataHandle h = nullptr;
       EXPECT_EQ(DVSData_DeserializeWithPropType(&h, b.p(), b.size(), TestAlloc, TestFree, mask),
@@ -140,7 +147,8 @@ TEST_F(BlobTest, DeserializeMasksSelectRecordsByFlag) {
 }
 
 // Runs a writer into a new buffer and returns the blob's bytes.
-template <class W> std::vector<uint8_t> Written(DVSDataHandle h, W w) {
+template <class W>
+std::vector<uint8_t> Written(DVSDataHandle h, W w) {
    void *blob = nullptr;
    uint32_t len = 0;
    EXPECT_EQ(w(&blob, &len), STATUS_OK);
@@ -158,8 +166,10 @@ TEST_F(BlobTest, NameFilterDropsVolatileButKeepsThePersistedPortProperty) {
    l.Add("x.volatile.", "4444", 0x10);
    l.Add("y.volatile." + persist, "55555");
    l.Add("plain", "", 0x18);
-   Blob want = MakeBlob({{persist, 0x20, "22"}, {"volatile", 0x20, "333"},
-                         {"y.volatile." + persist, 0x20, "55555"}, {"plain", 0x18, ""}});
+   Blob want = MakeBlob({{persist, 0x20, "22"},
+                         {"volatile", 0x20, "333"},
+                         {"y.volatile." + persist, 0x20, "55555"},
+                         {"plain", 0x18, ""}});
    EXPECT_EQ(DVSData_SerializedSizeExNamedProp(l.h, 6, ".volatile."), want.size());
    EXPECT_EQ(DVSData_SerializedSizeExNamedProp(l.h, 6, nullptr), l.h->serialSize);
    std::vector<uint8_t> got = Written(l.h, [&](void **b, uint32_t *n) {
@@ -187,9 +197,8 @@ TEST_F(BlobTest, TypeFilterDropsFlagsSharingABitWithTheMask) {
    l.Add("t4", "4", 0x4);
    l.Add("hi", "5", 0x80000000);
    auto write = [&](uint32_t mask) {
-      return Written(l.h, [&](void **b, uint32_t *n) {
-         return DVSData_SerializeExTypeProp(l.h, b, n, mask);
-      });
+      return Written(
+         l.h, [&](void **b, uint32_t *n) { return DVSData_SerializeExTypeProp(l.h, b, n, mask); });
    };
    std::vector<uint8_t> got = write(0x10);
    ExpectBlobMatches(got.data(), (uint32_t)got.size(),
@@ -219,9 +228,8 @@ TEST_F(BlobTest, WholeListWriterBuffersAndVersions) {
          dvsdata_debug = level;
          std::vector<uint8_t> got;
          std::string out = Captured([&] {
-            got = Written(l.h, [&](void **b, uint32_t *n) {
-               return DVSData_Serialize(l.h, b, n, version);
-            });
+            got = Written(
+               l.h, [&](void **b, uint32_t *n) { return DVSData_Serialize(l.h, b, n, version); });
          });
          bool warn = level == 0 && version <= 3;
          EXPECT_EQ(out, warn ? Fmt("DVS version %d is smaller than 6.0.\n", version) : "");
@@ -239,9 +247,9 @@ TEST_F(BlobTest, WholeListWriterBuffersAndVersions) {
       void *blob = nullptr;
       l.h->serialSize = bad;
       std::string out = Captured(
-          [&] { EXPECT_EQ(DVSData_Serialize(l.h, &blob, &len, 6), STATUS_LIMIT_EXCEEDED); });
+         [&] { EXPECT_EQ(DVSData_Serialize(l.h, &blob, &len, 6), STATUS_LIMIT_EXCEEDED); });
       EXPECT_EQ(out, Fmt(why, bad, bad > good ? 12 : 144) +
-                         (bad > good ? ", name NULL, size 0\n" : ", name b, size 144\n"));
+                        (bad > good ? ", name NULL, size 0\n" : ", name b, size 144\n"));
       EXPECT_EQ(blob, nullptr);
    }
    l.h->serialSize = good;

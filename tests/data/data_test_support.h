@@ -32,21 +32,25 @@ inline void *TestAlloc(size_t size) {
       g_alloc.injected = true;
       return nullptr;
    }
-   if (size > (size_t{1} << 30)) return nullptr;  // only an unchecked length asks this much
+   if (size > (size_t{1} << 30))
+      return nullptr;  // only an unchecked length asks this much
    void *p = std::malloc(size ? size : 1);
    std::memset(p, 0xa5, size);
    ++g_alloc.outstanding;
    return p;
 }
 inline void TestFree(void *p) {
-   if (p) --g_alloc.outstanding;
+   if (p)
+      --g_alloc.outstanding;
    std::free(p);
 }
 inline void FailNthFromNow(long n) {
    g_alloc.failAt = g_alloc.calls + n;
    g_alloc.injected = false;
 }
-inline void Disarm() { g_alloc.failAt = 0; }
+inline void Disarm() {
+   g_alloc.failAt = 0;
+}
 
 // Owns a list for the length of a test.
 struct List {
@@ -78,7 +82,8 @@ inline Names_t Names(DVSDataHandle h) {
 
 inline std::string Value(DVSDataHandle h, const char *name) {
    DVSDataEntry *e = nullptr;
-   if (DVSData_Lookup(h, name, &e) != STATUS_OK) return "<absent>";
+   if (DVSData_Lookup(h, name, &e) != STATUS_OK)
+      return "<absent>";
    void *data = nullptr;
    uint32_t n = DVSData_Data(e, &data);
    return std::string(static_cast<const char *>(data), n);
@@ -86,9 +91,12 @@ inline std::string Value(DVSDataHandle h, const char *name) {
 
 // Little-endian field access, written out so as not to borrow the library's.
 inline void PutU32(uint8_t *b, size_t off, uint32_t v) {
-   for (int i = 0; i < 4; ++i) b[off + i] = uint8_t(v >> (8 * i));
+   for (int i = 0; i < 4; ++i)
+      b[off + i] = uint8_t(v >> (8 * i));
 }
-inline void PutU16(uint8_t *b, size_t off, uint16_t v) { b[off] = uint8_t(v), b[off + 1] = uint8_t(v >> 8); }
+inline void PutU16(uint8_t *b, size_t off, uint16_t v) {
+   b[off] = uint8_t(v), b[off + 1] = uint8_t(v >> 8);
+}
 inline uint32_t GetU32(const uint8_t *b, size_t off) {
    return b[off] | b[off + 1] << 8 | b[off + 2] << 16 | uint32_t(b[off + 3]) << 24;
 }
@@ -98,9 +106,11 @@ inline uint32_t GetU32(const uint8_t *b, size_t off) {
 inline uint32_t RefChecksum(const uint8_t *b) {
    int32_t len = (int32_t)GetU32(b, 0), words = len / 4;
    uint32_t sum = 0;
-   for (int32_t w = 8; w < words; ++w) sum += GetU32(b, 4 * w);
+   for (int32_t w = 8; w < words; ++w)
+      sum += GetU32(b, 4 * w);
    if (len % 4 != 0)
-      for (int32_t i = words * 4 > 32 ? words * 4 : 32; i < len; ++i) sum += b[i];
+      for (int32_t i = words * 4 > 32 ? words * 4 : 32; i < len; ++i)
+         sum += b[i];
    return sum;
 }
 
@@ -122,11 +132,13 @@ struct Blob {
 
 inline Blob MakeBlob(const std::vector<Rec> &recs) {
    size_t size = 16;
-   for (const Rec &r : recs) size += (r.data.size() + 146) & ~size_t{3};
+   for (const Rec &r : recs)
+      size += (r.data.size() + 146) & ~size_t{3};
    Blob b{std::vector<uint8_t>(size, 0), std::vector<bool>(size, true)};
    PutU32(b.p(), 0, (uint32_t)size);
    PutU16(b.p(), 8, 1);
-   for (size_t i : {4, 5, 6, 7, 10, 11}) b.defined[i] = false;
+   for (size_t i : {4, 5, 6, 7, 10, 11})
+      b.defined[i] = false;
    size_t off = 12;
    for (const Rec &r : recs) {
       uint32_t serialLen = (uint32_t)((r.data.size() + 146) & ~size_t{3});
@@ -135,8 +147,10 @@ inline Blob MakeBlob(const std::vector<Rec> &recs) {
       PutU32(b.p(), off + 132, r.flag);
       PutU32(b.p(), off + 136, (uint32_t)r.data.size());
       std::memcpy(b.p() + off + 140, r.data.data(), r.data.size());
-      for (size_t i = off + 5 + r.name.size(); i < off + 132; ++i) b.defined[i] = false;
-      for (size_t i = off + 140 + r.data.size(); i < off + serialLen; ++i) b.defined[i] = false;
+      for (size_t i = off + 5 + r.name.size(); i < off + 132; ++i)
+         b.defined[i] = false;
+      for (size_t i = off + 140 + r.data.size(); i < off + serialLen; ++i)
+         b.defined[i] = false;
       off += serialLen;
    }
    b.Reseal();
@@ -149,13 +163,15 @@ inline void ExpectBlobMatches(const void *actual, uint32_t len, const Blob &want
    ASSERT_EQ(len, want.size());
    const uint8_t *a = static_cast<const uint8_t *>(actual);
    for (size_t i = 0; i < len; ++i) {
-      if (!want.defined[i]) continue;
+      if (!want.defined[i])
+         continue;
       ASSERT_EQ(a[i], want.bytes[i]) << "byte " << i;
    }
    EXPECT_EQ(GetU32(a, 4), RefChecksum(a));
 }
 
-template <class F> std::string Captured(F f) {
+template <class F>
+std::string Captured(F f) {
    std::fflush(stdout);
    testing::internal::CaptureStdout();
    f();
@@ -170,7 +186,7 @@ inline std::string Fmt(const char *fmt, unsigned a, unsigned b = 0) {
 
 // Silences the family, resets the allocator and fails a test that leaks.
 class DataTest : public testing::Test {
-protected:
+  protected:
    void SetUp() override { dvsdata_debug = -1, g_alloc = AllocState{}; }
    void TearDown() override {
       dvsdata_debug = -1;

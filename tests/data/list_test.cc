@@ -89,7 +89,8 @@ TEST_F(ListTest, RemoveAndNextKeepTheLinksConsistent) {
    DVSDataEntry *e = reinterpret_cast<DVSDataEntry *>(&l);
    EXPECT_EQ(DVSData_Next(l.h, nullptr, &e), STATUS_NOT_FOUND);
    EXPECT_EQ(e, nullptr);
-   for (const char *n : {"a", "b", "c", "d", "e"}) l.Add(n, n, 0x80000010);
+   for (const char *n : {"a", "b", "c", "d", "e"})
+      l.Add(n, n, 0x80000010);
    uint32_t flag = 0;
    EXPECT_EQ(DVSDataRemove(l.h, "absent", &flag), STATUS_NOT_FOUND);
    EXPECT_EQ(flag, 0x20u);
@@ -99,13 +100,15 @@ TEST_F(ListTest, RemoveAndNextKeepTheLinksConsistent) {
    EXPECT_EQ(DVSDataRemove(l.h, "e", nullptr), STATUS_OK);
    l.Add("f", "f");  // must link after the new tail, not the freed one
    Names_t seen;
-   for (e = nullptr; DVSData_Next(l.h, e, &e) == STATUS_OK;) seen.push_back(DVSData_Name(e));
+   for (e = nullptr; DVSData_Next(l.h, e, &e) == STATUS_OK;)
+      seen.push_back(DVSData_Name(e));
    EXPECT_EQ(seen, (Names_t{"b", "d", "f"}));
    EXPECT_EQ(Names(l.h), seen);
    e = l.h->head;
    EXPECT_EQ(DVSData_Next(l.h, l.h->tail, &e), STATUS_NOT_FOUND);
    EXPECT_EQ(e, nullptr);
-   for (const char *n : {"d", "f", "b"}) EXPECT_EQ(DVSData_Remove(l.h, n), STATUS_OK);
+   for (const char *n : {"d", "f", "b"})
+      EXPECT_EQ(DVSData_Remove(l.h, n), STATUS_OK);
    EXPECT_EQ(l.h->head, nullptr);
    l.Add("g", "g");
    EXPECT_EQ(Names(l.h), Names_t{"g"});

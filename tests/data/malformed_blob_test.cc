@@ -72,7 +72,8 @@ TEST_F(MalformedBlobTest, SingleByteDamageAnywhereIsSurvived) {
          Blob c = b;
          c.bytes[off] ^= x;
          // Re-seal so that damage past the header reaches the record walk.
-         if ((off < 4 || off > 7) && GetU32(c.p(), 0) <= c.size()) c.Reseal();
+         if ((off < 4 || off > 7) && GetU32(c.p(), 0) <= c.size())
+            c.Reseal();
          Statuses s = ReadBoth(c.p(), c.size());
          (s.list == STATUS_OK ? accepted : refused)++;
          // Damage to the checksum or version is always caught.
@@ -91,13 +92,12 @@ TEST_F(MalformedBlobTest, RecordsThatDoNotHoldTheirOwnFieldsAreRefused) {
       void (*edit)(uint8_t *rec);
    };
    const Damage damages[] = {
-       {"serialLen 4", [](uint8_t *r) { PutU32(r, 0, 4); }},
-       {"serialLen 139", [](uint8_t *r) { PutU32(r, 0, 139); }},
-       {"serialLen huge", [](uint8_t *r) { PutU32(r, 0, 0xfffffff0u); }},
-       {"dataLen one past the record",
-        [](uint8_t *r) { PutU32(r, 136, GetU32(r, 0) - 140 + 1); }},
-       {"dataLen wrapping 140 + dataLen", [](uint8_t *r) { PutU32(r, 136, 0xfffffff0u); }},
-       {"name without NUL", [](uint8_t *r) { std::memset(r + 4, 'n', 128); }},
+      {"serialLen 4", [](uint8_t *r) { PutU32(r, 0, 4); }},
+      {"serialLen 139", [](uint8_t *r) { PutU32(r, 0, 139); }},
+      {"serialLen huge", [](uint8_t *r) { PutU32(r, 0, 0xfffffff0u); }},
+      {"dataLen one past the record", [](uint8_t *r) { PutU32(r, 136, GetU32(r, 0) - 140 + 1); }},
+      {"dataLen wrapping 140 + dataLen", [](uint8_t *r) { PutU32(r, 136, 0xfffffff0u); }},
+      {"name without NUL", [](uint8_t *r) { std::memset(r + 4, 'n', 128); }},
    };
    const std::string noNul(128, 'n');
    for (const Damage &d : damages) {

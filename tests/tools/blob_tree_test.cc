@@ -52,8 +52,8 @@ TEST(BlobTree, TextShowsHeaderValuesAndNestedRecords) {
    uint32_t checksum;
    std::memcpy(&checksum, blob.data() + 4, sizeof checksum);
    char header[80];
-   std::snprintf(header, sizeof header, "blob: length %zu, 5 records, checksum 0x%08x",
-                 blob.size(), checksum);
+   std::snprintf(header, sizeof header, "blob: length %zu, 5 records, checksum 0x%08x", blob.size(),
+                 checksum);
    EXPECT_TRUE(HasLine(text, header)) << text;
 
    // Names padded to the longest sibling, lengths right-aligned.
@@ -66,10 +66,10 @@ TEST(BlobTree, TextShowsHeaderValuesAndNestedRecords) {
 
    // Nested records sit two spaces deeper, right under their property.
    const size_t global = text.find("  globalPropList  flag 0x00000010  len 316  blob, 2 records");
-   const size_t alias = text.find(
-      "\n    com.ostrel.common.alias     flag 0x00000020  len 9  \"dvs-demo\"\n");
-   const size_t mtu = text.find(
-      "\n    com.ostrel.etherswitch.mtu  flag 0x00000020  len 4  28 23 00 00\n");
+   const size_t alias =
+      text.find("\n    com.ostrel.common.alias     flag 0x00000020  len 9  \"dvs-demo\"\n");
+   const size_t mtu =
+      text.find("\n    com.ostrel.etherswitch.mtu  flag 0x00000020  len 4  28 23 00 00\n");
    const size_t host = text.find("  hostPropList    flag 0x00000010  len  16  blob, 0 records");
    ASSERT_NE(global, std::string::npos) << text;
    EXPECT_TRUE(global < alias && alias < mtu && mtu < host) << text;

@@ -17,7 +17,8 @@ namespace {
 constexpr uint32_t kSwitchProp = 0x10;
 constexpr uint32_t kConfigProp = 0x20;
 
-constexpr const char *kShowFooter = R"(Text output: a header line (length, record count, checksum), then one line
+constexpr const char *kShowFooter =
+   R"(Text output: a header line (length, record count, checksum), then one line
 per property: name, flag, length and value.  A value is shown as "text"
 when it is printable ASCII (a trailing NUL is dropped), as hex bytes
 otherwise (first 64 bytes unless --full), and as its own indented records

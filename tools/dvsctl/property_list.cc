@@ -61,8 +61,7 @@ PropertyListBuilder &PropertyListBuilder::AppendU32(std::string_view name, uint3
 Bytes PropertyListBuilder::Serialize() const {
    void *raw = nullptr;
    uint32_t len = 0;
-   const ReturnStatus status =
-      DVSData_Serialize(list_.get(), &raw, &len, DVSDATA_BLOB_VERSION);
+   const ReturnStatus status = DVSData_Serialize(list_.get(), &raw, &len, DVSDATA_BLOB_VERSION);
    AssocDataPtr blob(raw, AssocDataDeleter{list_.get()});
    if (status != STATUS_OK) {
       throw Error("cannot serialize property list: " + DescribeStatus(status));
@@ -77,9 +76,8 @@ ReturnStatus DecodeList(const Bytes &blob, uint32_t typeMask, ListPtr &out) {
       return STATUS_LIMIT_EXCEEDED;
    }
    DVSDataHandle h = nullptr;
-   const ReturnStatus status =
-      DVSData_DeserializeWithPropType(&h, blob.data(), static_cast<uint32_t>(blob.size()),
-                                      std::malloc, std::free, typeMask);
+   const ReturnStatus status = DVSData_DeserializeWithPropType(
+      &h, blob.data(), static_cast<uint32_t>(blob.size()), std::malloc, std::free, typeMask);
    if (status == STATUS_OK) {
       out.reset(h);
    }

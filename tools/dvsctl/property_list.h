@@ -35,21 +35,20 @@ std::string DescribeStatus(ReturnStatus status);
 // Builds a property list and turns it into a blob.  Errors throw
 // dvsctl::Error naming the property concerned.
 class PropertyListBuilder {
-public:
+  public:
    PropertyListBuilder();
 
    PropertyListBuilder &Append(std::string_view name, const void *data, uint32_t len,
                                uint32_t flag);
    PropertyListBuilder &Append(std::string_view name, const Bytes &value, uint32_t flag);
    // The string and its terminating NUL.
-   PropertyListBuilder &AppendString(std::string_view name, std::string_view value,
-                                     uint32_t flag);
+   PropertyListBuilder &AppendString(std::string_view name, std::string_view value, uint32_t flag);
    // A host-order 32-bit integer.
    PropertyListBuilder &AppendU32(std::string_view name, uint32_t value, uint32_t flag);
 
    Bytes Serialize() const;
 
-private:
+  private:
    ListPtr list_;
 };
 

@@ -9,25 +9,23 @@
 
 namespace {
 
-void
-RunThreads(int n, const std::function<void(int)> &body)
-{
+void RunThreads(int n, const std::function<void(int)> &body) {
    std::vector<std::thread> threads;
    for (int t = 0; t < n; t++) {
       threads.emplace_back(body, t);
    }
-   for (auto &th : threads) th.join();
+   for (auto &th : threads)
+      th.join();
 }
 
-TEST(RecLock, NestedAcquireFromSeveralThreadsCountsExactly)
-{
+TEST(RecLock, NestedAcquireFromSeveralThreadsCountsExactly) {
    static KRecLock *lock = nullptr;
    ASSERT_EQ(KLock_CreateSingletonRecLockInt(&lock, "counter", 10), STATUS_OK);
    EXPECT_STREQ(KLock_Name(lock), "counter");
    EXPECT_EQ(KLock_Rank(lock), 10u);
 
    constexpr int kThreads = 4, kIterations = 20000;
-   long counter = 0; // deliberately not atomic: only the lock protects it
+   long counter = 0;  // deliberately not atomic: only the lock protects it
    std::atomic<int> wrongOwnership{0};
    RunThreads(kThreads, [&](int) {
       for (int i = 0; i < kIterations; i++) {
@@ -35,7 +33,7 @@ TEST(RecLock, NestedAcquireFromSeveralThreadsCountsExactly)
          KLock_AcquireRecLock(lock);
          counter++;
          KLock_ReleaseRecLock(lock);
-         wrongOwnership += !KLock_IsLockedByCaller(lock); // still held once
+         wrongOwnership += !KLock_IsLockedByCaller(lock);  // still held once
          KLock_ReleaseRecLock(lock);
          wrongOwnership += KLock_IsLockedByCaller(lock);
       }
@@ -44,8 +42,7 @@ TEST(RecLock, NestedAcquireFromSeveralThreadsCountsExactly)
    EXPECT_EQ(wrongOwnership.load(), 0);
 }
 
-TEST(RecLock, ConcurrentSingletonCreationYieldsOneLock)
-{
+TEST(RecLock, ConcurrentSingletonCreationYieldsOneLock) {
    // Many rounds on fresh slots make a simultaneous first creation likely even
    // on few cores.  Static slots keep the locks reachable, so a lock that was
    // created and then lost shows up as an ASan leak.
@@ -55,7 +52,8 @@ TEST(RecLock, ConcurrentSingletonCreationYieldsOneLock)
       std::atomic<int> arrived{0};
       std::vector<KRecLock *> seen(kThreads);
       RunThreads(kThreads, [&](int t) {
-         for (arrived++; arrived.load() < kThreads;) std::this_thread::yield();
+         for (arrived++; arrived.load() < kThreads;)
+            std::this_thread::yield();
          EXPECT_EQ(KLock_CreateSingletonRecLockInt(&storage, "race", 5), STATUS_OK);
          seen[t] = storage;
       });
@@ -64,8 +62,7 @@ TEST(RecLock, ConcurrentSingletonCreationYieldsOneLock)
    }
 }
 
-TEST(RecLock, RankOrder)
-{
+TEST(RecLock, RankOrder) {
    static KRecLock *hyp = nullptr, *state = nullptr, *peerA = nullptr, *peerB = nullptr;
    ASSERT_EQ(KLock_CreateSingletonRecLockInt(&hyp, "dvshyp", 0xfefffffe), STATUS_OK);
    ASSERT_EQ(KLock_CreateSingletonRecLockInt(&state, "dvsstate", 0xfeffffff), STATUS_OK);
@@ -74,11 +71,13 @@ TEST(RecLock, RankOrder)
 
    // Ascending order, and re-taking held locks in any order, are fine; so is
    // releasing out of order.
-   for (KRecLock *l : {hyp, state, state, hyp}) KLock_AcquireRecLock(l);
+   for (KRecLock *l : {hyp, state, state, hyp})
+      KLock_AcquireRecLock(l);
    EXPECT_TRUE(KLock_IsLockedByCaller(hyp) && KLock_IsLockedByCaller(state));
-   for (KRecLock *l : {hyp, hyp, state, state}) KLock_ReleaseRecLock(l);
+   for (KRecLock *l : {hyp, hyp, state, state})
+      KLock_ReleaseRecLock(l);
    EXPECT_FALSE(KLock_IsLockedByCaller(hyp) || KLock_IsLockedByCaller(state));
-   KLock_AcquireRecLock(hyp); // the list of held locks is empty again
+   KLock_AcquireRecLock(hyp);  // the list of held locks is empty again
    KLock_ReleaseRecLock(hyp);
 
 #ifdef HOSTLIBS_LOCK_RANK_CHECK
@@ -88,9 +87,9 @@ TEST(RecLock, RankOrder)
    EXPECT_DEATH((KLock_AcquireRecLock(peerA), KLock_AcquireRecLock(peerB)), "\"peerB\".*\"peerA\"");
    EXPECT_DEATH(KLock_ReleaseRecLock(state), "\"dvsstate\".*not held");
 #else
-   KLock_ReleaseRecLock(state); // not held: ignored
+   KLock_ReleaseRecLock(state);  // not held: ignored
    EXPECT_FALSE(KLock_IsLockedByCaller(state));
 #endif
 }
 
-} // namespace
+}  // namespace

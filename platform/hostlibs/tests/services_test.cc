@@ -14,17 +14,16 @@ namespace {
 
 /* Restores an environment variable when the test ends. */
 struct EnvGuard {
-   explicit EnvGuard(const char *n) : name(n)
-   {
-      if (const char *v = getenv(n)) saved = v;
+   explicit EnvGuard(const char *n) : name(n) {
+      if (const char *v = getenv(n))
+         saved = v;
    }
    ~EnvGuard() { saved ? setenv(name, saved->c_str(), 1) : unsetenv(name); }
    const char *name;
    std::optional<std::string> saved;
 };
 
-TEST(Ksi, MaxPortsFromEnvironment)
-{
+TEST(Ksi, MaxPortsFromEnvironment) {
    EnvGuard guard(KSI_MAX_PORTS_ENV);
    const uint16_t node = KSI_NODE_net_maxPortsSystemWide;
    uint32_t v = 0;
@@ -49,8 +48,7 @@ TEST(Ksi, MaxPortsFromEnvironment)
    EXPECT_EQ(KSI_CheckSig("test", KSI_SIGNATURE_VERSION + 1), STATUS_NOT_SUPPORTED);
 }
 
-TEST(Strings, CopyFormatAndErrnoText)
-{
+TEST(Strings, CopyFormatAndErrnoText) {
    char buf[4];
    EXPECT_STREQ(Str_Strcpy(buf, "hello", sizeof buf), "hel");
    EXPECT_STREQ(Str_Strcpy(buf, "abc", sizeof buf), "abc");
@@ -71,7 +69,8 @@ TEST(Strings, CopyFormatAndErrnoText)
    std::string texts[2];
    auto worker = [&](int i) {
       const char *t = Err_Errno2String(10001 + i);
-      for (ready++; ready.load() < 2;) std::this_thread::yield();
+      for (ready++; ready.load() < 2;)
+         std::this_thread::yield();
       texts[i] = t;
    };
    std::thread a(worker, 0), b(worker, 1);
@@ -80,27 +79,32 @@ TEST(Strings, CopyFormatAndErrnoText)
    EXPECT_NE(texts[1].find("10002"), std::string::npos) << texts[1];
 }
 
-TEST(Strings, StatusTexts)
-{
-   const std::pair<ReturnStatus, const char *> known[] = {
-      {STATUS_OK, "Success"}, {STATUS_FAILURE, "Failure"}, {STATUS_NOT_FOUND, "Not found"},
-      {STATUS_EXISTS, "Already exists"}, {STATUS_LIMIT_EXCEEDED, "Limit exceeded"},
-      {STATUS_BAD_PARAM, "Bad parameter"}, {STATUS_EMPTY, "Empty"}, {STATUS_IO_ERROR, "I/O error"},
-      {STATUS_READ_ERROR, "Read error"}, {STATUS_WRITE_ERROR, "Write error"},
-      {STATUS_NO_MEMORY, "Out of memory"}, {STATUS_NOT_SUPPORTED, "Not supported"},
-      {STATUS_BAD_CHECKSUM, "Bad checksum"}};
-   for (const auto &[code, text] : known) EXPECT_STREQ(HYP_ReturnStatusToString(code), text);
+TEST(Strings, StatusTexts) {
+   const std::pair<ReturnStatus, const char *> known[] = {{STATUS_OK, "Success"},
+                                                          {STATUS_FAILURE, "Failure"},
+                                                          {STATUS_NOT_FOUND, "Not found"},
+                                                          {STATUS_EXISTS, "Already exists"},
+                                                          {STATUS_LIMIT_EXCEEDED, "Limit exceeded"},
+                                                          {STATUS_BAD_PARAM, "Bad parameter"},
+                                                          {STATUS_EMPTY, "Empty"},
+                                                          {STATUS_IO_ERROR, "I/O error"},
+                                                          {STATUS_READ_ERROR, "Read error"},
+                                                          {STATUS_WRITE_ERROR, "Write error"},
+                                                          {STATUS_NO_MEMORY, "Out of memory"},
+                                                          {STATUS_NOT_SUPPORTED, "Not supported"},
+                                                          {STATUS_BAD_CHECKSUM, "Bad checksum"}};
+   for (const auto &[code, text] : known)
+      EXPECT_STREQ(HYP_ReturnStatusToString(code), text);
    EXPECT_STREQ(HYP_ReturnStatusToString(0xbad0099u), "Unknown status 0xbad0099");
 }
 
-TEST(Log, StderrOnlyWhenRequested)
-{
+TEST(Log, StderrOnlyWhenRequested) {
    EnvGuard guard(HOSTLIBS_LOG_STDERR_ENV);
    setenv(HOSTLIBS_LOG_STDERR_ENV, "1", 1);
    testing::internal::CaptureStderr();
    Log(LOG_LEVEL_INFO, "port %d of %s", 7, "sw0");
    Log(LOG_LEVEL_ERROR, "ends with newline\n");
-   Log(-3, "%s", std::string(2000, 'L').c_str()); // longer than any stack buffer
+   Log(-3, "%s", std::string(2000, 'L').c_str());  // longer than any stack buffer
    EXPECT_EQ(testing::internal::GetCapturedStderr(),
              "port 7 of sw0\nends with newline\n" + std::string(2000, 'L') + "\n");
 
@@ -110,4 +114,4 @@ TEST(Log, StderrOnlyWhenRequested)
    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-} // namespace
+}  // namespace
