@@ -1,6 +1,7 @@
 # Front end over CMake.
 #   make demo                 set up, build, run the main job
-#   make test                 set up, build, run every test; then again under ASan+UBSan
+#   make test                 set up, build, run every test; then again under ASan+UBSan;
+#                             then the switch-state concurrency test under TSan
 #   make install PREFIX=dir   install headers, libraries, pkg-config file, CMake package
 #   make bench                run the benchmarks
 
@@ -8,10 +9,12 @@ PREFIX ?= /usr/local
 JOBS   ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD  ?= build
 ASAN_BUILD ?= build-asan
+TSAN_BUILD ?= build-tsan
 
 CMAKE_COMMON = -DDVS_LOCK_RANK_CHECK=ON
+TSAN_FLAGS   = -fsanitize=thread
 
-.PHONY: all setup build build-asan demo test test-plain test-asan install bench clean
+.PHONY: all setup build build-asan build-tsan demo test test-plain test-asan test-tsan install bench clean
 
 all: build
 
@@ -24,11 +27,21 @@ $(BUILD)/CMakeCache.txt: | setup
 $(ASAN_BUILD)/CMakeCache.txt: | setup
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDVS_SANITIZE=ON -DDVS_BUILD_BENCH=OFF $(CMAKE_COMMON)
 
+# ThreadSanitizer: only the threaded tests are built and run.
+$(TSAN_BUILD)/CMakeCache.txt: | setup
+	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDVS_BUILD_TOOLS=OFF \
+	  -DDVS_BUILD_BENCH=OFF -DCMAKE_C_FLAGS=$(TSAN_FLAGS) -DCMAKE_CXX_FLAGS=$(TSAN_FLAGS) \
+	  -DCMAKE_EXE_LINKER_FLAGS=$(TSAN_FLAGS) -DCMAKE_SHARED_LINKER_FLAGS=$(TSAN_FLAGS) \
+	  $(CMAKE_COMMON)
+
 build: setup $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
 
 build-asan: setup $(ASAN_BUILD)/CMakeCache.txt
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+build-tsan: setup $(TSAN_BUILD)/CMakeCache.txt
+	cmake --build $(TSAN_BUILD) -j $(JOBS) --target state_concurrency_test hostlibs_test
 
 demo: build
 	@bash tools/demo.sh $(BUILD)
@@ -41,7 +54,11 @@ test-asan: build-asan
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
-test: test-plain test-asan
+test-tsan: build-tsan
+	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/state/state_concurrency_test
+	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/platform/hostlibs/tests/hostlibs_test
+
+test: test-plain test-asan test-tsan
 
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
@@ -50,4 +67,4 @@ bench: build
 	$(BUILD)/bench/dvs_bench
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)

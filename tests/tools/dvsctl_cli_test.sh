@@ -36,6 +36,23 @@ roundtrip)
   grep -q '"name": "globalPropList"' "$work/json" || fail "json: $(cat "$work/json")"
   grep -q '"text": "dvs-demo"' "$work/json" || fail "json: $(cat "$work/json")"
   ;;
+state)
+  # A registry built by the library, shown switch by switch; a plain switch
+  # blob is refused.
+  "$dvsctl" state make-sample "$work/host.blob"
+  "$dvsctl" state show "$work/host.blob" >"$work/text"
+  grep -q '^switch .*  class etherswitch  version 6  maxPorts [0-9]*  alias dvs-prod$' "$work/text" ||
+    fail "text: $(cat "$work/text")"
+  grep -q '^switch lab-0  class labswitch  version 100  maxPorts 16  alias dvs-lab$' "$work/text" ||
+    fail "text: $(cat "$work/text")"
+  grep -q '^    10  shadow  *alias web-01 ' "$work/text" || fail "text: $(cat "$work/text")"
+  "$dvsctl" state show --json - <"$work/host.blob" | grep -q '"type": "local-cache"' ||
+    fail "json: no local-cache port"
+  rc=0
+  "$dvsctl" state show "$work/sample.blob" >/dev/null 2>"$work/err" || rc=$?
+  [ "$rc" -eq 1 ] && grep -q 'not a host configuration blob' "$work/err" ||
+    fail "switch blob: status $rc, $(cat "$work/err")"
+  ;;
 *)
   fail "unknown case $case_name"
   ;;

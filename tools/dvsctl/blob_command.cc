@@ -39,13 +39,6 @@ struct ShowOptions {
    bool full = false;
 };
 
-void Flush(std::ostream &out) {
-   out.flush();
-   if (!out) {
-      throw Error("<stdout>: cannot write output");
-   }
-}
-
 void RunShow(const ShowOptions &options) {
    const Bytes blob = ReadAll(options.path);
    BlobTree tree;
@@ -62,7 +55,7 @@ void RunShow(const ShowOptions &options) {
       }
       std::cout << RenderText(tree, text);
    }
-   Flush(std::cout);
+   FlushOutput(std::cout);
 }
 
 }  // namespace

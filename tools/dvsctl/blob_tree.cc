@@ -127,25 +127,6 @@ std::string Quote(const std::string &text) {
    return out + "\"";
 }
 
-// A name as text output shows it: bytes outside printable ASCII become
-// \xNN (a damaged or foreign blob must not put control characters on the
-// terminal) and a backslash is doubled, so the escape stays unambiguous.
-std::string EscapeName(const std::string &name) {
-   std::string out;
-   for (unsigned char c : name) {
-      if (c == '\\') {
-         out += "\\\\";
-      } else if (c >= 0x20 && c <= 0x7e) {
-         out += static_cast<char>(c);
-      } else {
-         out += "\\x";
-         out += kDigits[c >> 4];
-         out += kDigits[c & 0xf];
-      }
-   }
-   return out;
-}
-
 std::string Summary(const BlobTree &tree) {
    char buf[96];
    const size_t n = tree.properties.size();
@@ -219,6 +200,25 @@ nlohmann::ordered_json BlobJson(const BlobTree &tree) {
 
 }  // namespace
 
+// A name as text output shows it: bytes outside printable ASCII become
+// \xNN (a damaged or foreign blob must not put control characters on the
+// terminal) and a backslash is doubled, so the escape stays unambiguous.
+std::string EscapeName(const std::string &name) {
+   std::string out;
+   for (unsigned char c : name) {
+      if (c == '\\') {
+         out += "\\\\";
+      } else if (c >= 0x20 && c <= 0x7e) {
+         out += static_cast<char>(c);
+      } else {
+         out += "\\x";
+         out += kDigits[c >> 4];
+         out += kDigits[c & 0xf];
+      }
+   }
+   return out;
+}
+
 ReturnStatus DecodeBlobTree(const Bytes &blob, BlobTree &tree) {
    return Decode(blob, 0, tree);
 }
@@ -226,6 +226,12 @@ ReturnStatus DecodeBlobTree(const Bytes &blob, BlobTree &tree) {
 std::string RenderText(const BlobTree &tree, const TextOptions &options) {
    std::string out = "blob: length " + std::to_string(tree.length) + ", " + Summary(tree) + "\n";
    RenderRecords(tree, 2, options, out);
+   return out;
+}
+
+std::string RenderRecordLines(const BlobTree &tree, size_t indent, const TextOptions &options) {
+   std::string out;
+   RenderRecords(tree, indent, options, out);
    return out;
 }
 

@@ -69,6 +69,15 @@ struct TextOptions {
 //       com.ostrel.common.alias     flag 0x00000020  len 9  "dvs-demo"
 std::string RenderText(const BlobTree &tree, const TextOptions &options = {});
 
+// Just the record lines of RenderText(), the first level indented by
+// `indent` spaces; for views that print a blob's records under headings of
+// their own.
+std::string RenderRecordLines(const BlobTree &tree, size_t indent, const TextOptions &options = {});
+
+// A name as the text output shows it: bytes outside printable ASCII as
+// \xNN, a backslash doubled.
+std::string EscapeName(const std::string &name);
+
 // The tree as JSON:
 //   {"length": N, "checksum": N, "properties": [P...]}
 // where each P is

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <ostream>
 
 #include <hostlibs.h>
 
@@ -28,6 +29,13 @@ std::string DisplayName(const std::string &path, bool writing) {
       return writing ? "<stdout>" : "<stdin>";
    }
    return path;
+}
+
+void FlushOutput(std::ostream &out) {
+   out.flush();
+   if (!out) {
+      throw Error("<stdout>: cannot write output");
+   }
 }
 
 Bytes ReadAll(const std::string &path) {

@@ -7,6 +7,7 @@
 #define DVSCTL_IO_H
 
 #include <cstdint>
+#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,10 @@ Bytes ReadAll(const std::string &path);
 
 // Replaces `path` (or writes standard output for "-") with `data`.
 void WriteAll(const std::string &path, const Bytes &data);
+
+// Flushes a command's output stream; throws when it could not be written
+// (a closed pipe, a full disk).
+void FlushOutput(std::ostream &out);
 
 // How messages name `path`: "<stdin>"/"<stdout>" for "-".
 std::string DisplayName(const std::string &path, bool writing = false);

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <dvsdata.h>
 
@@ -47,6 +48,10 @@ class PropertyListBuilder {
    PropertyListBuilder &AppendU32(std::string_view name, uint32_t value, uint32_t flag);
 
    Bytes Serialize() const;
+
+   // Hands the list itself to the caller (for APIs that take a list); the
+   // builder is empty afterwards.
+   ListPtr Release() { return std::move(list_); }
 
   private:
    ListPtr list_;

@@ -1,0 +1,223 @@
+// state_command.cc -- the "dvsctl state" command family.
+#include "state_command.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include <dvsstate.h>
+
+#include "blob_tree.h"
+#include "error.h"
+#include "host_blob_view.h"
+#include "property_list.h"
+
+namespace dvsctl {
+namespace {
+
+constexpr uint32_t kConfigProp = 0x20;
+
+// The sample's switches: one registered by UUID text, one by a plain name.
+constexpr const char *kProdSwitch = "5c 1a 30 e2 7b 44 4f 0d-9a 61 c8 22 3e 10 b7 04";
+constexpr const char *kLabSwitch = "lab-0";
+
+constexpr const char *kShowFooter =
+   R"(A host configuration blob holds one switch blob per switch, named by the
+switch id.  Each switch is shown as a summary line (class, version, port
+limit, alias), its global and host properties, and its ports: id, type,
+alias and number of properties, then the port's properties.  A port's
+type travels only in its "com.ostrel.common.port.volatile.type" property;
+a port without one is shown as "active?".  Fields that are malformed are
+shown as <invalid>, with a "problem:" line saying why.  Property values
+are shown as "dvsctl blob show" shows them.
+
+JSON output (--json):
+  {"switches": [{"id": S, "className": S, "version": N, "maxPorts": N,
+                 "alias": S, "global": [P, ...], "host": [P, ...],
+                 "ports": [{"id": S, "type": S, "alias": S,
+                            "properties": [P, ...]}, ...]}, ...]}
+  with P as in "dvsctl blob show --json"; an unset field is null, and a
+  switch or port with problems also carries "problems": [S, ...].)";
+
+struct ShowOptions {
+   std::string path;
+   bool json = false;
+   bool full = false;
+};
+
+void RunShow(const ShowOptions &options) {
+   const Bytes blob = ReadAll(options.path);
+   const std::string name = DisplayName(options.path);
+   BlobTree tree;
+   const ReturnStatus status = DecodeBlobTree(blob, tree);
+   if (status != STATUS_OK) {
+      throw Error(name + ": cannot decode blob: " + DescribeStatus(status));
+   }
+   HostBlobView view;
+   std::string reason;
+   if (!BuildHostBlobView(tree, view, reason)) {
+      throw Error(name + ": not a host configuration blob: " + reason);
+   }
+   if (options.json) {
+      std::cout << RenderHostJson(view).dump(2, ' ', false,
+                                             nlohmann::ordered_json::error_handler_t::replace)
+                << '\n';
+   } else {
+      TextOptions text;
+      if (options.full) {
+         text.hexLimit = 0;
+      }
+      std::cout << RenderHostText(view, text);
+   }
+   FlushOutput(std::cout);
+}
+
+void Check(ReturnStatus status, const std::string &what) {
+   if (status != STATUS_OK) {
+      throw Error(what + ": " + DescribeStatus(status));
+   }
+}
+
+// Empties the process-wide registry when the sample is done with it,
+// whether or not it was completed.
+struct RegistryReset {
+   RegistryReset() = default;
+   RegistryReset(const RegistryReset &) = delete;
+   RegistryReset &operator=(const RegistryReset &) = delete;
+   ~RegistryReset() { DVSState_ConfigReset(); }
+};
+
+// Port data: the alias, and the type when it should show in the blob
+// (type 0: leave it out).
+PropertyListBuilder PortData(const char *alias, uint32_t type) {
+   PropertyListBuilder data;
+   data.AppendString(DVS_PROP_PORT_ALIAS, alias, kConfigProp);
+   if (type != 0) {
+      data.AppendU32(DVS_PROP_PORT_TYPE, type, kConfigProp);
+   }
+   return data;
+}
+
+std::string PortName(const char *swId, const char *portId) {
+   return std::string("port ") + portId + " of switch " + swId;
+}
+
+void AddSwitch(const char *id, const char *className, uint32_t maxPorts, uint32_t version,
+               const char *alias) {
+   Check(DVSState_SwitchAdd(id, className, maxPorts, version),
+         std::string("cannot add switch ") + id);
+   Check(DVSState_GlobalPropSet(id, DVS_PROP_SWITCH_ALIAS, alias,
+                                static_cast<uint32_t>(std::strlen(alias) + 1), kConfigProp),
+         std::string("cannot set the alias of switch ") + id);
+}
+
+void SetU32(ReturnStatus (*set)(const char *, const char *, const void *, uint32_t, uint32_t),
+            const char *swId, const char *name, uint32_t value) {
+   Check(set(swId, name, &value, sizeof value, kConfigProp),
+         std::string("cannot set ") + name + " on switch " + swId);
+}
+
+void SetText(ReturnStatus (*set)(const char *, const char *, const void *, uint32_t, uint32_t),
+             const char *swId, const char *name, const char *value) {
+   Check(set(swId, name, value, static_cast<uint32_t>(std::strlen(value) + 1), kConfigProp),
+         std::string("cannot set ") + name + " on switch " + swId);
+}
+
+// A port that is added owns its data list from then on; after a failed
+// add the list is still ours and is freed here.
+void AddPort(ReturnStatus (*add)(const char *, const char *, DVSDataHandle), const char *swId,
+             const char *portId, PropertyListBuilder data) {
+   ListPtr list = data.Release();
+   Check(add(swId, portId, list.get()), "cannot add " + PortName(swId, portId));
+   list.release();
+}
+
+void AddShadowPort(const char *swId, const char *portId, const PropertyListBuilder &data) {
+   const Bytes blob = data.Serialize();
+   Check(DVSState_PortAddShadow(swId, portId, blob.data(), static_cast<uint32_t>(blob.size())),
+         "cannot add shadow " + PortName(swId, portId));
+}
+
+// Zombie ports have no add call of their own: they go through the
+// switch-level add, under the registry lock.
+void AddZombiePort(const char *swId, const char *portId, PropertyListBuilder data) {
+   struct Lock {
+      KRecLock *held = DVSwitchHandleLock();
+      ~Lock() { DVSwitchHandleUnlock(held); }
+   } lock;
+   DVSwitch *dvs = DVSState_SwitchFind(swId);
+   if (dvs == nullptr) {
+      Check(STATUS_NOT_FOUND, std::string("cannot find switch ") + swId);
+   }
+   ListPtr list = data.Release();
+   Check(DVSStatePortAdd(dvs, portId, list.get(), DVS_PORT_ZOMBIE, nullptr),
+         "cannot add zombie " + PortName(swId, portId));
+   list.release();
+}
+
+void RunMakeSample(const std::string &path) {
+   WriteAll(path, MakeSampleHostBlob());
+}
+
+}  // namespace
+
+Bytes MakeSampleHostBlob() {
+   RegistryReset reset;
+
+   // An etherswitch may use every port the host allows: the registry keeps
+   // the host's limit rather than the 128 asked for here.
+   AddSwitch(kProdSwitch, "etherswitch", 128, 6, "dvs-prod");
+   SetU32(DVSState_GlobalPropSet, kProdSwitch, "com.ostrel.etherswitch.mtu", 9000);
+   SetText(DVSState_HostPropSet, kProdSwitch, "com.ostrel.etherswitch.uplinks", "eth0,eth1");
+   // Port 10 is active here and has a shadow copy; the active one carries
+   // no type property, as ports usually do not.
+   PropertyListBuilder web = PortData("web-01", 0);
+   web.AppendU32("com.ostrel.etherswitch.vlan", 20, kConfigProp);
+   AddPort(DVSState_PortAdd, kProdSwitch, "10", std::move(web));
+   AddShadowPort(kProdSwitch, "10", PortData("web-01", DVS_PORT_SHADOW));
+   AddPort(DVSState_PortAdd, kProdSwitch, "11", PortData("db-01", DVS_PORT_ACTIVE));
+   AddZombiePort(kProdSwitch, "12", PortData("old-vm", DVS_PORT_ZOMBIE));
+
+   AddSwitch(kLabSwitch, "labswitch", 16, 100, "dvs-lab");
+   SetText(DVSState_HostPropSet, kLabSwitch, "com.ostrel.labswitch.vlan-range", "100-199");
+   AddPort(DVSState_PortAdd, kLabSwitch, "1", PortData("probe-a", DVS_PORT_ACTIVE));
+   AddPort(DVSState_LocalCachePortAdd, kLabSwitch, "2", PortData("probe-b", DVS_PORT_LOCAL_CACHE));
+
+   void *raw = nullptr;
+   uint32_t len = 0;
+   const ReturnStatus status = DVSState_ConfigSerialize(&raw, &len);
+   const std::unique_ptr<void, decltype(&std::free)> blob(raw, &std::free);
+   Check(status, "cannot serialize the registry");
+   const auto *bytes = static_cast<const uint8_t *>(blob.get());
+   return bytes != nullptr ? Bytes(bytes, bytes + len) : Bytes{};
+}
+
+void AddStateCommand(CLI::App &app) {
+   CLI::App *state =
+      app.add_subcommand("state", "Inspect and build host configuration blobs of switch state");
+   state->require_subcommand(1);
+
+   auto show = std::make_shared<ShowOptions>();
+   CLI::App *showCmd =
+      state->add_subcommand("show", "Print a host configuration blob as switches and ports");
+   showCmd->add_option("file", show->path, "Blob file, or - to read standard input")
+      ->required()
+      ->type_name("FILE|-");
+   showCmd->add_flag("--json", show->json, "Print JSON instead of text");
+   showCmd->add_flag("--full", show->full, "Do not shorten long hex values");
+   showCmd->footer(kShowFooter);
+   showCmd->callback([show] { RunShow(*show); });
+
+   auto samplePath = std::make_shared<std::string>();
+   CLI::App *sampleCmd = state->add_subcommand(
+      "make-sample", "Build a small switch registry and write its host configuration blob");
+   sampleCmd->add_option("file", *samplePath, "Output file, or - for standard output")
+      ->required()
+      ->type_name("FILE|-");
+   sampleCmd->callback([samplePath] { RunMakeSample(*samplePath); });
+}
+
+}  // namespace dvsctl

@@ -1,0 +1,22 @@
+// state_command.h -- the "dvsctl state" command family: host configuration
+// blobs of the switch registry.
+#ifndef DVSCTL_STATE_COMMAND_H
+#define DVSCTL_STATE_COMMAND_H
+
+#include <CLI/CLI.hpp>
+
+#include "io.h"
+
+namespace dvsctl {
+
+// Adds "state" and its subcommands (show, make-sample) to `app`.
+void AddStateCommand(CLI::App &app);
+
+// Builds a small registry in this process (two switches, ports of every
+// type), returns its host configuration blob and empties the registry
+// again.  Library failures throw dvsctl::Error with the status text.
+Bytes MakeSampleHostBlob();
+
+}  // namespace dvsctl
+
+#endif  // DVSCTL_STATE_COMMAND_H
