@@ -8,6 +8,7 @@
 #include "blob_tree.h"
 #include "error.h"
 #include "property_list.h"
+#include "subcommands.h"
 
 namespace dvsctl {
 namespace {
@@ -33,12 +34,6 @@ JSON output (--json):
   All numbers are decimal JSON integers.  A blob holding records with
   flag 0, which are not listed, also carries "hidden": N.)";
 
-struct ShowOptions {
-   std::string path;
-   bool json = false;
-   bool full = false;
-};
-
 void RunShow(const ShowOptions &options) {
    const Bytes blob = ReadAll(options.path);
    BlobTree tree;
@@ -49,11 +44,7 @@ void RunShow(const ShowOptions &options) {
    if (options.json) {
       std::cout << RenderJsonText(tree);
    } else {
-      TextOptions text;
-      if (options.full) {
-         text.hexLimit = 0;
-      }
-      std::cout << RenderText(tree, text);
+      std::cout << RenderText(tree, options.Text());
    }
    FlushOutput(std::cout);
 }
@@ -79,23 +70,9 @@ void AddBlobCommand(CLI::App &app) {
    CLI::App *blob = app.add_subcommand("blob", "Inspect and build property blobs");
    blob->require_subcommand(1);
 
-   auto show = std::make_shared<ShowOptions>();
-   CLI::App *showCmd = blob->add_subcommand("show", "Print the records of a property blob");
-   showCmd->add_option("file", show->path, "Blob file, or - to read standard input")
-      ->required()
-      ->type_name("FILE|-");
-   showCmd->add_flag("--json", show->json, "Print JSON instead of text");
-   showCmd->add_flag("--full", show->full, "Do not shorten long hex values");
-   showCmd->footer(kShowFooter);
-   showCmd->callback([show] { RunShow(*show); });
-
-   auto samplePath = std::make_shared<std::string>();
-   CLI::App *sampleCmd =
-      blob->add_subcommand("make-sample", "Write a small sample blob with nested lists");
-   sampleCmd->add_option("file", *samplePath, "Output file, or - for standard output")
-      ->required()
-      ->type_name("FILE|-");
-   sampleCmd->callback([samplePath] { WriteAll(*samplePath, MakeSampleBlob()); });
+   AddShowSubcommand(*blob, "Print the records of a property blob", kShowFooter, RunShow);
+   AddMakeSampleSubcommand(*blob, "Write a small sample blob with nested lists",
+                           [](const std::string &path) { WriteAll(path, MakeSampleBlob()); });
 }
 
 }  // namespace dvsctl

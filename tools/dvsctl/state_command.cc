@@ -14,6 +14,7 @@
 #include "error.h"
 #include "host_blob_view.h"
 #include "property_list.h"
+#include "subcommands.h"
 
 namespace dvsctl {
 namespace {
@@ -42,12 +43,6 @@ JSON output (--json):
   with P as in "dvsctl blob show --json"; an unset field is null, and a
   switch or port with problems also carries "problems": [S, ...].)";
 
-struct ShowOptions {
-   std::string path;
-   bool json = false;
-   bool full = false;
-};
-
 void RunShow(const ShowOptions &options) {
    const Bytes blob = ReadAll(options.path);
    const std::string name = DisplayName(options.path);
@@ -66,11 +61,7 @@ void RunShow(const ShowOptions &options) {
                                              nlohmann::ordered_json::error_handler_t::replace)
                 << '\n';
    } else {
-      TextOptions text;
-      if (options.full) {
-         text.hexLimit = 0;
-      }
-      std::cout << RenderHostText(view, text);
+      std::cout << RenderHostText(view, options.Text());
    }
    FlushOutput(std::cout);
 }
@@ -200,24 +191,11 @@ void AddStateCommand(CLI::App &app) {
       app.add_subcommand("state", "Inspect and build host configuration blobs of switch state");
    state->require_subcommand(1);
 
-   auto show = std::make_shared<ShowOptions>();
-   CLI::App *showCmd =
-      state->add_subcommand("show", "Print a host configuration blob as switches and ports");
-   showCmd->add_option("file", show->path, "Blob file, or - to read standard input")
-      ->required()
-      ->type_name("FILE|-");
-   showCmd->add_flag("--json", show->json, "Print JSON instead of text");
-   showCmd->add_flag("--full", show->full, "Do not shorten long hex values");
-   showCmd->footer(kShowFooter);
-   showCmd->callback([show] { RunShow(*show); });
-
-   auto samplePath = std::make_shared<std::string>();
-   CLI::App *sampleCmd = state->add_subcommand(
-      "make-sample", "Build a small switch registry and write its host configuration blob");
-   sampleCmd->add_option("file", *samplePath, "Output file, or - for standard output")
-      ->required()
-      ->type_name("FILE|-");
-   sampleCmd->callback([samplePath] { RunMakeSample(*samplePath); });
+   AddShowSubcommand(*state, "Print a host configuration blob as switches and ports", kShowFooter,
+                     RunShow);
+   AddMakeSampleSubcommand(*state,
+                           "Build a small switch registry and write its host configuration blob",
+                           [](const std::string &path) { RunMakeSample(path); });
 }
 
 }  // namespace dvsctl

@@ -1,0 +1,40 @@
+// subcommands.h -- the argument shapes that several dvsctl command groups
+// share: "show FILE|- [--json] [--full]" and "make-sample FILE|-".
+#ifndef DVSCTL_SUBCOMMANDS_H
+#define DVSCTL_SUBCOMMANDS_H
+
+#include <functional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "blob_tree.h"
+
+namespace dvsctl {
+
+struct ShowOptions {
+   std::string path;
+   bool json = false;
+   bool full = false;
+
+   // The text rendering options these flags ask for.
+   TextOptions Text() const {
+      TextOptions text;
+      if (full) {
+         text.hexLimit = 0;
+      }
+      return text;
+   }
+};
+
+// Adds "show FILE|-" with --json and --full under `group`.
+void AddShowSubcommand(CLI::App &group, const std::string &description, const std::string &footer,
+                       std::function<void(const ShowOptions &)> run);
+
+// Adds "make-sample FILE|-" under `group`.
+void AddMakeSampleSubcommand(CLI::App &group, const std::string &description,
+                             std::function<void(const std::string &path)> run);
+
+}  // namespace dvsctl
+
+#endif  // DVSCTL_SUBCOMMANDS_H
