@@ -41,7 +41,7 @@ build-asan: setup $(ASAN_BUILD)/CMakeCache.txt
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 build-tsan: setup $(TSAN_BUILD)/CMakeCache.txt
-	cmake --build $(TSAN_BUILD) -j $(JOBS) --target state_concurrency_test hostlibs_test
+	cmake --build $(TSAN_BUILD) -j $(JOBS) --target state_concurrency_test hostlibs_test sim_test channel_socket_test
 
 demo: build
 	@bash tools/demo.sh $(BUILD)
@@ -57,6 +57,8 @@ test-asan: build-asan
 test-tsan: build-tsan
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/state/state_concurrency_test
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/platform/hostlibs/tests/hostlibs_test
+	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/sim/sim_test
+	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/kernel/channel_socket_test
 
 test: test-plain test-asan test-tsan
 

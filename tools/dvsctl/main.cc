@@ -1,6 +1,6 @@
 // main.cc -- dvsctl: command-line access to libdvs data.
 //
-// Each command family (blob, state) adds its subcommands to the
+// Each command family (blob, state, kernel, file) adds its subcommands to the
 // application; the chosen subcommand runs from its CLI11 callback during
 // parse().  Failures arrive here as exceptions and become a one-line
 // message on stderr and exit status 1; usage errors keep CLI11's own
@@ -11,7 +11,9 @@
 #include <CLI/CLI.hpp>
 
 #include "blob_command.h"
+#include "kernel_command.h"
 #include "state_command.h"
+#include "state_file_command.h"
 
 int main(int argc, char **argv) {
    CLI::App app{"Inspect and manipulate distributed virtual switch data", "dvsctl"};
@@ -19,6 +21,8 @@ int main(int argc, char **argv) {
 
    dvsctl::AddBlobCommand(app);
    dvsctl::AddStateCommand(app);
+   dvsctl::AddKernelCommand(app);
+   dvsctl::AddFileCommand(app);
 
    try {
       app.parse(argc, argv);

@@ -18,6 +18,12 @@ std::string DescribeStatus(ReturnStatus status) {
    return std::string(HYP_ReturnStatusToString(status)) + " (" + code + ")";
 }
 
+void CheckStatus(ReturnStatus status, const std::string &what) {
+   if (status != STATUS_OK) {
+      throw Error(what + ": " + DescribeStatus(status));
+   }
+}
+
 PropertyListBuilder::PropertyListBuilder() {
    DVSDataHandle h = nullptr;
    const ReturnStatus status = DVSData_Alloc(&h, std::malloc, std::free);

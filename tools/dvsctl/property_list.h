@@ -33,6 +33,10 @@ using AssocDataPtr = std::unique_ptr<void, AssocDataDeleter>;
 // "<status text> (0x<code>)", e.g. "Bad checksum (0xbad003a)".
 std::string DescribeStatus(ReturnStatus status);
 
+// Throws dvsctl::Error "<what>: <status text> (0x<code>)" unless `status`
+// is STATUS_OK.
+void CheckStatus(ReturnStatus status, const std::string &what);
+
 // Builds a property list and turns it into a blob.  Errors throw
 // dvsctl::Error naming the property concerned.
 class PropertyListBuilder {

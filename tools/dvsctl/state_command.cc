@@ -44,32 +44,7 @@ JSON output (--json):
   switch or port with problems also carries "problems": [S, ...].)";
 
 void RunShow(const ShowOptions &options) {
-   const Bytes blob = ReadAll(options.path);
-   const std::string name = DisplayName(options.path);
-   BlobTree tree;
-   const ReturnStatus status = DecodeBlobTree(blob, tree);
-   if (status != STATUS_OK) {
-      throw Error(name + ": cannot decode blob: " + DescribeStatus(status));
-   }
-   HostBlobView view;
-   std::string reason;
-   if (!BuildHostBlobView(tree, view, reason)) {
-      throw Error(name + ": not a host configuration blob: " + reason);
-   }
-   if (options.json) {
-      std::cout << RenderHostJson(view).dump(2, ' ', false,
-                                             nlohmann::ordered_json::error_handler_t::replace)
-                << '\n';
-   } else {
-      std::cout << RenderHostText(view, options.Text());
-   }
-   FlushOutput(std::cout);
-}
-
-void Check(ReturnStatus status, const std::string &what) {
-   if (status != STATUS_OK) {
-      throw Error(what + ": " + DescribeStatus(status));
-   }
+   PrintHostBlob(ReadAll(options.path), DisplayName(options.path), options);
 }
 
 // Empties the process-wide registry when the sample is done with it,
@@ -98,23 +73,23 @@ std::string PortName(const char *swId, const char *portId) {
 
 void AddSwitch(const char *id, const char *className, uint32_t maxPorts, uint32_t version,
                const char *alias) {
-   Check(DVSState_SwitchAdd(id, className, maxPorts, version),
-         std::string("cannot add switch ") + id);
-   Check(DVSState_GlobalPropSet(id, DVS_PROP_SWITCH_ALIAS, alias,
-                                static_cast<uint32_t>(std::strlen(alias) + 1), kConfigProp),
-         std::string("cannot set the alias of switch ") + id);
+   CheckStatus(DVSState_SwitchAdd(id, className, maxPorts, version),
+               std::string("cannot add switch ") + id);
+   CheckStatus(DVSState_GlobalPropSet(id, DVS_PROP_SWITCH_ALIAS, alias,
+                                      static_cast<uint32_t>(std::strlen(alias) + 1), kConfigProp),
+               std::string("cannot set the alias of switch ") + id);
 }
 
 void SetU32(ReturnStatus (*set)(const char *, const char *, const void *, uint32_t, uint32_t),
             const char *swId, const char *name, uint32_t value) {
-   Check(set(swId, name, &value, sizeof value, kConfigProp),
-         std::string("cannot set ") + name + " on switch " + swId);
+   CheckStatus(set(swId, name, &value, sizeof value, kConfigProp),
+               std::string("cannot set ") + name + " on switch " + swId);
 }
 
 void SetText(ReturnStatus (*set)(const char *, const char *, const void *, uint32_t, uint32_t),
              const char *swId, const char *name, const char *value) {
-   Check(set(swId, name, value, static_cast<uint32_t>(std::strlen(value) + 1), kConfigProp),
-         std::string("cannot set ") + name + " on switch " + swId);
+   CheckStatus(set(swId, name, value, static_cast<uint32_t>(std::strlen(value) + 1), kConfigProp),
+               std::string("cannot set ") + name + " on switch " + swId);
 }
 
 // A port that is added owns its data list from then on; after a failed
@@ -122,14 +97,15 @@ void SetText(ReturnStatus (*set)(const char *, const char *, const void *, uint3
 void AddPort(ReturnStatus (*add)(const char *, const char *, DVSDataHandle), const char *swId,
              const char *portId, PropertyListBuilder data) {
    ListPtr list = data.Release();
-   Check(add(swId, portId, list.get()), "cannot add " + PortName(swId, portId));
+   CheckStatus(add(swId, portId, list.get()), "cannot add " + PortName(swId, portId));
    list.release();
 }
 
 void AddShadowPort(const char *swId, const char *portId, const PropertyListBuilder &data) {
    const Bytes blob = data.Serialize();
-   Check(DVSState_PortAddShadow(swId, portId, blob.data(), static_cast<uint32_t>(blob.size())),
-         "cannot add shadow " + PortName(swId, portId));
+   CheckStatus(
+      DVSState_PortAddShadow(swId, portId, blob.data(), static_cast<uint32_t>(blob.size())),
+      "cannot add shadow " + PortName(swId, portId));
 }
 
 // Zombie ports have no add call of their own: they go through the
@@ -141,11 +117,11 @@ void AddZombiePort(const char *swId, const char *portId, PropertyListBuilder dat
    } lock;
    DVSwitch *dvs = DVSState_SwitchFind(swId);
    if (dvs == nullptr) {
-      Check(STATUS_NOT_FOUND, std::string("cannot find switch ") + swId);
+      CheckStatus(STATUS_NOT_FOUND, std::string("cannot find switch ") + swId);
    }
    ListPtr list = data.Release();
-   Check(DVSStatePortAdd(dvs, portId, list.get(), DVS_PORT_ZOMBIE, nullptr),
-         "cannot add zombie " + PortName(swId, portId));
+   CheckStatus(DVSStatePortAdd(dvs, portId, list.get(), DVS_PORT_ZOMBIE, nullptr),
+               "cannot add zombie " + PortName(swId, portId));
    list.release();
 }
 
@@ -154,6 +130,27 @@ void RunMakeSample(const std::string &path) {
 }
 
 }  // namespace
+
+void PrintHostBlob(const Bytes &blob, const std::string &name, const ShowOptions &options) {
+   BlobTree tree;
+   const ReturnStatus status = DecodeBlobTree(blob, tree);
+   if (status != STATUS_OK) {
+      throw Error(name + ": cannot decode blob: " + DescribeStatus(status));
+   }
+   HostBlobView view;
+   std::string reason;
+   if (!BuildHostBlobView(tree, view, reason)) {
+      throw Error(name + ": not a host configuration blob: " + reason);
+   }
+   if (options.json) {
+      std::cout << RenderHostJson(view).dump(2, ' ', false,
+                                             nlohmann::ordered_json::error_handler_t::replace)
+                << '\n';
+   } else {
+      std::cout << RenderHostText(view, options.Text());
+   }
+   FlushOutput(std::cout);
+}
 
 Bytes MakeSampleHostBlob() {
    RegistryReset reset;
@@ -181,7 +178,7 @@ Bytes MakeSampleHostBlob() {
    uint32_t len = 0;
    const ReturnStatus status = DVSState_ConfigSerialize(&raw, &len);
    const std::unique_ptr<void, decltype(&std::free)> blob(raw, &std::free);
-   Check(status, "cannot serialize the registry");
+   CheckStatus(status, "cannot serialize the registry");
    const auto *bytes = static_cast<const uint8_t *>(blob.get());
    return bytes != nullptr ? Bytes(bytes, bytes + len) : Bytes{};
 }

@@ -6,11 +6,18 @@
 #include <CLI/CLI.hpp>
 
 #include "io.h"
+#include "subcommands.h"
 
 namespace dvsctl {
 
 // Adds "state" and its subcommands (show, make-sample) to `app`.
 void AddStateCommand(CLI::App &app);
+
+// Prints `blob` as switches and ports (text, or JSON with --json), as
+// "state show" does; every command that shows a host blob uses it.  A blob
+// that does not decode, or is not a host blob, throws dvsctl::Error naming
+// `name`.
+void PrintHostBlob(const Bytes &blob, const std::string &name, const ShowOptions &options);
 
 // Builds a small registry in this process (two switches, ports of every
 // type), returns its host configuration blob and empties the registry

@@ -6,12 +6,16 @@
 namespace dvsctl {
 
 void AddShowSubcommand(CLI::App &group, const std::string &description, const std::string &footer,
-                       std::function<void(const ShowOptions &)> run) {
+                       std::function<void(const ShowOptions &)> run, ShowInput input) {
    auto options = std::make_shared<ShowOptions>();
    CLI::App *cmd = group.add_subcommand("show", description);
-   cmd->add_option("file", options->path, "Blob file, or - to read standard input")
-      ->required()
-      ->type_name("FILE|-");
+   if (input == ShowInput::kFileOrStdin) {
+      cmd->add_option("file", options->path, "Blob file, or - to read standard input")
+         ->required()
+         ->type_name("FILE|-");
+   } else if (input == ShowInput::kFile) {
+      cmd->add_option("file", options->path, "File to read")->required()->type_name("FILE");
+   }
    cmd->add_flag("--json", options->json, "Print JSON instead of text");
    cmd->add_flag("--full", options->full, "Do not shorten long hex values");
    cmd->footer(footer);

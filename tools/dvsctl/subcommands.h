@@ -1,5 +1,5 @@
 // subcommands.h -- the argument shapes that several dvsctl command groups
-// share: "show FILE|- [--json] [--full]" and "make-sample FILE|-".
+// share: "show [FILE|-] [--json] [--full]" and "make-sample FILE|-".
 #ifndef DVSCTL_SUBCOMMANDS_H
 #define DVSCTL_SUBCOMMANDS_H
 
@@ -27,9 +27,15 @@ struct ShowOptions {
    }
 };
 
-// Adds "show FILE|-" with --json and --full under `group`.
+// What "show" reads: a file or standard input, a file only (a path the
+// library opens itself), or nothing (the data comes from elsewhere and
+// ShowOptions::path stays empty).
+enum class ShowInput { kFileOrStdin, kFile, kNone };
+
+// Adds "show" with --json and --full under `group`.
 void AddShowSubcommand(CLI::App &group, const std::string &description, const std::string &footer,
-                       std::function<void(const ShowOptions &)> run);
+                       std::function<void(const ShowOptions &)> run,
+                       ShowInput input = ShowInput::kFileOrStdin);
 
 // Adds "make-sample FILE|-" under `group`.
 void AddMakeSampleSubcommand(CLI::App &group, const std::string &description,
