@@ -1,7 +1,7 @@
 # Install rules: headers, libraries, pkg-config file and CMake package.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS dvs hostlibs EXPORT dvsTargets
+install(TARGETS dvs hostlibs configstorec EXPORT dvsTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
@@ -9,6 +9,7 @@ install(TARGETS dvs hostlibs EXPORT dvsTargets
 
 file(GLOB DVS_PUBLIC_HEADERS ${PROJECT_SOURCE_DIR}/include/*.h)
 install(FILES ${DVS_PUBLIC_HEADERS} ${PROJECT_SOURCE_DIR}/platform/hostlibs/hostlibs.h
+  ${PROJECT_SOURCE_DIR}/platform/configstore/configstore.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 install(EXPORT dvsTargets NAMESPACE dvs:: FILE dvsTargets.cmake

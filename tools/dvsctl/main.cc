@@ -1,6 +1,6 @@
 // main.cc -- dvsctl: command-line access to libdvs data.
 //
-// Each command family (blob, state, kernel, file) adds its subcommands to the
+// Each command family (blob, state, kernel, file, store) adds its subcommands to the
 // application; the chosen subcommand runs from its CLI11 callback during
 // parse().  Failures arrive here as exceptions and become a one-line
 // message on stderr and exit status 1; usage errors keep CLI11's own
@@ -14,6 +14,7 @@
 #include "kernel_command.h"
 #include "state_command.h"
 #include "state_file_command.h"
+#include "store_command.h"
 
 int main(int argc, char **argv) {
    CLI::App app{"Inspect and manipulate distributed virtual switch data", "dvsctl"};
@@ -23,6 +24,7 @@ int main(int argc, char **argv) {
    dvsctl::AddStateCommand(app);
    dvsctl::AddKernelCommand(app);
    dvsctl::AddFileCommand(app);
+   dvsctl::AddStoreCommand(app);
 
    try {
       app.parse(argc, argv);

@@ -1,0 +1,114 @@
+// configstore.h -- client library of the host's configuration store.
+//
+// The store holds structured objects: a top-level object is identified by
+// (group, object, component, instance id) and carries typed values (string,
+// integer, boolean, list of strings, list of integers) and sub-objects that
+// nest to any depth.  A sub-object key holds either a singleton (instance
+// id null or "") or a collection of instances keyed by instance id, kept in
+// the order they were created.  Objects are kept in an SQLite database
+// (CONFIGSTORE_PATH, else /var/lib/ostrel/configstore.db) with real
+// transactions; each GetStore is a connection of its own.
+//
+// Every call returns 0 on success, kNotFound (6) when what was asked for
+// does not exist, and one of the other codes below for any other failure.
+// Strings, instance ids and object arrays handed out are malloc'ed and
+// released by the caller with free() (the objects of an array are destroyed
+// one by one first); string arrays are released with
+// DestroyStringArrayValue.  Sub-object handles belong to their root object
+// and are released with it.
+#ifndef CONFIGSTORE_H
+#define CONFIGSTORE_H
+
+#include <cstdint>
+
+#if defined(CONFIGSTORE_BUILDING_LIBRARY)
+#define CONFIGSTORE_EXPORT __attribute__((visibility("default")))
+#else
+#define CONFIGSTORE_EXPORT
+#endif
+
+namespace configstore {
+
+// Result codes.
+constexpr int32_t kSuccess = 0;
+constexpr int32_t kBadParam = 1;       // null pointer, empty key or name, bad source
+constexpr int32_t kNoMemory = 2;       // allocation failed
+constexpr int32_t kTypeMismatch = 3;   // value of another kind, or integer out of range
+constexpr int32_t kBadJson = 4;        // malformed JSON text or stored document
+constexpr int32_t kDatabaseError = 5;  // the database could not be opened, read or written
+constexpr int32_t kNotFound = 6;       // no such object, sub-object or value
+constexpr int32_t kBusy = 7;           // the database stayed locked past the busy timeout
+constexpr int32_t kNoTransaction = 8;  // commit or cancel without a transaction
+constexpr int32_t kInTransaction = 9;  // begin while a transaction is open
+constexpr int32_t kCorrupt = 10;       // the database file is damaged or not a store
+
+// Environment variable naming the database file, and the default path.
+constexpr const char *kPathEnv = "CONFIGSTORE_PATH";
+constexpr const char *kDefaultPath = "/var/lib/ostrel/configstore.db";
+
+// Sources of Set: the live object, and the desired user configuration.
+constexpr const char *kSourceExternal = "EXTERNAL";
+constexpr const char *kSourceUser = "USER";
+
+struct Store;
+struct Object;
+struct FilterSpec;
+
+CONFIGSTORE_EXPORT int32_t GetStore(int32_t flags, Store **store);
+CONFIGSTORE_EXPORT int32_t BeginTransaction(Store *store);
+CONFIGSTORE_EXPORT int32_t CommitTransaction(Store *store);
+CONFIGSTORE_EXPORT int32_t CancelTransaction(Store *store);
+CONFIGSTORE_EXPORT void DestroyStore(Store *store);
+
+CONFIGSTORE_EXPORT int32_t Get(Store *store, const char *group, const char *object,
+                               const char *component, const char *instanceId, Object **out);
+CONFIGSTORE_EXPORT int32_t CreateObject(const char *group, const char *object,
+                                        const char *component, const char *instanceId,
+                                        const char *json, Object **out);
+CONFIGSTORE_EXPORT int32_t Set(Store *store, Object *obj, const char *source);
+CONFIGSTORE_EXPORT int32_t Delete(Store *store, const char *group, const char *object,
+                                  const char *component, const char *instanceId);
+CONFIGSTORE_EXPORT void DestroyConfigStoreObject(Object *obj);
+
+CONFIGSTORE_EXPORT int32_t CreateFilterSpecObject(const char *a, const char *b, const char *c,
+                                                  const char *d, FilterSpec **out);
+CONFIGSTORE_EXPORT void DestroyFilterSpecObject(FilterSpec *filter);
+CONFIGSTORE_EXPORT int32_t GetInstances(Store *store, FilterSpec *filter, Object ***objects,
+                                        uint32_t *count);
+CONFIGSTORE_EXPORT int32_t GetDesiredUserConfigInstances(const char *group, const char *object,
+                                                         const char *component,
+                                                         Object ***objects, uint32_t *count);
+CONFIGSTORE_EXPORT int32_t GetSubObjectInstances(Object *parent, FilterSpec *filter,
+                                                 Object ***objects, uint32_t *count);
+CONFIGSTORE_EXPORT int32_t DeleteSubObjectInstances(Object *parent, FilterSpec *filter);
+CONFIGSTORE_EXPORT int32_t GetSubObject(Object *parent, const char *key, const char *instanceId,
+                                        Object **out);
+CONFIGSTORE_EXPORT int32_t CreateSubObject(Object *parent, const char *key,
+                                           const char *instanceId, Object **out);
+CONFIGSTORE_EXPORT int32_t DeleteSubObject(Object *parent, const char *key,
+                                           const char *instanceId);
+CONFIGSTORE_EXPORT int32_t GenerateInstanceId(char **id);
+
+CONFIGSTORE_EXPORT int32_t GetValueStr(Object *obj, const char *key, char **value);
+CONFIGSTORE_EXPORT int32_t GetValueInt(Object *obj, const char *key, int32_t *value);
+CONFIGSTORE_EXPORT int32_t GetValueUint32(Object *obj, const char *key, uint32_t *value);
+CONFIGSTORE_EXPORT int32_t GetValueUint16(Object *obj, const char *key, uint16_t *value);
+CONFIGSTORE_EXPORT int32_t GetValueLong(Object *obj, const char *key, int64_t *value);
+CONFIGSTORE_EXPORT int32_t GetValueBool(Object *obj, const char *key, bool *value);
+CONFIGSTORE_EXPORT int32_t GetValueStringArray(Object *obj, const char *key, char ***values,
+                                               uint32_t *count);
+CONFIGSTORE_EXPORT int32_t SetValueStr(Object *obj, const char *key, const char *value);
+CONFIGSTORE_EXPORT int32_t SetValueInt(Object *obj, const char *key, int32_t value);
+CONFIGSTORE_EXPORT int32_t SetValueUint32(Object *obj, const char *key, uint32_t value);
+CONFIGSTORE_EXPORT int32_t SetValueUint16(Object *obj, const char *key, uint16_t value);
+CONFIGSTORE_EXPORT int32_t SetValueLong(Object *obj, const char *key, int64_t value);
+CONFIGSTORE_EXPORT int32_t SetValueBool(Object *obj, const char *key, bool value);
+CONFIGSTORE_EXPORT int32_t SetValueEmptyList(Object *obj, const char *key);
+CONFIGSTORE_EXPORT int32_t AppendValueString(Object *obj, const char *key, const char *value);
+CONFIGSTORE_EXPORT int32_t AppendValueInt(Object *obj, const char *key, int32_t value);
+CONFIGSTORE_EXPORT int32_t RemoveValue(Object *obj, const char *key);
+CONFIGSTORE_EXPORT void DestroyStringArrayValue(char **values, uint32_t count);
+
+}  // namespace configstore
+
+#endif  // CONFIGSTORE_H

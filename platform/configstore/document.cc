@@ -1,0 +1,336 @@
+// document.cc -- the object tree and its JSON forms.
+#include "document.h"
+
+#include <algorithm>
+#include <limits>
+
+#include <nlohmann/json.hpp>
+
+namespace configstore {
+namespace detail {
+
+using Json = nlohmann::ordered_json;
+
+// ---- tree -----------------------------------------------------------------
+
+Value *Node::FindValue(const std::string &key) {
+   for (auto &entry : values) {
+      if (entry.first == key) {
+         return &entry.second;
+      }
+   }
+   return nullptr;
+}
+
+Value &Node::PutValue(const std::string &key) {
+   if (Value *v = FindValue(key)) {
+      return *v;
+   }
+   values.emplace_back(key, Value{});
+   return values.back().second;
+}
+
+bool Node::RemoveValue(const std::string &key) {
+   auto it = std::find_if(values.begin(), values.end(),
+                          [&](const std::pair<std::string, Value> &e) { return e.first == key; });
+   if (it == values.end()) {
+      return false;
+   }
+   values.erase(it);
+   return true;
+}
+
+SubKey *Node::FindSub(const std::string &key) {
+   for (auto &sub : subs) {
+      if (sub.key == key) {
+         return &sub;
+      }
+   }
+   return nullptr;
+}
+
+NodePtr Node::FindChild(const std::string &key, const std::string &childId) {
+   SubKey *sub = FindSub(key);
+   if (sub == nullptr) {
+      return nullptr;
+   }
+   auto it = sub->byId.find(childId);
+   return it == sub->byId.end() ? nullptr : it->second;
+}
+
+NodePtr Node::AddChild(const std::string &key, const std::string &childId) {
+   SubKey *sub = FindSub(key);
+   if (sub == nullptr) {
+      subs.emplace_back();
+      sub = &subs.back();
+      sub->key = key;
+   } else if (NodePtr existing = FindChild(key, childId)) {
+      return existing;
+   }
+   auto child = std::make_shared<Node>();
+   child->id = childId;
+   sub->entries.push_back(child);
+   sub->byId.emplace(childId, child);
+   return child;
+}
+
+bool Node::RemoveChild(const std::string &key, const std::string &childId) {
+   SubKey *sub = FindSub(key);
+   if (sub == nullptr) {
+      return false;
+   }
+   auto it = sub->byId.find(childId);
+   if (it == sub->byId.end()) {
+      return false;
+   }
+   Node *target = it->second.get();
+   sub->byId.erase(it);
+   sub->entries.erase(std::find_if(sub->entries.begin(), sub->entries.end(),
+                                   [&](const NodePtr &n) { return n.get() == target; }));
+   if (sub->entries.empty()) {
+      RemoveSub(key);
+   }
+   return true;
+}
+
+bool Node::RemoveSub(const std::string &key) {
+   auto it = std::find_if(subs.begin(), subs.end(), [&](const SubKey &s) { return s.key == key; });
+   if (it == subs.end()) {
+      return false;
+   }
+   subs.erase(it);
+   return true;
+}
+
+// ---- values ---------------------------------------------------------------
+
+namespace {
+
+int64_t IntegerOf(const Json &j) {
+   if (j.is_number_unsigned()) {
+      uint64_t u = j.get<uint64_t>();
+      if (u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
+         throw DocumentError("integer out of range");
+      }
+      return static_cast<int64_t>(u);
+   }
+   return j.get<int64_t>();
+}
+
+bool IsInteger(const Json &j) {
+   return j.is_number_integer();  // signed or unsigned, never a float
+}
+
+// A JSON value that is a scalar or a list of scalars; throws otherwise.
+Value ValueFromJson(const Json &j) {
+   Value v;
+   if (j.is_string()) {
+      v.kind = Kind::kString;
+      v.str = j.get<std::string>();
+   } else if (j.is_boolean()) {
+      v.kind = Kind::kBool;
+      v.num = j.get<bool>() ? 1 : 0;
+   } else if (IsInteger(j)) {
+      v.kind = Kind::kInt;
+      v.num = IntegerOf(j);
+   } else if (j.is_array()) {
+      if (j.empty()) {
+         v.kind = Kind::kEmptyList;
+      } else if (j.front().is_string()) {
+         v.kind = Kind::kStringList;
+         for (const auto &e : j) {
+            if (!e.is_string()) {
+               throw DocumentError("list mixes strings and other values");
+            }
+            v.strs.push_back(e.get<std::string>());
+         }
+      } else if (IsInteger(j.front())) {
+         v.kind = Kind::kIntList;
+         for (const auto &e : j) {
+            if (!IsInteger(e)) {
+               throw DocumentError("list mixes integers and other values");
+            }
+            v.nums.push_back(IntegerOf(e));
+         }
+      } else {
+         throw DocumentError("lists hold strings or integers");
+      }
+   } else {
+      throw DocumentError("unsupported value kind");
+   }
+   return v;
+}
+
+Json ValueToJson(const Value &v) {
+   switch (v.kind) {
+      case Kind::kString:
+         return Json(v.str);
+      case Kind::kInt:
+         return Json(v.num);
+      case Kind::kBool:
+         return Json(v.num != 0);
+      case Kind::kStringList:
+         return Json(v.strs);
+      case Kind::kIntList:
+         return Json(v.nums);
+      case Kind::kEmptyList:
+         return Json::array();
+   }
+   return Json();
+}
+
+// ---- stored document --------------------------------------------------------
+
+Json NodeToJson(const Node &node) {
+   Json out = Json::object();
+   if (!node.values.empty()) {
+      Json values = Json::object();
+      for (const auto &entry : node.values) {
+         values[entry.first] = ValueToJson(entry.second);
+      }
+      out["values"] = std::move(values);
+   }
+   if (!node.subs.empty()) {
+      Json subs = Json::object();
+      for (const auto &sub : node.subs) {
+         Json list = Json::array();
+         for (const auto &child : sub.entries) {
+            Json entry = Json::object();
+            if (!child->id.empty()) {
+               entry["id"] = child->id;
+            }
+            Json body = NodeToJson(*child);
+            for (auto it = body.begin(); it != body.end(); ++it) {
+               entry[it.key()] = std::move(it.value());
+            }
+            list.push_back(std::move(entry));
+         }
+         subs[sub.key] = std::move(list);
+      }
+      out["subobjects"] = std::move(subs);
+   }
+   return out;
+}
+
+void FillFromDocument(Node &node, const Json &j, int depth) {
+   if (depth > kMaxDepth) {
+      throw DocumentError("nested too deeply");
+   }
+   if (!j.is_object()) {
+      throw DocumentError("a document is a JSON object");
+   }
+   for (auto it = j.begin(); it != j.end(); ++it) {
+      const std::string &name = it.key();
+      const Json &member = it.value();
+      if (name == "values") {
+         if (!member.is_object()) {
+            throw DocumentError("\"values\" is an object");
+         }
+         for (auto v = member.begin(); v != member.end(); ++v) {
+            if (v.key().empty()) {
+               throw DocumentError("empty value name");
+            }
+            node.PutValue(v.key()) = ValueFromJson(v.value());
+         }
+      } else if (name == "subobjects") {
+         if (!member.is_object()) {
+            throw DocumentError("\"subobjects\" is an object");
+         }
+         for (auto s = member.begin(); s != member.end(); ++s) {
+            if (s.key().empty() || !s.value().is_array()) {
+               throw DocumentError("a sub-object key holds an array of entries");
+            }
+            for (const auto &entry : s.value()) {
+               if (!entry.is_object()) {
+                  throw DocumentError("a sub-object entry is an object");
+               }
+               std::string childId;
+               auto idIt = entry.find("id");
+               if (idIt != entry.end()) {
+                  if (!idIt->is_string()) {
+                     throw DocumentError("an instance id is a string");
+                  }
+                  childId = idIt->get<std::string>();
+               }
+               if (node.FindChild(s.key(), childId)) {
+                  throw DocumentError("duplicate sub-object instance");
+               }
+               // The entry's "id" member is skipped by the loop above.
+               FillFromDocument(*node.AddChild(s.key(), childId), entry, depth + 1);
+            }
+         }
+      } else if (name != "id" || depth == 0) {
+         throw DocumentError("unknown document member");
+      }
+   }
+}
+
+// ---- plain JSON of CreateObject -------------------------------------------------
+
+void FillFromPlain(Node &node, const Json &j, int depth, bool skipKey) {
+   if (depth > kMaxDepth) {
+      throw DocumentError("nested too deeply");
+   }
+   if (!j.is_object()) {
+      throw DocumentError("an object is a JSON object");
+   }
+   for (auto it = j.begin(); it != j.end(); ++it) {
+      const std::string &name = it.key();
+      const Json &member = it.value();
+      if (name.empty()) {
+         throw DocumentError("empty member name");
+      }
+      if (skipKey && name == "key") {
+         continue;  // the instance id, already taken
+      }
+      if (member.is_null()) {
+         continue;
+      }
+      if (member.is_object()) {
+         if (node.FindChild(name, "")) {
+            throw DocumentError("duplicate sub-object");
+         }
+         FillFromPlain(*node.AddChild(name, ""), member, depth + 1, false);
+      } else if (member.is_array() && !member.empty() && member.front().is_object()) {
+         for (const auto &inst : member) {
+            if (!inst.is_object()) {
+               throw DocumentError("array mixes objects and values");
+            }
+            auto keyIt = inst.find("key");
+            if (keyIt == inst.end() || !keyIt->is_string() || keyIt->get<std::string>().empty()) {
+               throw DocumentError("an instance needs a non-empty string \"key\"");
+            }
+            std::string childId = keyIt->get<std::string>();
+            if (node.FindChild(name, childId)) {
+               throw DocumentError("duplicate instance key");
+            }
+            FillFromPlain(*node.AddChild(name, childId), inst, depth + 1, true);
+         }
+      } else {
+         node.PutValue(name) = ValueFromJson(member);
+      }
+   }
+}
+
+}  // namespace
+
+std::string SerializeDocument(const Node &node) {
+   return NodeToJson(node).dump();
+}
+
+NodePtr ParseDocument(const std::string &text) {
+   Json j = Json::parse(text);
+   auto node = std::make_shared<Node>();
+   FillFromDocument(*node, j, 0);
+   return node;
+}
+
+NodePtr ParsePlainObject(const std::string &text) {
+   Json j = Json::parse(text);
+   auto node = std::make_shared<Node>();
+   FillFromPlain(*node, j, 0, false);
+   return node;
+}
+
+}  // namespace detail
+}  // namespace configstore

@@ -1,0 +1,88 @@
+// document.h -- the in-memory tree of a configuration-store object and its
+// JSON forms.
+//
+// A Node carries typed values and sub-object keys.  A key holds its
+// entries in creation order: the singleton (empty instance id) and/or
+// instances keyed by instance id.  Nodes are shared_ptr-owned by their
+// parent (the root node by its top-level handle); handles refer to nodes
+// through weak_ptr so that removing a node makes every handle to it, and
+// to everything below it, answer "not found" instead of dangling.
+//
+// Internal to libconfigstorec; nothing here is exported.
+#ifndef CONFIGSTORE_DOCUMENT_H
+#define CONFIGSTORE_DOCUMENT_H
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace configstore {
+namespace detail {
+
+// Thrown for JSON text or a stored document that does not describe an
+// object; mapped to kBadJson at the library boundary.
+class DocumentError : public std::runtime_error {
+  public:
+   using std::runtime_error::runtime_error;
+};
+
+enum class Kind { kString, kInt, kBool, kStringList, kIntList, kEmptyList };
+
+struct Value {
+   Kind kind = Kind::kString;
+   std::string str;                // kString
+   int64_t num = 0;                // kInt; kBool as 0 or 1
+   std::vector<std::string> strs;  // kStringList
+   std::vector<int64_t> nums;      // kIntList
+};
+
+struct Node;
+using NodePtr = std::shared_ptr<Node>;
+
+// The entries of one sub-object key, in creation order.
+struct SubKey {
+   std::string key;
+   std::vector<NodePtr> entries;
+   std::unordered_map<std::string, NodePtr> byId;
+};
+
+struct Node {
+   // Instance id under the parent's key; empty for a singleton and for a
+   // top-level object (whose identity lives in its handle).
+   std::string id;
+   std::vector<std::pair<std::string, Value>> values;
+   std::vector<SubKey> subs;
+
+   Value *FindValue(const std::string &key);
+   // The value under `key`, created (as an empty string) when missing.
+   Value &PutValue(const std::string &key);
+   bool RemoveValue(const std::string &key);
+
+   SubKey *FindSub(const std::string &key);
+   NodePtr FindChild(const std::string &key, const std::string &id);
+   // The child (key, id); an existing one is returned as it is.
+   NodePtr AddChild(const std::string &key, const std::string &id);
+   bool RemoveChild(const std::string &key, const std::string &id);
+   bool RemoveSub(const std::string &key);
+};
+
+// Deepest nesting accepted when reading JSON.
+constexpr int kMaxDepth = 512;
+
+// The stored document of a node (see docs/configstore.md).
+std::string SerializeDocument(const Node &node);
+// Parses a stored document; throws DocumentError or a json exception.
+NodePtr ParseDocument(const std::string &text);
+// Parses the plain JSON text given to CreateObject: an object whose
+// members are values, nested objects (singleton sub-objects) and arrays of
+// objects (instances, identified by their "key" member).
+NodePtr ParsePlainObject(const std::string &text);
+
+}  // namespace detail
+}  // namespace configstore
+
+#endif  // CONFIGSTORE_DOCUMENT_H

@@ -1,0 +1,569 @@
+#include "configstore.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace configstore;
+
+constexpr const char *kGroup = "net";
+constexpr const char *kObj = "dvswitch";
+constexpr const char *kComp = "ports";
+
+struct StoreDel {
+   void operator()(Store *s) const { DestroyStore(s); }
+};
+struct ObjDel {
+   void operator()(Object *o) const { DestroyConfigStoreObject(o); }
+};
+struct FilterDel {
+   void operator()(FilterSpec *f) const { DestroyFilterSpecObject(f); }
+};
+using StorePtr = std::unique_ptr<Store, StoreDel>;
+using ObjPtr = std::unique_ptr<Object, ObjDel>;
+using FilterPtr = std::unique_ptr<FilterSpec, FilterDel>;
+
+/* Owns an object array handed out by the library. */
+struct ObjArray {
+   ~ObjArray() {
+      for (uint32_t i = 0; items && i < count; i++)
+         DestroyConfigStoreObject(items[i]);
+      free(items);
+   }
+   Object **items = nullptr;
+   uint32_t count = 0;
+};
+
+FilterPtr Filter(const char *a, const char *b, const char *c, const char *d) {
+   FilterSpec *f = nullptr;
+   EXPECT_EQ(CreateFilterSpecObject(a, b, c, d, &f), kSuccess);
+   return FilterPtr(f);
+}
+
+std::optional<std::string> Str(Object *o, const char *key) {
+   char *v = nullptr;
+   if (GetValueStr(o, key, &v) != kSuccess)
+      return std::nullopt;
+   std::string s = v;
+   free(v);
+   return s;
+}
+
+std::vector<std::string> Values(const ObjArray &a, const char *key) {
+   std::vector<std::string> out;
+   for (uint32_t i = 0; i < a.count; i++)
+      out.push_back(Str(a.items[i], key).value_or("<none>"));
+   return out;
+}
+
+std::vector<std::string> SubKeys(Object *parent, const char *key) {
+   ObjArray a;
+   auto f = Filter(key, "", "", "");
+   int32_t rc = GetSubObjectInstances(parent, f.get(), &a.items, &a.count);
+   EXPECT_TRUE(rc == kSuccess || rc == kNotFound) << rc;
+   return Values(a, "key");
+}
+
+class ConfigStoreTest : public ::testing::Test {
+  protected:
+   void SetUp() override {
+      char tmpl[] = "/tmp/configstore_test.XXXXXX";
+      ASSERT_NE(mkdtemp(tmpl), nullptr);
+      dir_ = tmpl;
+      path_ = dir_ + "/store.db";
+      if (const char *v = getenv(kPathEnv))
+         saved_ = v;
+      setenv(kPathEnv, path_.c_str(), 1);
+   }
+   void TearDown() override {
+      saved_ ? setenv(kPathEnv, saved_->c_str(), 1) : unsetenv(kPathEnv);
+      std::error_code ec;
+      std::filesystem::remove_all(dir_, ec);
+   }
+
+   static StorePtr Open() {
+      Store *s = nullptr;
+      EXPECT_EQ(GetStore(0, &s), kSuccess);
+      return StorePtr(s);
+   }
+
+   /* Writes top-level instance `id` carrying "value" = `value`. */
+   static int32_t Put(Store *s, const char *id, const char *value,
+                      const char *source = kSourceExternal) {
+      Object *o = nullptr;
+      int32_t rc = CreateObject(kGroup, kObj, kComp, id, "{}", &o);
+      if (rc != kSuccess)
+         return rc;
+      ObjPtr obj(o);
+      SetValueStr(o, "name", id);
+      SetValueStr(o, "value", value);
+      return Set(s, o, source);
+   }
+
+   /* The live "value" of instance `id`, or nullopt when the object is absent. */
+   static std::optional<std::string> Fetch(Store *s, const char *id) {
+      Object *o = nullptr;
+      int32_t rc = Get(s, kGroup, kObj, kComp, id, &o);
+      EXPECT_TRUE(rc == kSuccess || rc == kNotFound) << id << ": " << rc;
+      if (rc != kSuccess)
+         return std::nullopt;
+      ObjPtr obj(o);
+      return Str(o, "value").value_or("<no value>");
+   }
+
+   std::string dir_, path_;
+   std::optional<std::string> saved_;
+};
+
+TEST_F(ConfigStoreTest, LiveAndDesiredDocuments) {
+   auto s = Open();
+   EXPECT_EQ(Fetch(s.get(), "a"), std::nullopt);
+   ASSERT_EQ(Put(s.get(), "a", "live-a"), kSuccess);
+   ASSERT_EQ(Put(s.get(), "b", "live-b"), kSuccess);
+   ASSERT_EQ(Put(s.get(), "a", "want-a", kSourceUser), kSuccess);
+   ASSERT_EQ(Put(s.get(), "u", "want-u", kSourceUser), kSuccess);
+   ASSERT_EQ(Put(s.get(), "a", "live-a2"), kSuccess);  // overwrite
+
+   // A second connection sees the live documents only; "u" exists only as desired.
+   auto other = Open();
+   EXPECT_EQ(Fetch(other.get(), "a"), "live-a2");
+   EXPECT_EQ(Fetch(other.get(), "b"), "live-b");
+   EXPECT_EQ(Fetch(other.get(), "u"), std::nullopt);
+
+   ObjArray all;
+   ASSERT_EQ(
+      GetInstances(other.get(), Filter(kGroup, kObj, kComp, "").get(), &all.items, &all.count),
+      kSuccess);
+   auto names = Values(all, "name");
+   EXPECT_EQ(std::multiset<std::string>(names.begin(), names.end()),
+             (std::multiset<std::string>{"a", "b"}));
+   ObjArray one;
+   ASSERT_EQ(
+      GetInstances(other.get(), Filter(kGroup, kObj, kComp, "b").get(), &one.items, &one.count),
+      kSuccess);
+   EXPECT_EQ(Values(one, "value"), std::vector<std::string>{"live-b"});
+
+   ObjArray desired;
+   ASSERT_EQ(GetDesiredUserConfigInstances(kGroup, kObj, kComp, &desired.items, &desired.count),
+             kSuccess);
+   auto want = Values(desired, "value");
+   EXPECT_EQ(std::multiset<std::string>(want.begin(), want.end()),
+             (std::multiset<std::string>{"want-a", "want-u"}));
+
+   // Delete drops both documents of one instance and nothing else.
+   EXPECT_EQ(Delete(s.get(), kGroup, kObj, kComp, "a"), kSuccess);
+   EXPECT_EQ(Fetch(other.get(), "a"), std::nullopt);
+   EXPECT_EQ(Fetch(other.get(), "b"), "live-b");
+   EXPECT_EQ(Delete(s.get(), kGroup, kObj, kComp, "a"), kNotFound);
+   ObjArray after;
+   ASSERT_EQ(GetDesiredUserConfigInstances(kGroup, kObj, kComp, &after.items, &after.count),
+             kSuccess);
+   EXPECT_EQ(Values(after, "value"), std::vector<std::string>{"want-u"});
+}
+
+TEST_F(ConfigStoreTest, TypedValuesAndRanges) {
+   Object *o = nullptr;
+   ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "v", "{}", &o), kSuccess);
+   ObjPtr obj(o);
+   ASSERT_EQ(SetValueStr(o, "s", "text"), kSuccess);
+   ASSERT_EQ(SetValueInt(o, "neg", -1), kSuccess);
+   ASSERT_EQ(SetValueUint32(o, "big", 70000), kSuccess);
+   ASSERT_EQ(SetValueUint32(o, "max32", UINT32_MAX), kSuccess);
+   ASSERT_EQ(SetValueUint16(o, "port", 65535), kSuccess);
+   ASSERT_EQ(SetValueLong(o, "huge", int64_t{1} << 40), kSuccess);
+   ASSERT_EQ(SetValueLong(o, "min64", INT64_MIN), kSuccess);
+   ASSERT_EQ(SetValueBool(o, "flag", true), kSuccess);
+   ASSERT_EQ(SetValueEmptyList(o, "empty"), kSuccess);
+   ASSERT_EQ(AppendValueString(o, "names", "x"), kSuccess);  // creates the list
+   ASSERT_EQ(AppendValueString(o, "names", "y"), kSuccess);
+   ASSERT_EQ(AppendValueInt(o, "nums", 5), kSuccess);
+   ASSERT_EQ(SetValueStr(o, "gone", "soon"), kSuccess);
+   ASSERT_EQ(RemoveValue(o, "gone"), kSuccess);
+   EXPECT_EQ(RemoveValue(o, "gone"), kNotFound);
+   EXPECT_EQ(AppendValueString(o, "s", "z"), kTypeMismatch);  // not a list
+
+   // Everything is checked before storing and again after a reopen.
+   auto check = [](Object *x, const char *when) {
+      SCOPED_TRACE(when);
+      int32_t i = 0;
+      uint32_t u = 0;
+      uint16_t h = 0;
+      int64_t l = 0;
+      bool b = false;
+      EXPECT_EQ(Str(x, "s"), "text");
+      EXPECT_EQ(GetValueInt(x, "neg", &i), kSuccess);
+      EXPECT_EQ(i, -1);
+      EXPECT_EQ(GetValueUint32(x, "neg", &u), kTypeMismatch);
+      EXPECT_EQ(GetValueUint16(x, "big", &h), kTypeMismatch);
+      EXPECT_EQ(GetValueInt(x, "big", &i), kSuccess);
+      EXPECT_EQ(i, 70000);
+      EXPECT_EQ(GetValueUint32(x, "max32", &u), kSuccess);
+      EXPECT_EQ(u, UINT32_MAX);
+      EXPECT_EQ(GetValueInt(x, "max32", &i), kTypeMismatch);
+      EXPECT_EQ(GetValueUint16(x, "port", &h), kSuccess);
+      EXPECT_EQ(h, 65535);
+      EXPECT_EQ(GetValueInt(x, "huge", &i), kTypeMismatch);
+      EXPECT_EQ(GetValueLong(x, "huge", &l), kSuccess);
+      EXPECT_EQ(l, int64_t{1} << 40);
+      EXPECT_EQ(GetValueLong(x, "min64", &l), kSuccess);
+      EXPECT_EQ(l, INT64_MIN);
+      EXPECT_EQ(GetValueBool(x, "flag", &b), kSuccess);
+      EXPECT_TRUE(b);
+      // Wrong kinds.
+      EXPECT_EQ(GetValueInt(x, "s", &i), kTypeMismatch);
+      EXPECT_EQ(GetValueInt(x, "flag", &i), kTypeMismatch);
+      EXPECT_EQ(GetValueBool(x, "neg", &b), kTypeMismatch);
+      EXPECT_EQ(GetValueInt(x, "nums", &i), kTypeMismatch);
+      char *str = nullptr;
+      EXPECT_EQ(GetValueStr(x, "neg", &str), kTypeMismatch);
+      // Absent values.
+      EXPECT_EQ(GetValueInt(x, "gone", &i), kNotFound);
+      EXPECT_EQ(GetValueStr(x, "gone", &str), kNotFound);
+      // Lists.
+      char **arr = nullptr;
+      uint32_t n = 99;
+      ASSERT_EQ(GetValueStringArray(x, "empty", &arr, &n), kSuccess);
+      EXPECT_EQ(n, 0u);
+      DestroyStringArrayValue(arr, n);
+      ASSERT_EQ(GetValueStringArray(x, "names", &arr, &n), kSuccess);
+      ASSERT_EQ(n, 2u);
+      EXPECT_STREQ(arr[0], "x");
+      EXPECT_STREQ(arr[1], "y");
+      DestroyStringArrayValue(arr, n);
+      EXPECT_EQ(GetValueStringArray(x, "s", &arr, &n), kTypeMismatch);
+      EXPECT_EQ(GetValueStringArray(x, "gone", &arr, &n), kNotFound);
+   };
+   check(o, "in memory");
+   auto s = Open();
+   ASSERT_EQ(Set(s.get(), o, kSourceExternal), kSuccess);
+   StorePtr again = Open();
+   Object *back = nullptr;
+   ASSERT_EQ(Get(again.get(), kGroup, kObj, kComp, "v", &back), kSuccess);
+   ObjPtr backPtr(back);
+   check(back, "after reopen");
+
+   // A value may change kind when set again.
+   ASSERT_EQ(SetValueInt(back, "s", 3), kSuccess);
+   int32_t i = 0;
+   EXPECT_EQ(GetValueInt(back, "s", &i), kSuccess);
+   EXPECT_EQ(i, 3);
+}
+
+TEST_F(ConfigStoreTest, NestedSubObjectsKeepCreationOrder) {
+   Object *root = nullptr;
+   ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "sw0", "{}", &root), kSuccess);
+   ObjPtr rootPtr(root);
+
+   // Generated ids are random, so a store sorting by id would reorder them.
+   std::vector<std::string> ids = {"p9", "p1", "p5"};
+   for (int i = 0; i < 12; i++) {
+      char *id = nullptr;
+      ASSERT_EQ(GenerateInstanceId(&id), kSuccess);
+      ids.push_back(id);
+      free(id);
+   }
+   for (const auto &id : ids) {
+      Object *port = nullptr;
+      ASSERT_EQ(CreateSubObject(root, "port", id.c_str(), &port), kSuccess);
+      ASSERT_EQ(SetValueStr(port, "alias", ("alias-" + id).c_str()), kSuccess);
+   }
+   Object *p1 = nullptr, *q = nullptr, *deep = nullptr, *settings = nullptr;
+   ASSERT_EQ(GetSubObject(root, "port", "p1", &p1), kSuccess);
+   ASSERT_EQ(CreateSubObject(p1, "queue", "q1", &q), kSuccess);
+   ASSERT_EQ(SetValueStr(q, "key", "custom"), kSuccess);  // explicit key is kept
+   ASSERT_EQ(CreateSubObject(q, "shaper", nullptr, &deep), kSuccess);
+   ASSERT_EQ(SetValueUint32(deep, "rate", 1000), kSuccess);
+   ASSERT_EQ(CreateSubObject(root, "settings", "", &settings), kSuccess);
+   ASSERT_EQ(SetValueBool(settings, "enabled", true), kSuccess);
+
+   auto check = [&ids](Object *r, const char *when) {
+      SCOPED_TRACE(when);
+      EXPECT_EQ(SubKeys(r, "port"), ids);
+      Object *p = nullptr, *qq = nullptr, *d = nullptr, *st = nullptr;
+      ASSERT_EQ(GetSubObject(r, "port", "p5", &p), kSuccess);
+      EXPECT_EQ(Str(p, "alias"), "alias-p5");
+      EXPECT_EQ(Str(p, "key"), "p5");
+      ASSERT_EQ(GetSubObject(r, "port", "p1", &p), kSuccess);
+      EXPECT_EQ(SubKeys(p, "queue"), std::vector<std::string>{"custom"});
+      ASSERT_EQ(GetSubObject(p, "queue", "q1", &qq), kSuccess);
+      ASSERT_EQ(GetSubObject(qq, "shaper", nullptr, &d), kSuccess);
+      uint32_t rate = 0;
+      EXPECT_EQ(GetValueUint32(d, "rate", &rate), kSuccess);
+      EXPECT_EQ(rate, 1000u);
+      for (const char *none : {static_cast<const char *>(nullptr), ""}) {
+         ASSERT_EQ(GetSubObject(r, "settings", none, &st), kSuccess);
+         bool on = false;
+         EXPECT_EQ(GetValueBool(st, "enabled", &on), kSuccess);
+         EXPECT_TRUE(on);
+      }
+      EXPECT_EQ(GetSubObject(r, "port", "p404", &p), kNotFound);
+      EXPECT_EQ(GetSubObject(r, "nothing", nullptr, &p), kNotFound);
+   };
+   check(root, "in memory");
+   auto s = Open();
+   ASSERT_EQ(Set(s.get(), root, kSourceExternal), kSuccess);
+   auto again = Open();
+   Object *back = nullptr;
+   ASSERT_EQ(Get(again.get(), kGroup, kObj, kComp, "sw0", &back), kSuccess);
+   ObjPtr backPtr(back);
+   check(back, "after reopen");
+}
+
+TEST_F(ConfigStoreTest, SubObjectHandlesNeverDangle) {
+   Object *root = nullptr;
+   ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "sw0", "{}", &root), kSuccess);
+   ObjPtr rootPtr(root);
+   Object *keep = nullptr, *doomed = nullptr, *tmp = nullptr;
+   ASSERT_EQ(CreateSubObject(root, "port", "first", &doomed), kSuccess);
+   ASSERT_EQ(CreateSubObject(root, "port", "keep", &keep), kSuccess);
+   ASSERT_EQ(SetValueStr(keep, "alias", "kept"), kSuccess);
+   for (int i = 0; i < 200; i++)  // enough to move any backing storage around
+      ASSERT_EQ(CreateSubObject(root, "port", ("x" + std::to_string(i)).c_str(), &tmp), kSuccess);
+   ASSERT_EQ(DeleteSubObject(root, "port", "first"), kSuccess);
+   EXPECT_EQ(DeleteSubObject(root, "port", "first"), kNotFound);
+   EXPECT_EQ(Str(keep, "alias"), "kept");
+   EXPECT_EQ(SetValueStr(keep, "alias", "still"), kSuccess);
+   ASSERT_EQ(GetSubObject(root, "port", "keep", &tmp), kSuccess);
+   EXPECT_EQ(Str(tmp, "alias"), "still");
+
+   // A handle to a deleted sub-object answers, but no longer reaches the tree.
+   char *v = nullptr;
+   int32_t rc = GetValueStr(doomed, "alias", &v);
+   EXPECT_TRUE(rc == kSuccess || rc == kNotFound) << rc;
+   free(v);
+   SetValueStr(doomed, "alias", "ghost");
+   EXPECT_EQ(GetSubObject(root, "port", "first", &tmp), kNotFound);
+
+   // Many fetches, never released by the caller: LeakSanitizer must stay quiet.
+   for (int i = 0; i < 500; i++)
+      ASSERT_EQ(GetSubObject(root, "port", "x7", &tmp), kSuccess);
+
+   ASSERT_EQ(DeleteSubObjectInstances(root, Filter("port", "", "", "").get()), kSuccess);
+   EXPECT_TRUE(SubKeys(root, "port").empty());
+   rc = GetValueStr(keep, "alias", &v);
+   EXPECT_TRUE(rc == kSuccess || rc == kNotFound) << rc;
+   if (rc == kSuccess)
+      free(v);
+}
+
+TEST_F(ConfigStoreTest, TransactionsIsolateCommitAndCancel) {
+   auto a = Open(), b = Open();
+   EXPECT_EQ(CommitTransaction(a.get()), kNoTransaction);
+   EXPECT_EQ(CancelTransaction(a.get()), kNoTransaction);
+   ASSERT_EQ(Put(a.get(), "base", "v1"), kSuccess);
+
+   ASSERT_EQ(BeginTransaction(a.get()), kSuccess);
+   EXPECT_EQ(BeginTransaction(a.get()), kInTransaction);
+   ASSERT_EQ(Put(a.get(), "new", "n1"), kSuccess);
+   ASSERT_EQ(Put(a.get(), "base", "v2"), kSuccess);
+   EXPECT_EQ(Fetch(a.get(), "new"), "n1");  // own writes are visible
+   EXPECT_EQ(Fetch(b.get(), "new"), std::nullopt);
+   EXPECT_EQ(Fetch(b.get(), "base"), "v1");
+   ASSERT_EQ(CommitTransaction(a.get()), kSuccess);
+   EXPECT_EQ(Fetch(b.get(), "new"), "n1");
+   EXPECT_EQ(Fetch(b.get(), "base"), "v2");
+
+   ASSERT_EQ(BeginTransaction(a.get()), kSuccess);
+   ASSERT_EQ(Delete(a.get(), kGroup, kObj, kComp, "base"), kSuccess);
+   ASSERT_EQ(Put(a.get(), "temp", "t"), kSuccess);
+   EXPECT_EQ(Fetch(b.get(), "base"), "v2");
+   ASSERT_EQ(CancelTransaction(a.get()), kSuccess);
+   EXPECT_EQ(Fetch(a.get(), "base"), "v2");
+   EXPECT_EQ(Fetch(a.get(), "temp"), std::nullopt);
+
+   a.reset();
+   b.reset();
+   auto c = Open();
+   EXPECT_EQ(Fetch(c.get(), "new"), "n1");
+   EXPECT_EQ(Fetch(c.get(), "base"), "v2");
+   EXPECT_EQ(Fetch(c.get(), "temp"), std::nullopt);
+}
+
+TEST_F(ConfigStoreTest, ReaderSeesOnlyCommittedPairs) {
+   {
+      auto s = Open();
+      ASSERT_EQ(Put(s.get(), "left", "0"), kSuccess);
+      ASSERT_EQ(Put(s.get(), "right", "0"), kSuccess);
+   }
+   // The writer changes both objects in one transaction; a reader that reads
+   // both inside its own transaction must never see them differ.
+   std::atomic<bool> done{false};
+   std::atomic<int> torn{0}, failures{0}, reads{0};
+   std::thread reader([&] {
+      auto r = Open();
+      while (!done) {
+         if (BeginTransaction(r.get()) != kSuccess) {
+            failures++;
+            continue;
+         }
+         auto l = Fetch(r.get(), "left"), rt = Fetch(r.get(), "right");
+         torn += l != rt;
+         reads++;
+         CancelTransaction(r.get());
+      }
+   });
+   while (reads == 0 && failures == 0)
+      std::this_thread::yield();
+   auto w = Open();
+   for (int i = 1; i <= 40; i++) {
+      std::string v = std::to_string(i);
+      ASSERT_EQ(BeginTransaction(w.get()), kSuccess);
+      EXPECT_EQ(Put(w.get(), "left", v.c_str()), kSuccess);
+      EXPECT_EQ(Put(w.get(), "right", v.c_str()), kSuccess);
+      EXPECT_EQ(CommitTransaction(w.get()), kSuccess);
+   }
+   done = true;
+   reader.join();
+   EXPECT_EQ(torn.load(), 0);
+   EXPECT_EQ(failures.load(), 0);
+   EXPECT_EQ(Fetch(w.get(), "right"), "40");
+}
+
+/* Runs `work` in a child process and kills it with SIGKILL once it reports back. */
+void KillChildAfter(const std::function<bool()> &work) {
+   int fds[2];
+   ASSERT_EQ(pipe(fds), 0);
+   pid_t pid = fork();
+   ASSERT_GE(pid, 0);
+   if (pid == 0) {
+      close(fds[0]);
+      char ok = work() ? 'y' : 'n';
+      if (write(fds[1], &ok, 1) != 1)
+         _exit(1);
+      for (;;)
+         pause();
+   }
+   close(fds[1]);
+   char ok = 0;
+   ssize_t got = read(fds[0], &ok, 1);
+   close(fds[0]);
+   kill(pid, SIGKILL);
+   int status = 0;
+   ASSERT_EQ(waitpid(pid, &status, 0), pid);
+   ASSERT_EQ(got, 1);
+   EXPECT_EQ(ok, 'y');
+   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+}
+
+TEST_F(ConfigStoreTest, KilledWriterLeavesLastCommittedState) {
+   {
+      auto s = Open();
+      ASSERT_EQ(Put(s.get(), "base", "v1"), kSuccess);
+   }
+   KillChildAfter([] {
+      Store *s = nullptr;
+      return GetStore(0, &s) == kSuccess && BeginTransaction(s) == kSuccess &&
+             Put(s, "base", "v2") == kSuccess && Put(s, "extra", "e") == kSuccess &&
+             Delete(s, kGroup, kObj, kComp, "base") == kSuccess;
+   });
+   {
+      auto s = Open();
+      EXPECT_EQ(Fetch(s.get(), "base"), "v1");
+      EXPECT_EQ(Fetch(s.get(), "extra"), std::nullopt);
+   }
+   KillChildAfter([] {
+      Store *s = nullptr;
+      return GetStore(0, &s) == kSuccess && BeginTransaction(s) == kSuccess &&
+             Put(s, "base", "v3") == kSuccess && Put(s, "extra", "e") == kSuccess &&
+             CommitTransaction(s) == kSuccess;
+   });
+   auto s = Open();
+   EXPECT_EQ(Fetch(s.get(), "base"), "v3");
+   EXPECT_EQ(Fetch(s.get(), "extra"), "e");
+   ASSERT_EQ(Put(s.get(), "after", "ok"), kSuccess);  // the store is still writable
+}
+
+TEST_F(ConfigStoreTest, PathFromEnvironmentEachTime) {
+   std::string nested = dir_ + "/not/yet/there/store.db";
+   setenv(kPathEnv, nested.c_str(), 1);
+   {
+      auto s = Open();
+      ASSERT_NE(s, nullptr);
+      ASSERT_EQ(Put(s.get(), "a", "nested"), kSuccess);
+   }
+   EXPECT_TRUE(std::filesystem::exists(nested));
+   setenv(kPathEnv, path_.c_str(), 1);
+   auto s = Open();
+   EXPECT_EQ(Fetch(s.get(), "a"), std::nullopt);
+   ASSERT_EQ(Put(s.get(), "a", "plain"), kSuccess);
+   setenv(kPathEnv, nested.c_str(), 1);
+   auto back = Open();
+   EXPECT_EQ(Fetch(back.get(), "a"), "nested");
+}
+
+TEST_F(ConfigStoreTest, BadInputGivesCodes) {
+   // Any failure here is neither success nor "not found".
+   auto bad = [](int32_t rc) { return rc != kSuccess && rc != kNotFound; };
+   auto s = Open();
+   Object *o = nullptr;
+   EXPECT_PRED1(bad, GetStore(0, nullptr));
+   EXPECT_EQ(CreateObject(kGroup, kObj, kComp, "x", "{", &o), kBadJson);
+   EXPECT_EQ(CreateObject(kGroup, kObj, kComp, "x", "[1,", &o), kBadJson);
+   EXPECT_PRED1(bad, CreateObject(nullptr, kObj, kComp, "x", "{}", &o));
+   EXPECT_PRED1(bad, CreateObject(kGroup, kObj, kComp, "x", "{}", nullptr));
+   EXPECT_PRED1(bad, Get(nullptr, kGroup, kObj, kComp, "x", &o));
+   EXPECT_PRED1(bad, Get(s.get(), kGroup, kObj, kComp, "x", nullptr));
+   EXPECT_PRED1(bad, BeginTransaction(nullptr));
+   EXPECT_PRED1(bad, GetInstances(s.get(), nullptr, nullptr, nullptr));
+   EXPECT_PRED1(bad, GetValueStr(nullptr, "k", nullptr));
+   EXPECT_PRED1(bad, GenerateInstanceId(nullptr));
+
+   ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "x", "{}", &o), kSuccess);
+   ObjPtr obj(o);
+   Object *sub = nullptr;
+   EXPECT_EQ(Set(s.get(), o, "SOMEWHERE"), kBadParam);
+   EXPECT_PRED1(bad, Set(s.get(), nullptr, kSourceExternal));
+   EXPECT_PRED1(bad, Set(s.get(), o, nullptr));
+   EXPECT_PRED1(bad, SetValueStr(o, "", "v"));
+   EXPECT_PRED1(bad, SetValueStr(o, "k", nullptr));
+   EXPECT_PRED1(bad, CreateSubObject(o, "", "i", &sub));
+   EXPECT_PRED1(bad, GetSubObject(o, nullptr, nullptr, &sub));
+   EXPECT_PRED1(bad, GetSubObjectInstances(o, nullptr, nullptr, nullptr));
+
+   std::set<std::string> ids;
+   for (int i = 0; i < 100; i++) {
+      char *id = nullptr;
+      ASSERT_EQ(GenerateInstanceId(&id), kSuccess);
+      EXPECT_NE(id[0], '\0');
+      ids.insert(id);
+      free(id);
+   }
+   EXPECT_EQ(ids.size(), 100u);
+}
+
+TEST_F(ConfigStoreTest, DamagedDatabaseIsReported) {
+   {
+      std::ofstream f(path_, std::ios::binary);
+      std::string junk(4096, '\0');
+      for (size_t i = 0; i < junk.size(); i++)
+         junk[i] = static_cast<char>((i * 131 + 7) & 0xff);
+      f << junk;
+   }
+   Store *s = nullptr;
+   int32_t rc = GetStore(0, &s);
+   if (rc == kSuccess) {
+      StorePtr store(s);
+      Object *o = nullptr;
+      rc = Get(s, kGroup, kObj, kComp, "a", &o);
+   }
+   EXPECT_NE(rc, kSuccess);
+   EXPECT_NE(rc, kNotFound);
+}
+
+}  // namespace
