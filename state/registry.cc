@@ -80,7 +80,9 @@ void FreeSwitchRecord(DVSwitch *dvs) {
 // A zeroed record with `numSlots` port slots, its bitmap and two empty
 // property lists; on failure nothing is left allocated.
 ReturnStatus NewSwitchRecord(uint32_t numSlots, DVSwitch **out) {
-   if (numSlots > (SIZE_MAX - sizeof(DVSwitch)) / sizeof(DVSPort *)) {
+   // Only a 32-bit size_t can overflow here.
+   constexpr size_t kMaxSlots = (SIZE_MAX - sizeof(DVSwitch)) / sizeof(DVSPort *);
+   if (size_t{numSlots} > kMaxSlots) {
       return STATUS_NO_MEMORY;
    }
    const size_t bytes = sizeof(DVSwitch) + size_t{numSlots} * sizeof(DVSPort *);
