@@ -76,17 +76,16 @@ CONFIGSTORE_EXPORT void DestroyFilterSpecObject(FilterSpec *filter);
 CONFIGSTORE_EXPORT int32_t GetInstances(Store *store, FilterSpec *filter, Object ***objects,
                                         uint32_t *count);
 CONFIGSTORE_EXPORT int32_t GetDesiredUserConfigInstances(const char *group, const char *object,
-                                                         const char *component,
-                                                         Object ***objects, uint32_t *count);
+                                                         const char *component, Object ***objects,
+                                                         uint32_t *count);
 CONFIGSTORE_EXPORT int32_t GetSubObjectInstances(Object *parent, FilterSpec *filter,
                                                  Object ***objects, uint32_t *count);
 CONFIGSTORE_EXPORT int32_t DeleteSubObjectInstances(Object *parent, FilterSpec *filter);
 CONFIGSTORE_EXPORT int32_t GetSubObject(Object *parent, const char *key, const char *instanceId,
                                         Object **out);
-CONFIGSTORE_EXPORT int32_t CreateSubObject(Object *parent, const char *key,
-                                           const char *instanceId, Object **out);
-CONFIGSTORE_EXPORT int32_t DeleteSubObject(Object *parent, const char *key,
-                                           const char *instanceId);
+CONFIGSTORE_EXPORT int32_t CreateSubObject(Object *parent, const char *key, const char *instanceId,
+                                           Object **out);
+CONFIGSTORE_EXPORT int32_t DeleteSubObject(Object *parent, const char *key, const char *instanceId);
 CONFIGSTORE_EXPORT int32_t GenerateInstanceId(char **id);
 
 CONFIGSTORE_EXPORT int32_t GetValueStr(Object *obj, const char *key, char **value);

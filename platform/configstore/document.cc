@@ -161,56 +161,7 @@ Value ValueFromJson(const Json &j) {
    return v;
 }
 
-Json ValueToJson(const Value &v) {
-   switch (v.kind) {
-      case Kind::kString:
-         return Json(v.str);
-      case Kind::kInt:
-         return Json(v.num);
-      case Kind::kBool:
-         return Json(v.num != 0);
-      case Kind::kStringList:
-         return Json(v.strs);
-      case Kind::kIntList:
-         return Json(v.nums);
-      case Kind::kEmptyList:
-         return Json::array();
-   }
-   return Json();
-}
-
 // ---- stored document --------------------------------------------------------
-
-Json NodeToJson(const Node &node) {
-   Json out = Json::object();
-   if (!node.values.empty()) {
-      Json values = Json::object();
-      for (const auto &entry : node.values) {
-         values[entry.first] = ValueToJson(entry.second);
-      }
-      out["values"] = std::move(values);
-   }
-   if (!node.subs.empty()) {
-      Json subs = Json::object();
-      for (const auto &sub : node.subs) {
-         Json list = Json::array();
-         for (const auto &child : sub.entries) {
-            Json entry = Json::object();
-            if (!child->id.empty()) {
-               entry["id"] = child->id;
-            }
-            Json body = NodeToJson(*child);
-            for (auto it = body.begin(); it != body.end(); ++it) {
-               entry[it.key()] = std::move(it.value());
-            }
-            list.push_back(std::move(entry));
-         }
-         subs[sub.key] = std::move(list);
-      }
-      out["subobjects"] = std::move(subs);
-   }
-   return out;
-}
 
 void FillFromDocument(Node &node, const Json &j, int depth) {
    if (depth > kMaxDepth) {
@@ -313,10 +264,6 @@ void FillFromPlain(Node &node, const Json &j, int depth, bool skipKey) {
 }
 
 }  // namespace
-
-std::string SerializeDocument(const Node &node) {
-   return NodeToJson(node).dump();
-}
 
 NodePtr ParseDocument(const std::string &text) {
    Json j = Json::parse(text);

@@ -73,7 +73,8 @@ struct Node {
 // Deepest nesting accepted when reading JSON.
 constexpr int kMaxDepth = 512;
 
-// The stored document of a node (see docs/configstore.md).
+// The stored document of a node (see docs/configstore.md); throws
+// DocumentError for a string that is not valid UTF-8.  In document_writer.cc.
 std::string SerializeDocument(const Node &node);
 // Parses a stored document; throws DocumentError or a json exception.
 NodePtr ParseDocument(const std::string &text);

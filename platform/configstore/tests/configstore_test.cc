@@ -265,6 +265,49 @@ TEST_F(ConfigStoreTest, TypedValuesAndRanges) {
    EXPECT_EQ(i, 3);
 }
 
+TEST_F(ConfigStoreTest, StringsNeedingEscapesSurviveReopen) {
+   // Quotes, backslashes, every control character, DEL and 2-, 3- and
+   // 4-byte UTF-8, as a value, a list element, a sub-object key and an id.
+   std::string text = "q\"b\\s/";
+   for (char c = 1; c < 0x20; c++)
+      text += c;
+   text +=
+      "\x7f"
+      "\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 end";
+   const std::string key = "k\"\\\n\xc3\xa9";
+   Object *o = nullptr;
+   ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "esc", "{}", &o), kSuccess);
+   ObjPtr obj(o);
+   Object *sub = nullptr;
+   ASSERT_EQ(SetValueStr(o, key.c_str(), text.c_str()), kSuccess);
+   ASSERT_EQ(AppendValueString(o, "list", text.c_str()), kSuccess);
+   ASSERT_EQ(CreateSubObject(o, key.c_str(), text.c_str(), &sub), kSuccess);
+   ASSERT_EQ(SetValueStr(sub, "v", text.c_str()), kSuccess);
+   ASSERT_EQ(Set(Open().get(), o, kSourceExternal), kSuccess);
+
+   auto s = Open();
+   Object *back = nullptr;
+   ASSERT_EQ(Get(s.get(), kGroup, kObj, kComp, "esc", &back), kSuccess);
+   ObjPtr backObj(back);
+   EXPECT_EQ(Str(back, key.c_str()), text);
+   char **items = nullptr;
+   uint32_t count = 0;
+   ASSERT_EQ(GetValueStringArray(back, "list", &items, &count), kSuccess);
+   ASSERT_EQ(count, 1u);
+   EXPECT_EQ(std::string(items[0]), text);
+   DestroyStringArrayValue(items, count);
+   ASSERT_EQ(GetSubObject(back, key.c_str(), text.c_str(), &sub), kSuccess);
+   ObjPtr subObj(sub);
+   EXPECT_EQ(Str(sub, "v"), text);
+
+   // Text that is not UTF-8 (a cut-off sequence, a lone continuation byte,
+   // an overlong form, a surrogate) cannot be stored as JSON.
+   for (const char *bad : {"a\xc3", "\x80", "\xc0\xaf", "\xed\xa0\x80"}) {
+      ASSERT_EQ(SetValueStr(o, "bad", bad), kSuccess);
+      EXPECT_EQ(Set(s.get(), o, kSourceExternal), kBadJson) << bad;
+   }
+}
+
 TEST_F(ConfigStoreTest, NestedSubObjectsKeepCreationOrder) {
    Object *root = nullptr;
    ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "sw0", "{}", &root), kSuccess);
