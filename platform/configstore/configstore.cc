@@ -150,6 +150,13 @@ class Statement {
                                           SQLITE_TRANSIENT));
    }
 
+   // Binds without a copy: the text must outlive this statement (declare it
+   // before the Statement, so the bindings are cleared first).
+   int32_t BindNoCopy(int index, const std::string &text) {
+      return FromSqlite(sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()),
+                                          SQLITE_STATIC));
+   }
+
    // SQLITE_ROW, SQLITE_DONE or an error code.
    int Step() { return sqlite3_step(stmt_); }
 
@@ -617,7 +624,7 @@ int32_t Set(Store *store, Object *obj, const char *source) {
           (rc = stmt.Bind(2, obj->object)) != kSuccess ||
           (rc = stmt.Bind(3, obj->component)) != kSuccess ||
           (rc = stmt.Bind(4, obj->instance)) != kSuccess ||
-          (rc = stmt.Bind(5, source)) != kSuccess || (rc = stmt.Bind(6, doc)) != kSuccess) {
+          (rc = stmt.Bind(5, source)) != kSuccess || (rc = stmt.BindNoCopy(6, doc)) != kSuccess) {
          return rc;
       }
       return FromSqlite(stmt.Step());
