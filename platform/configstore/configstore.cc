@@ -396,6 +396,19 @@ int32_t GetInteger(Object *obj, const char *key, int64_t lo, int64_t hi, int64_t
    return kSuccess;
 }
 
+// Reads an integer value as T: one whose value lies outside T's range is a
+// type mismatch, like a value of another kind.
+template <typename T>
+int32_t GetIntegerAs(Object *obj, const char *key, T *value) {
+   int64_t v = 0;
+   const int32_t rc = GetInteger(obj, key, std::numeric_limits<T>::min(),
+                                 std::numeric_limits<T>::max(), value != nullptr ? &v : nullptr);
+   if (rc == kSuccess) {
+      *value = static_cast<T>(v);
+   }
+   return rc;
+}
+
 template <typename Fill>
 int32_t PutValue(Object *obj, const char *key, Fill &&fill) {
    if (obj == nullptr || Empty(key)) {
@@ -857,46 +870,19 @@ int32_t GetValueStr(Object *obj, const char *key, char **value) {
 }
 
 int32_t GetValueInt(Object *obj, const char *key, int32_t *value) {
-   return Guard([&]() -> int32_t {
-      int64_t v = 0;
-      int32_t rc = GetInteger(obj, key, std::numeric_limits<int32_t>::min(),
-                              std::numeric_limits<int32_t>::max(), value ? &v : nullptr);
-      if (rc == kSuccess) {
-         *value = static_cast<int32_t>(v);
-      }
-      return rc;
-   });
+   return Guard([&] { return GetIntegerAs(obj, key, value); });
 }
 
 int32_t GetValueUint32(Object *obj, const char *key, uint32_t *value) {
-   return Guard([&]() -> int32_t {
-      int64_t v = 0;
-      int32_t rc =
-         GetInteger(obj, key, 0, std::numeric_limits<uint32_t>::max(), value ? &v : nullptr);
-      if (rc == kSuccess) {
-         *value = static_cast<uint32_t>(v);
-      }
-      return rc;
-   });
+   return Guard([&] { return GetIntegerAs(obj, key, value); });
 }
 
 int32_t GetValueUint16(Object *obj, const char *key, uint16_t *value) {
-   return Guard([&]() -> int32_t {
-      int64_t v = 0;
-      int32_t rc =
-         GetInteger(obj, key, 0, std::numeric_limits<uint16_t>::max(), value ? &v : nullptr);
-      if (rc == kSuccess) {
-         *value = static_cast<uint16_t>(v);
-      }
-      return rc;
-   });
+   return Guard([&] { return GetIntegerAs(obj, key, value); });
 }
 
 int32_t GetValueLong(Object *obj, const char *key, int64_t *value) {
-   return Guard([&]() -> int32_t {
-      return GetInteger(obj, key, std::numeric_limits<int64_t>::min(),
-                        std::numeric_limits<int64_t>::max(), value);
-   });
+   return Guard([&] { return GetIntegerAs(obj, key, value); });
 }
 
 int32_t GetValueBool(Object *obj, const char *key, bool *value) {
