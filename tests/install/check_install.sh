@@ -47,4 +47,10 @@ cmake -S "$work/consumer" -B "$work/consumer/build" -DCMAKE_PREFIX_PATH="$prefix
   -DCMAKE_C_COMPILER="$cc" >/dev/null
 cmake --build "$work/consumer/build" >/dev/null
 "$work/consumer/build/example" | grep -q 'com.ostrel.common.alias'
+# 4. The installed programs find the installed libraries on their own.
+for tool in dvsctl dvs-kernel-sim; do
+  if [ -x "$prefix/bin/$tool" ]; then
+    env -u LD_LIBRARY_PATH "$prefix/bin/$tool" --help >/dev/null
+  fi
+done
 echo "install consumers: ok"
