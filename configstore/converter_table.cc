@@ -1,0 +1,60 @@
+// The converter of each converter type.  The structured converters join
+// this table as they are written; until then their entries stay empty.
+#include "configstore/converters.h"
+
+namespace dvs::configstore {
+
+namespace {
+
+constexpr PropConverter kNone = {nullptr, nullptr};
+
+}  // namespace
+
+const PropConverter kPropConverters[PROP_CONV_END] = {
+   /* 0 PROP_CONV_UINT32 */ {SaveUint32, LoadUint32},
+   /* 1 PROP_CONV_STRING */ {SaveString, LoadString},
+   /* 2 PROP_CONV_INT32 */ {SaveInt32, LoadInt32},
+   /* 3 PROP_CONV_BOOL_BYTE */ {SaveBoolByte, LoadBoolByte},
+   /* 4 PROP_CONV_BOOL_TEXT */ {SaveBoolText, LoadBoolText},
+   /* 5 PROP_CONV_IPV4_ADDRESS */ {SaveIpv4Address, LoadIpv4Address},
+   /* 6 PROP_CONV_PVLAN_MAP_ETHER */ kNone,
+   /* 7 PROP_CONV_PVLAN_MAP_VSWITCH */ kNone,
+   /* 8 PROP_CONV_LINK_DISCOVERY */ kNone,
+   /* 9 PROP_CONV_MIRROR_SESSIONS */ kNone,
+   /* 10 PROP_CONV_IPFIX */ kNone,
+   /* 11 PROP_CONV_HEALTH_CHECK */ kNone,
+   /* 12 PROP_CONV_RESPOOL_CONFIG */ kNone,
+   /* 13 PROP_CONV_RESPOOL_KEY_LIST */ {SaveResPoolKeyList, LoadResPoolKeyList},
+   /* 14 PROP_CONV_UPLINK_KEY_LIST */ {SaveUplinkKeyList, LoadUplinkKeyList},
+   /* 15 PROP_CONV_SWITCH_VERSION */ {SaveSwitchVersion, LoadSwitchVersion},
+   /* 16 PROP_CONV_LACP_GROUPS */ kNone,
+   /* 17 PROP_CONV_TEAMING_ETHER */ kNone,
+   /* 18 PROP_CONV_TEAMING_VSWITCH */ kNone,
+   /* 19 PROP_CONV_ZLT_ENABLED */ {SaveBoolText, LoadBoolText},
+   /* 20 PROP_CONV_UPLINK_NAME_LIST */ {SaveUplinkNameList, LoadUplinkNameList},
+   /* 21 PROP_CONV_MTU */ {SaveUint32, LoadUint32},
+   /* 22 PROP_CONV_OPAQUE_DATA */ kNone,
+   /* 23 PROP_CONV_TX_UPLINK */ {SaveTxUplink, LoadTxUplink},
+   /* 24 PROP_CONV_VLAN_ETHER */ kNone,
+   /* 25 PROP_CONV_VLAN_VSWITCH */ kNone,
+   /* 26 PROP_CONV_SHAPING */ kNone,
+   /* 27 PROP_CONV_SECURITY_ETHER */ kNone,
+   /* 28 PROP_CONV_SECURITY_VSWITCH */ kNone,
+   /* 29 PROP_CONV_FILTER_POLICY */ kNone,
+   /* 30: no converter */ kNone,
+   /* 31 PROP_CONV_PORT_BOOL_TEXT */ {SaveBoolText, LoadBoolText},
+   /* 32 PROP_CONV_PT_ALLOWED */ {SavePtAllowed, LoadPtAllowed},
+   /* 33 PROP_CONV_PORT_OPAQUE_DATA */ kNone,
+   /* 34 PROP_CONV_ENABLED_TEXT */ {SaveEnabledText, LoadEnabledText},
+   /* 35 PROP_CONV_LACP_POLICY */ kNone,
+   /* 36 PROP_CONV_SKIP */ {SaveSkip, LoadSkip},
+};
+
+const PropConverter *GetPropConverter(uint32_t convType) {
+   if (convType >= PROP_CONV_END || kPropConverters[convType].save == nullptr) {
+      return nullptr;
+   }
+   return &kPropConverters[convType];
+}
+
+}  // namespace dvs::configstore

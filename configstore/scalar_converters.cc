@@ -1,0 +1,416 @@
+// The converters that turn one property value into one store value, or one
+// list of texts, and back.  Texts that stand for booleans are compared
+// exactly, NUL included: "True" or "true " store false.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "configstore/converters.h"
+
+namespace dvs::configstore {
+
+namespace cs = ::configstore;
+
+namespace {
+
+constexpr int32_t kOwnFailure = -1;
+
+// Record sizes of the counted name arrays, and the name field of a
+// resource pool key record.
+constexpr uint32_t kResPoolKeyRecord = 200;
+constexpr uint32_t kResPoolKeyNameMax = 128;
+constexpr uint32_t kUplinkKeyRecord = 48;
+constexpr uint32_t kUplinkNameRecord = 81;
+
+constexpr uint32_t kPtAllowed = 2;
+
+struct VersionText {
+   const char *text;
+   uint32_t number;     // "zlt_enabled" false or absent
+   uint32_t zltNumber;  // "zlt_enabled" true
+};
+
+// In the order the load compares them.
+constexpr VersionText kVersions[] = {
+   {"6.0.0", 4, 4},   {"6.5.0", 5, 5},    {"6.6.0", 6, 6},   {"7.0.0", 7, 107},
+   {"7.0.2", 8, 108}, {"8.0.0", 10, 110}, {"7.0.3", 9, 109}, {"ZLT 1.0", 100, 100},
+};
+
+// True when value is exactly text with its NUL.
+bool ValueIs(const void *value, uint32_t valueLen, const char *text) {
+   size_t len = strlen(text) + 1;
+   return value != nullptr && valueLen >= len && memcmp(value, text, len) == 0;
+}
+
+int32_t Update(DVSDataHandle props, const char *propName, const void *data, uint32_t len,
+               uint64_t propFlag) {
+   ReturnStatus st = DVSData_Update(props, propName, data, len, static_cast<uint32_t>(propFlag));
+   return st == STATUS_OK ? cs::kSuccess : kOwnFailure;
+}
+
+// Absent values are not failures on load.
+int32_t Absent(int32_t rc) {
+   return rc == cs::kNotFound ? cs::kSuccess : rc;
+}
+
+int32_t LoadBoolAsText(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                       uint64_t propFlag, const char *whenTrue, const char *whenFalse) {
+   bool b = false;
+   int32_t rc = cs::GetValueBool(obj, key, &b);
+   if (rc != cs::kSuccess) {
+      return Absent(rc);
+   }
+   const char *text = b ? whenTrue : whenFalse;
+   if (text == nullptr) {
+      return cs::kSuccess;
+   }
+   return Update(props, propName, text, static_cast<uint32_t>(strlen(text) + 1), propFlag);
+}
+
+int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint32_t recordSize,
+                      bool emptyWhenZero) {
+   const auto *bytes = static_cast<const uint8_t *>(value);
+   uint32_t count;
+   memcpy(&count, bytes, sizeof count);
+   if (count == 0 && !emptyWhenZero) {
+      return cs::kSuccess;
+   }
+   int32_t rc = cs::SetValueEmptyList(obj, key);
+   if (emptyWhenZero && rc != cs::kSuccess) {
+      return rc;
+   }
+   for (uint32_t i = 0; i < count; i++) {
+      const char *name = reinterpret_cast<const char *>(bytes + 4 + i * recordSize);
+      rc = cs::AppendValueString(obj, key, name);
+      if (rc != cs::kSuccess) {
+         return rc;
+      }
+   }
+   return cs::kSuccess;
+}
+
+// Reads the list under key into a counted array of recordSize records, each
+// name cut to nameMax bytes with its NUL.  *buf is null when the list is
+// absent or empty; *allocFailed tells an allocation failure apart.
+int32_t LoadNameArray(cs::Object *obj, const char *key, uint32_t recordSize, uint32_t nameMax,
+                      bool zeroFill, uint8_t **buf, uint32_t *len, bool *allocFailed) {
+   *buf = nullptr;
+   *allocFailed = false;
+   char **names = nullptr;
+   uint32_t count = 0;
+   int32_t rc = cs::GetValueStringArray(obj, key, &names, &count);
+   if (rc != cs::kSuccess) {
+      return Absent(rc);
+   }
+   if (count >= 1) {
+      *len = count * recordSize + 4;
+      *buf = static_cast<uint8_t *>(zeroFill ? calloc(1, *len) : malloc(*len));
+      if (*buf == nullptr) {
+         *allocFailed = true;
+      } else {
+         memcpy(*buf, &count, sizeof count);
+         for (uint32_t i = 0; i < count; i++) {
+            char *rec = reinterpret_cast<char *>(*buf + 4 + i * recordSize);
+            snprintf(rec, nameMax, "%s", names[i]);
+         }
+      }
+   }
+   cs::DestroyStringArrayValue(names, count);
+   return cs::kSuccess;
+}
+
+}  // namespace
+
+int32_t SaveUint32(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   uint32_t v;
+   memcpy(&v, value, sizeof v);
+   return cs::SetValueUint32(obj, key, v);
+}
+
+int32_t LoadUint32(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                   uint64_t propFlag) {
+   uint32_t v = 0;
+   int32_t rc = cs::GetValueUint32(obj, key, &v);
+   if (rc != cs::kSuccess) {
+      return Absent(rc);
+   }
+   return Update(props, propName, &v, sizeof v, propFlag);
+}
+
+int32_t SaveString(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   return cs::SetValueStr(obj, key, static_cast<const char *>(value));
+}
+
+int32_t LoadString(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                   uint64_t propFlag) {
+   char *s = nullptr;
+   int32_t rc = cs::GetValueStr(obj, key, &s);
+   if (rc != cs::kSuccess) {
+      return Absent(rc);
+   }
+   rc = Update(props, propName, s, static_cast<uint32_t>(strlen(s) + 1), propFlag);
+   free(s);
+   return rc;
+}
+
+int32_t SaveInt32(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   int32_t v;
+   memcpy(&v, value, sizeof v);
+   return cs::SetValueInt(obj, key, v);
+}
+
+int32_t LoadInt32(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                  uint64_t propFlag) {
+   int32_t v = 0;
+   int32_t rc = cs::GetValueInt(obj, key, &v);
+   if (rc != cs::kSuccess) {
+      return Absent(rc);
+   }
+   return Update(props, propName, &v, sizeof v, propFlag);
+}
+
+int32_t SaveBoolByte(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   return cs::SetValueBool(obj, key, *static_cast<const uint8_t *>(value) != 0);
+}
+
+int32_t LoadBoolByte(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                     uint64_t propFlag) {
+   bool b = false;
+   int32_t rc = cs::GetValueBool(obj, key, &b);
+   if (rc != cs::kSuccess) {
+      return Absent(rc);
+   }
+   uint8_t v = b ? 1 : 0;
+   return Update(props, propName, &v, sizeof v, propFlag);
+}
+
+int32_t SaveBoolText(cs::Object *obj, const char *key, const void *value, uint32_t valueLen) {
+   return cs::SetValueBool(obj, key, ValueIs(value, valueLen, "true"));
+}
+
+int32_t LoadBoolText(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                     uint64_t propFlag) {
+   return LoadBoolAsText(obj, key, props, propName, propFlag, "true", "false");
+}
+
+int32_t SaveIpv4Address(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   char text[16];
+   if (inet_ntop(AF_INET, value, text, sizeof text) == nullptr) {
+      if (dvsconfigstore_debug >= 0) {
+         uint32_t v;
+         memcpy(&v, value, sizeof v);
+         printf("Failed to parse integer to Ipv4Address: %u\n", v);
+      }
+      return kOwnFailure;
+   }
+   return cs::SetValueStr(obj, key, text);
+}
+
+int32_t LoadIpv4Address(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                        uint64_t propFlag) {
+   char *s = nullptr;
+   int32_t rc = cs::GetValueStr(obj, key, &s);
+   if (rc != cs::kSuccess) {
+      return Absent(rc);
+   }
+   struct in_addr addr;
+   if (inet_pton(AF_INET, s, &addr) == 1) {
+      rc = Update(props, propName, &addr, sizeof addr, propFlag);
+   } else {
+      rc = kOwnFailure;
+   }
+   free(s);
+   return rc;
+}
+
+int32_t SaveResPoolKeyList(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   return SaveNameArray(obj, key, value, kResPoolKeyRecord, false);
+}
+
+int32_t LoadResPoolKeyList(cs::Object *obj, const char *key, DVSDataHandle props,
+                           const char *propName, uint64_t propFlag) {
+   uint8_t *buf;
+   uint32_t len;
+   bool allocFailed;
+   int32_t rc = LoadNameArray(obj, key, kResPoolKeyRecord, kResPoolKeyNameMax, true, &buf, &len,
+                              &allocFailed);
+   if (allocFailed) {
+      // A missing pool key list is not worth failing the whole load.
+      if (dvsconfigstore_debug >= 0) {
+         puts("Failed to alloc memory for DVSPropResPoolsList");
+      }
+      return cs::kSuccess;
+   }
+   if (rc != cs::kSuccess || buf == nullptr) {
+      return rc;
+   }
+   rc = Update(props, propName, buf, len, propFlag);
+   free(buf);
+   return rc;
+}
+
+int32_t SaveUplinkKeyList(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   return SaveNameArray(obj, key, value, kUplinkKeyRecord, true);
+}
+
+int32_t LoadUplinkKeyList(cs::Object *obj, const char *key, DVSDataHandle props,
+                          const char *propName, uint64_t propFlag) {
+   uint8_t *buf;
+   uint32_t len;
+   bool allocFailed;
+   int32_t rc =
+      LoadNameArray(obj, key, kUplinkKeyRecord, kUplinkKeyRecord, true, &buf, &len, &allocFailed);
+   if (allocFailed) {
+      if (dvsconfigstore_debug >= 0) {
+         puts("Failed to alloc memory for DVSUplinkPortIds");
+      }
+      return kOwnFailure;
+   }
+   if (rc != cs::kSuccess || buf == nullptr) {
+      return rc;
+   }
+   rc = Update(props, propName, buf, len, propFlag);
+   free(buf);
+   return rc;
+}
+
+int32_t SaveSwitchVersion(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   uint32_t v;
+   memcpy(&v, value, sizeof v);
+   for (const VersionText &ver : kVersions) {
+      if (ver.number == v || ver.zltNumber == v) {
+         return cs::SetValueStr(obj, key, ver.text);
+      }
+   }
+   if (dvsconfigstore_debug >= 0) {
+      // The number itself has never been part of this line: it shows the
+      // text of a null pointer, spelt out here rather than passed as null.
+      printf("Unknow version : %s\n", "(null)");
+   }
+   return kOwnFailure;
+}
+
+int32_t ReadSwitchVersion(cs::Object *switchObj, uint32_t *version) {
+   cs::Object *product = nullptr;
+   int32_t rc = cs::GetSubObject(switchObj, "product", "", &product);
+   if (rc != cs::kSuccess) {
+      if (dvsconfigstore_debug >= 0) {
+         printf("Failed to get product obj, rc: %d\n", rc);
+      }
+      return rc;
+   }
+   char *text = nullptr;
+   rc = cs::GetValueStr(product, "version", &text);
+   if (rc != cs::kSuccess) {
+      if (dvsconfigstore_debug >= 0) {
+         printf("Failed to get version obj, rc: %d\n", rc);
+      }
+      return rc;
+   }
+   bool zlt = false;
+   if (cs::GetValueBool(switchObj, "zlt_enabled", &zlt) != cs::kSuccess) {
+      zlt = false;
+      if (dvsconfigstore_debug > 0) {
+         puts("Unabled to get zlt_enabled");
+      }
+   }
+   rc = kOwnFailure;
+   for (const VersionText &ver : kVersions) {
+      if (strcmp(text, ver.text) == 0) {
+         *version = zlt ? ver.zltNumber : ver.number;
+         rc = cs::kSuccess;
+         break;
+      }
+   }
+   if (rc != cs::kSuccess && dvsconfigstore_debug >= 0) {
+      printf("Unknown tds version %s\n", text);
+   }
+   free(text);
+   return rc;
+}
+
+int32_t LoadSwitchVersion(cs::Object *obj, const char *, DVSDataHandle props, const char *propName,
+                          uint64_t propFlag) {
+   uint32_t v = 0;
+   int32_t rc = ReadSwitchVersion(obj, &v);
+   if (rc != cs::kSuccess) {
+      return rc;
+   }
+   return Update(props, propName, &v, sizeof v, propFlag);
+}
+
+int32_t SaveUplinkNameList(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   return SaveNameArray(obj, key, value, kUplinkNameRecord, false);
+}
+
+int32_t LoadUplinkNameList(cs::Object *obj, const char *key, DVSDataHandle props,
+                           const char *propName, uint64_t propFlag) {
+   uint8_t *buf;
+   uint32_t len;
+   bool allocFailed;
+   int32_t rc = LoadNameArray(obj, key, kUplinkNameRecord, kUplinkNameRecord, false, &buf, &len,
+                              &allocFailed);
+   if (allocFailed) {
+      if (dvsconfigstore_debug >= 0) {
+         puts("Failed to alloc memory for DVSUplinkPorts");
+      }
+      return kOwnFailure;
+   }
+   if (rc != cs::kSuccess || buf == nullptr) {
+      return rc;
+   }
+   rc = Update(props, propName, buf, len, propFlag);
+   free(buf);
+   return rc;
+}
+
+// The key is always "tx_uplink", whichever row asks.
+int32_t SaveTxUplink(cs::Object *obj, const char *, const void *value, uint32_t valueLen) {
+   return cs::SetValueBool(obj, "tx_uplink", ValueIs(value, valueLen, "always"));
+}
+
+int32_t LoadTxUplink(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                     uint64_t propFlag) {
+   return LoadBoolAsText(obj, key, props, propName, propFlag, "always", "normal");
+}
+
+int32_t SavePtAllowed(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   uint32_t v;
+   memcpy(&v, value, sizeof v);
+   return cs::SetValueBool(obj, key, v == kPtAllowed);
+}
+
+int32_t LoadPtAllowed(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                      uint64_t propFlag) {
+   bool b = false;
+   int32_t rc = cs::GetValueBool(obj, key, &b);
+   if (rc != cs::kSuccess) {
+      return Absent(rc);
+   }
+   uint32_t v = b ? kPtAllowed : 0;
+   return Update(props, propName, &v, sizeof v, propFlag);
+}
+
+int32_t SaveEnabledText(cs::Object *obj, const char *key, const void *value, uint32_t valueLen) {
+   return cs::SetValueBool(obj, key, ValueIs(value, valueLen, "enabled"));
+}
+
+// False is kept as no property at all.
+int32_t LoadEnabledText(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                        uint64_t propFlag) {
+   return LoadBoolAsText(obj, key, props, propName, propFlag, "enabled", nullptr);
+}
+
+// The port's resource pools are rebuilt elsewhere; nothing to do here.
+int32_t SaveSkip(cs::Object *, const char *, const void *, uint32_t) {
+   return cs::kSuccess;
+}
+
+int32_t LoadSkip(cs::Object *, const char *, DVSDataHandle, const char *, uint64_t) {
+   return cs::kSuccess;
+}
+
+}  // namespace dvs::configstore
