@@ -122,22 +122,34 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, uint32_t recordSize, uin
    return cs::kSuccess;
 }
 
-}  // namespace
-
-int32_t SaveUint32(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   uint32_t v;
+// A fixed-size integer property stored as a store integer of the same type.
+template <typename T, int32_t (*SetFn)(cs::Object *, const char *, T)>
+int32_t SaveNumber(cs::Object *obj, const char *key, const void *value) {
+   T v;
    memcpy(&v, value, sizeof v);
-   return cs::SetValueUint32(obj, key, v);
+   return SetFn(obj, key, v);
 }
 
-int32_t LoadUint32(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+template <typename T, int32_t (*GetFn)(cs::Object *, const char *, T *)>
+int32_t LoadNumber(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
                    uint64_t propFlag) {
-   uint32_t v = 0;
-   int32_t rc = cs::GetValueUint32(obj, key, &v);
+   T v = 0;
+   const int32_t rc = GetFn(obj, key, &v);
    if (rc != cs::kSuccess) {
       return Absent(rc);
    }
    return Update(props, propName, &v, sizeof v, propFlag);
+}
+
+}  // namespace
+
+int32_t SaveUint32(cs::Object *obj, const char *key, const void *value, uint32_t) {
+   return SaveNumber<uint32_t, cs::SetValueUint32>(obj, key, value);
+}
+
+int32_t LoadUint32(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                   uint64_t propFlag) {
+   return LoadNumber<uint32_t, cs::GetValueUint32>(obj, key, props, propName, propFlag);
 }
 
 int32_t SaveString(cs::Object *obj, const char *key, const void *value, uint32_t) {
@@ -157,19 +169,12 @@ int32_t LoadString(cs::Object *obj, const char *key, DVSDataHandle props, const 
 }
 
 int32_t SaveInt32(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   int32_t v;
-   memcpy(&v, value, sizeof v);
-   return cs::SetValueInt(obj, key, v);
+   return SaveNumber<int32_t, cs::SetValueInt>(obj, key, value);
 }
 
 int32_t LoadInt32(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
                   uint64_t propFlag) {
-   int32_t v = 0;
-   int32_t rc = cs::GetValueInt(obj, key, &v);
-   if (rc != cs::kSuccess) {
-      return Absent(rc);
-   }
-   return Update(props, propName, &v, sizeof v, propFlag);
+   return LoadNumber<int32_t, cs::GetValueInt>(obj, key, props, propName, propFlag);
 }
 
 int32_t SaveBoolByte(cs::Object *obj, const char *key, const void *value, uint32_t) {
