@@ -3,13 +3,23 @@
 #define DVS_CONFIGSTORE_CONFIGSTORE_INTERNAL_H
 
 #include <dvsconfigstore.h>
+#include <dvsdata.h>
+#include <dvsstate.h>
 
 #include <cstdint>
 
-// The store client's object handle (configstore.h).
+#include "common/debug_log.h"
+
+// The store client's handles (configstore.h).
 namespace configstore {
 struct Object;
+struct Store;
 }  // namespace configstore
+
+// Messages of this module: failures print at dvsconfigstore_debug 0 or
+// more, progress lines above 0.
+#define CONFIGSTORE_FAIL(...) ::dvs::DebugLog(dvsconfigstore_debug, 0, __VA_ARGS__)
+#define CONFIGSTORE_PROGRESS(...) ::dvs::DebugLog(dvsconfigstore_debug, 1, __VA_ARGS__)
 
 namespace dvs::configstore {
 
@@ -30,6 +40,72 @@ int32_t GetOrCreateSubObject(bool create, ::configstore::Object *parent, const c
 // start's root object and are released with it.
 int32_t WalkConfigPath(const char (*path)[PROP_CONFIG_NAME_MAX], uint32_t depth,
                        ::configstore::Object *start, bool create, ::configstore::Object **out);
+
+// ---- module state -------------------------------------------------------
+// Kind of the switch being saved or loaded, from its class name: 1 for
+// exactly "vswitch", 2 for exactly "cswitch", 0 for any other class.  Some
+// rows exist once per family of classes and the load picks one of each pair
+// by it.  Unprotected: saves and loads never run at the same time.
+constexpr uint32_t kClassKindOther = 0;
+constexpr uint32_t kClassKindVswitch = 1;
+constexpr uint32_t kClassKindCswitch = 2;
+extern uint32_t gSwitchClassKind;
+// Whether the switch being saved has a version of the overlay family (100
+// and up).
+extern bool gIsZltSwitch;
+// Version number of the switch being saved or loaded.
+extern uint32_t gSwitchVersion;
+// The store object of the switch being saved (null between switches), for
+// converters of port rows that write onto their switch.
+extern ::configstore::Object *gSwitchObject;
+// Milliseconds spent in store calls during the current save.
+extern int64_t gConfigStoreTimeMs;
+
+uint32_t SwitchClassKind(const char *className);
+// The monotonic clock in milliseconds.
+int64_t MonotonicMs();
+
+// Status of this library's own failures, next to the store's codes.
+constexpr int32_t kConfigStoreOwnFailure = -1;
+
+// Store coordinates of a switch object.
+constexpr const char *kSwitchGroup = "switches";
+constexpr const char *kSwitchObject = "network_tds";
+constexpr const char *kSwitchComponent = "node";
+
+// ---- save -----------------------------------------------------------------
+// Shared by the per-switch saves of one run.
+struct ConfigSaveCtx {
+   int32_t status;  // 0, or the first failure's code
+   ::configstore::Store *store;
+};
+
+// Writes one property of class propClass onto obj through its map row and
+// converter.  Returns the store's code or -1.
+int32_t SaveConfigProp(::configstore::Object *obj, const char *name, const void *value,
+                       uint32_t valueLen, uint32_t propClass, uint64_t propFlag);
+
+// Fetches the store object of switch swId, clearing the keys and sub-objects
+// a previous save may have left, or creates an empty one.  Returns 0 or the
+// store's code (nothing printed).
+int32_t GetOrCreateSwitchObject(::configstore::Store *store, const char *swId,
+                                ::configstore::Object **out);
+
+// Writes "max_ports", "name" (the alias, else the id) and "uuid" of dvs on
+// obj, without checking the results; "SaveDVS: <name>" is printed at
+// messageLevel.
+void WriteSwitchIdentity(::configstore::Object *obj, DVSwitch *dvs, int32_t messageLevel);
+
+// DVSState_SwitchForEach callbacks over a ConfigSaveCtx; true stops the walk.
+bool SaveSwitchToConfigStore(DVSwitch *dvs, void *ctx);
+bool SaveSwitchIdentityToConfigStore(DVSwitch *dvs, void *ctx);
+
+// ---- load -----------------------------------------------------------------
+// Builds the property list of class propClass from src and adds it,
+// serialized with version, to dest under listName.  resMgmt (may be null)
+// is the switch's "resource_management" object, given for uplink ports.
+int32_t LoadConfigProps(const char *listName, ::configstore::Object *src, DVSDataHandle dest,
+                        uint32_t propClass, uint32_t version, ::configstore::Object *resMgmt);
 
 }  // namespace dvs::configstore
 

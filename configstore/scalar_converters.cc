@@ -24,6 +24,7 @@ constexpr uint32_t kResPoolKeyRecord = 200;
 constexpr uint32_t kResPoolKeyNameMax = 128;
 constexpr uint32_t kUplinkKeyRecord = 48;
 constexpr uint32_t kUplinkNameRecord = 81;
+constexpr uint32_t kMaxRecord = kResPoolKeyRecord;
 
 constexpr uint32_t kPtAllowed = 2;
 
@@ -70,11 +71,27 @@ int32_t LoadBoolAsText(cs::Object *obj, const char *key, DVSDataHandle props, co
    return Update(props, propName, text, static_cast<uint32_t>(strlen(text) + 1), propFlag);
 }
 
-int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint32_t recordSize,
-                      bool emptyWhenZero) {
+// The first sizeof(T) bytes of a property value; a shorter (damaged) value
+// is read as far as it goes, the rest taken as zero.
+template <typename T>
+T Fixed(const void *value, uint32_t valueLen) {
+   T v{};
+   if (value != nullptr) {
+      memcpy(&v, value, valueLen < sizeof v ? valueLen : sizeof v);
+   }
+   return v;
+}
+
+int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                      uint32_t recordSize, bool emptyWhenZero) {
    const auto *bytes = static_cast<const uint8_t *>(value);
-   uint32_t count;
-   memcpy(&count, bytes, sizeof count);
+   const uint32_t count = Fixed<uint32_t>(value, valueLen);
+   if (valueLen < 4 || uint64_t{count} * recordSize + 4 > valueLen) {
+      if (dvsconfigstore_debug >= 0) {
+         printf("Bad name array for key: %s, count: %u, length: %u\n", key, count, valueLen);
+      }
+      return kOwnFailure;
+   }
    if (count == 0 && !emptyWhenZero) {
       return cs::kSuccess;
    }
@@ -83,7 +100,11 @@ int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint3
       return rc;
    }
    for (uint32_t i = 0; i < count; i++) {
-      const char *name = reinterpret_cast<const char *>(bytes + 4 + i * recordSize);
+      // A record is a name and its NUL; a name that fills its whole record
+      // ends there.
+      char name[kMaxRecord + 1];
+      memcpy(name, bytes + 4 + size_t{i} * recordSize, recordSize);
+      name[recordSize] = '\0';
       rc = cs::AppendValueString(obj, key, name);
       if (rc != cs::kSuccess) {
          return rc;
@@ -96,7 +117,7 @@ int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint3
 // name cut to nameMax bytes with its NUL.  *buf is null when the list is
 // absent or empty; *allocFailed tells an allocation failure apart.
 int32_t LoadNameArray(cs::Object *obj, const char *key, uint32_t recordSize, uint32_t nameMax,
-                      bool zeroFill, uint8_t **buf, uint32_t *len, bool *allocFailed) {
+                      uint8_t **buf, uint32_t *len, bool *allocFailed) {
    *buf = nullptr;
    *allocFailed = false;
    char **names = nullptr;
@@ -107,7 +128,9 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, uint32_t recordSize, uin
    }
    if (count >= 1) {
       *len = count * recordSize + 4;
-      *buf = static_cast<uint8_t *>(zeroFill ? calloc(1, *len) : malloc(*len));
+      // Zero-filled: the bytes after each name carry no meaning, and no heap
+      // contents may reach a blob.
+      *buf = static_cast<uint8_t *>(calloc(1, *len));
       if (*buf == nullptr) {
          *allocFailed = true;
       } else {
@@ -124,10 +147,8 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, uint32_t recordSize, uin
 
 // A fixed-size integer property stored as a store integer of the same type.
 template <typename T, int32_t (*SetFn)(cs::Object *, const char *, T)>
-int32_t SaveNumber(cs::Object *obj, const char *key, const void *value) {
-   T v;
-   memcpy(&v, value, sizeof v);
-   return SetFn(obj, key, v);
+int32_t SaveNumber(cs::Object *obj, const char *key, const void *value, uint32_t valueLen) {
+   return SetFn(obj, key, Fixed<T>(value, valueLen));
 }
 
 template <typename T, int32_t (*GetFn)(cs::Object *, const char *, T *)>
@@ -143,21 +164,41 @@ int32_t LoadNumber(cs::Object *obj, const char *key, DVSDataHandle props, const 
 
 }  // namespace
 
-int32_t SaveUint32(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   return SaveNumber<uint32_t, cs::SetValueUint32>(obj, key, value);
+int32_t SetValueText(cs::Object *obj, const char *key, const void *value, uint32_t valueLen) {
+   if (value == nullptr) {
+      return kOwnFailure;
+   }
+   if (memchr(value, '\0', valueLen) != nullptr) {
+      return cs::SetValueStr(obj, key, static_cast<const char *>(value));
+   }
+   char *text = static_cast<char *>(malloc(size_t{valueLen} + 1));
+   if (text == nullptr) {
+      return kOwnFailure;
+   }
+   memcpy(text, value, valueLen);
+   text[valueLen] = '\0';
+   const int32_t rc = cs::SetValueStr(obj, key, text);
+   free(text);
+   return rc;
+}
+
+int32_t SaveUint32(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                   const ConvertContext &) {
+   return SaveNumber<uint32_t, cs::SetValueUint32>(obj, key, value, valueLen);
 }
 
 int32_t LoadUint32(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                   uint64_t propFlag) {
+                   uint64_t propFlag, const ConvertContext &) {
    return LoadNumber<uint32_t, cs::GetValueUint32>(obj, key, props, propName, propFlag);
 }
 
-int32_t SaveString(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   return cs::SetValueStr(obj, key, static_cast<const char *>(value));
+int32_t SaveString(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                   const ConvertContext &) {
+   return SetValueText(obj, key, value, valueLen);
 }
 
 int32_t LoadString(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                   uint64_t propFlag) {
+                   uint64_t propFlag, const ConvertContext &) {
    char *s = nullptr;
    int32_t rc = cs::GetValueStr(obj, key, &s);
    if (rc != cs::kSuccess) {
@@ -168,21 +209,23 @@ int32_t LoadString(cs::Object *obj, const char *key, DVSDataHandle props, const 
    return rc;
 }
 
-int32_t SaveInt32(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   return SaveNumber<int32_t, cs::SetValueInt>(obj, key, value);
+int32_t SaveInt32(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                  const ConvertContext &) {
+   return SaveNumber<int32_t, cs::SetValueInt>(obj, key, value, valueLen);
 }
 
 int32_t LoadInt32(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                  uint64_t propFlag) {
+                  uint64_t propFlag, const ConvertContext &) {
    return LoadNumber<int32_t, cs::GetValueInt>(obj, key, props, propName, propFlag);
 }
 
-int32_t SaveBoolByte(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   return cs::SetValueBool(obj, key, *static_cast<const uint8_t *>(value) != 0);
+int32_t SaveBoolByte(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                     const ConvertContext &) {
+   return cs::SetValueBool(obj, key, Fixed<uint8_t>(value, valueLen) != 0);
 }
 
 int32_t LoadBoolByte(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                     uint64_t propFlag) {
+                     uint64_t propFlag, const ConvertContext &) {
    bool b = false;
    int32_t rc = cs::GetValueBool(obj, key, &b);
    if (rc != cs::kSuccess) {
@@ -192,21 +235,22 @@ int32_t LoadBoolByte(cs::Object *obj, const char *key, DVSDataHandle props, cons
    return Update(props, propName, &v, sizeof v, propFlag);
 }
 
-int32_t SaveBoolText(cs::Object *obj, const char *key, const void *value, uint32_t valueLen) {
+int32_t SaveBoolText(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                     const ConvertContext &) {
    return cs::SetValueBool(obj, key, ValueIs(value, valueLen, "true"));
 }
 
 int32_t LoadBoolText(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                     uint64_t propFlag) {
+                     uint64_t propFlag, const ConvertContext &) {
    return LoadBoolAsText(obj, key, props, propName, propFlag, "true", "false");
 }
 
-int32_t SaveIpv4Address(cs::Object *obj, const char *key, const void *value, uint32_t) {
+int32_t SaveIpv4Address(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                        const ConvertContext &) {
    char text[16];
-   if (inet_ntop(AF_INET, value, text, sizeof text) == nullptr) {
+   const uint32_t v = Fixed<uint32_t>(value, valueLen);
+   if (inet_ntop(AF_INET, &v, text, sizeof text) == nullptr) {
       if (dvsconfigstore_debug >= 0) {
-         uint32_t v;
-         memcpy(&v, value, sizeof v);
          printf("Failed to parse integer to Ipv4Address: %u\n", v);
       }
       return kOwnFailure;
@@ -215,7 +259,7 @@ int32_t SaveIpv4Address(cs::Object *obj, const char *key, const void *value, uin
 }
 
 int32_t LoadIpv4Address(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                        uint64_t propFlag) {
+                        uint64_t propFlag, const ConvertContext &) {
    char *s = nullptr;
    int32_t rc = cs::GetValueStr(obj, key, &s);
    if (rc != cs::kSuccess) {
@@ -231,17 +275,18 @@ int32_t LoadIpv4Address(cs::Object *obj, const char *key, DVSDataHandle props, c
    return rc;
 }
 
-int32_t SaveResPoolKeyList(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   return SaveNameArray(obj, key, value, kResPoolKeyRecord, false);
+int32_t SaveResPoolKeyList(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                           const ConvertContext &) {
+   return SaveNameArray(obj, key, value, valueLen, kResPoolKeyRecord, false);
 }
 
 int32_t LoadResPoolKeyList(cs::Object *obj, const char *key, DVSDataHandle props,
-                           const char *propName, uint64_t propFlag) {
+                           const char *propName, uint64_t propFlag, const ConvertContext &) {
    uint8_t *buf;
    uint32_t len;
    bool allocFailed;
-   int32_t rc = LoadNameArray(obj, key, kResPoolKeyRecord, kResPoolKeyNameMax, true, &buf, &len,
-                              &allocFailed);
+   int32_t rc =
+      LoadNameArray(obj, key, kResPoolKeyRecord, kResPoolKeyNameMax, &buf, &len, &allocFailed);
    if (allocFailed) {
       // A missing pool key list is not worth failing the whole load.
       if (dvsconfigstore_debug >= 0) {
@@ -257,17 +302,18 @@ int32_t LoadResPoolKeyList(cs::Object *obj, const char *key, DVSDataHandle props
    return rc;
 }
 
-int32_t SaveUplinkKeyList(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   return SaveNameArray(obj, key, value, kUplinkKeyRecord, true);
+int32_t SaveUplinkKeyList(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                          const ConvertContext &) {
+   return SaveNameArray(obj, key, value, valueLen, kUplinkKeyRecord, true);
 }
 
 int32_t LoadUplinkKeyList(cs::Object *obj, const char *key, DVSDataHandle props,
-                          const char *propName, uint64_t propFlag) {
+                          const char *propName, uint64_t propFlag, const ConvertContext &) {
    uint8_t *buf;
    uint32_t len;
    bool allocFailed;
    int32_t rc =
-      LoadNameArray(obj, key, kUplinkKeyRecord, kUplinkKeyRecord, true, &buf, &len, &allocFailed);
+      LoadNameArray(obj, key, kUplinkKeyRecord, kUplinkKeyRecord, &buf, &len, &allocFailed);
    if (allocFailed) {
       if (dvsconfigstore_debug >= 0) {
          puts("Failed to alloc memory for DVSUplinkPortIds");
@@ -282,9 +328,9 @@ int32_t LoadUplinkKeyList(cs::Object *obj, const char *key, DVSDataHandle props,
    return rc;
 }
 
-int32_t SaveSwitchVersion(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   uint32_t v;
-   memcpy(&v, value, sizeof v);
+int32_t SaveSwitchVersion(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                          const ConvertContext &) {
+   const uint32_t v = Fixed<uint32_t>(value, valueLen);
    for (const VersionText &ver : kVersions) {
       if (ver.number == v || ver.zltNumber == v) {
          return cs::SetValueStr(obj, key, ver.text);
@@ -337,27 +383,28 @@ int32_t ReadSwitchVersion(cs::Object *switchObj, uint32_t *version) {
    return rc;
 }
 
-int32_t LoadSwitchVersion(cs::Object *obj, const char *, DVSDataHandle props, const char *propName,
-                          uint64_t propFlag) {
+int32_t LoadSwitchVersion(cs::Object *, const char *, DVSDataHandle props, const char *propName,
+                          uint64_t propFlag, const ConvertContext &ctx) {
    uint32_t v = 0;
-   int32_t rc = ReadSwitchVersion(obj, &v);
+   int32_t rc = ReadSwitchVersion(ctx.source, &v);
    if (rc != cs::kSuccess) {
       return rc;
    }
    return Update(props, propName, &v, sizeof v, propFlag);
 }
 
-int32_t SaveUplinkNameList(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   return SaveNameArray(obj, key, value, kUplinkNameRecord, false);
+int32_t SaveUplinkNameList(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                           const ConvertContext &) {
+   return SaveNameArray(obj, key, value, valueLen, kUplinkNameRecord, false);
 }
 
 int32_t LoadUplinkNameList(cs::Object *obj, const char *key, DVSDataHandle props,
-                           const char *propName, uint64_t propFlag) {
+                           const char *propName, uint64_t propFlag, const ConvertContext &) {
    uint8_t *buf;
    uint32_t len;
    bool allocFailed;
-   int32_t rc = LoadNameArray(obj, key, kUplinkNameRecord, kUplinkNameRecord, false, &buf, &len,
-                              &allocFailed);
+   int32_t rc =
+      LoadNameArray(obj, key, kUplinkNameRecord, kUplinkNameRecord, &buf, &len, &allocFailed);
    if (allocFailed) {
       if (dvsconfigstore_debug >= 0) {
          puts("Failed to alloc memory for DVSUplinkPorts");
@@ -373,23 +420,23 @@ int32_t LoadUplinkNameList(cs::Object *obj, const char *key, DVSDataHandle props
 }
 
 // The key is always "tx_uplink", whichever row asks.
-int32_t SaveTxUplink(cs::Object *obj, const char *, const void *value, uint32_t valueLen) {
+int32_t SaveTxUplink(cs::Object *obj, const char *, const void *value, uint32_t valueLen,
+                     const ConvertContext &) {
    return cs::SetValueBool(obj, "tx_uplink", ValueIs(value, valueLen, "always"));
 }
 
 int32_t LoadTxUplink(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                     uint64_t propFlag) {
+                     uint64_t propFlag, const ConvertContext &) {
    return LoadBoolAsText(obj, key, props, propName, propFlag, "always", "normal");
 }
 
-int32_t SavePtAllowed(cs::Object *obj, const char *key, const void *value, uint32_t) {
-   uint32_t v;
-   memcpy(&v, value, sizeof v);
-   return cs::SetValueBool(obj, key, v == kPtAllowed);
+int32_t SavePtAllowed(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                      const ConvertContext &) {
+   return cs::SetValueBool(obj, key, Fixed<uint32_t>(value, valueLen) == kPtAllowed);
 }
 
 int32_t LoadPtAllowed(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                      uint64_t propFlag) {
+                      uint64_t propFlag, const ConvertContext &) {
    bool b = false;
    int32_t rc = cs::GetValueBool(obj, key, &b);
    if (rc != cs::kSuccess) {
@@ -399,22 +446,24 @@ int32_t LoadPtAllowed(cs::Object *obj, const char *key, DVSDataHandle props, con
    return Update(props, propName, &v, sizeof v, propFlag);
 }
 
-int32_t SaveEnabledText(cs::Object *obj, const char *key, const void *value, uint32_t valueLen) {
+int32_t SaveEnabledText(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                        const ConvertContext &) {
    return cs::SetValueBool(obj, key, ValueIs(value, valueLen, "enabled"));
 }
 
 // False is kept as no property at all.
 int32_t LoadEnabledText(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                        uint64_t propFlag) {
+                        uint64_t propFlag, const ConvertContext &) {
    return LoadBoolAsText(obj, key, props, propName, propFlag, "enabled", nullptr);
 }
 
 // The port's resource pools are rebuilt elsewhere; nothing to do here.
-int32_t SaveSkip(cs::Object *, const char *, const void *, uint32_t) {
+int32_t SaveSkip(cs::Object *, const char *, const void *, uint32_t, const ConvertContext &) {
    return cs::kSuccess;
 }
 
-int32_t LoadSkip(cs::Object *, const char *, DVSDataHandle, const char *, uint64_t) {
+int32_t LoadSkip(cs::Object *, const char *, DVSDataHandle, const char *, uint64_t,
+                 const ConvertContext &) {
    return cs::kSuccess;
 }
 

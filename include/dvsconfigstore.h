@@ -126,6 +126,39 @@ DVS_EXPORT extern const char *const UNUSED_PRIMITIVE_PROPS[];
 DVS_EXPORT extern const char *const UNUSED_SINGLETON_PROPS[];
 DVS_EXPORT extern const char *const UNUSED_NON_SINGLETON_PROPS[];
 
+/*
+ * Saving to and loading from the configuration store.  These return the
+ * store's own codes (0 success, 6 not found, ...) or -1 for a failure of
+ * this library's own.  A save holds the switch handle lock for its whole
+ * run and leaves the switch registry empty; a load takes no lock.  Saves,
+ * loads and upgrades must not run at the same time.
+ */
+
+/* Saves every switch the kernel holds (its persistent state); with swId,
+ * only that switch (and deletes the store object of swId when the kernel
+ * has no such switch). */
+DVS_EXPORT int32_t DVSState_SaveToConfigStore(void);
+DVS_EXPORT int32_t DVSState_SaveToConfigStore_ByInstance(const char *swId);
+
+/* Saves the switches of a host configuration blob; without swId the store
+ * objects of switches the blob does not hold are deleted. */
+DVS_EXPORT int32_t DVSState_SaveBufToConfigStore(const void *buf, uint32_t len);
+DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uint32_t len,
+                                                            const char *swId);
+
+/* Builds a host configuration blob from every switch object of the store
+ * (desired: the desired user configuration).  On success *buf is the
+ * caller's, released with free(). */
+DVS_EXPORT int32_t DVSState_LoadFromConfigStoreAsBuf(void **buf, uint32_t *len, bool desired);
+
+/* Writes the identity and port-set name of every switch of the state file
+ * ("/etc/ostrel/dvsdata.db", or the file DVS_STATE_FILE names) into the
+ * store.  A missing or empty state file is not an error. */
+DVS_EXPORT int32_t DVSState_RetrieveDVSUpgradeInfo(void);
+
+/* True when text equals one of the first count texts of array. */
+DVS_EXPORT bool StringExistInArray(const char *text, char **array, uint32_t count);
+
 DVS_EXTERN_C_END
 
 #endif /* DVSCONFIGSTORE_H */

@@ -82,7 +82,7 @@ TEST_F(HostBlobViewTest, ShowsMalformedFieldsAsInvalidAndRefusesOtherBlobs) {
       PropertyListBuilder().Append(DVS_PROP_PORT_TYPE, Bytes{2}, 0x20).Serialize();
    const Bytes badSwitch = PropertyListBuilder()
                               .Append("switchVersion", Bytes{6, 0}, 0x10)
-                              .AppendString("className", "short", 0x10)
+                              .AppendString("className", std::string(128, 'c'), 0x10)
                               .Append("globalPropList", Bytes{1, 2, 3}, 0x10)
                               .Append("p1", Bytes{1, 2, 3}, 0x10)
                               .Append("p2", shortType, 0x10)
@@ -95,7 +95,7 @@ TEST_F(HostBlobViewTest, ShowsMalformedFieldsAsInvalidAndRefusesOtherBlobs) {
    const SwitchView &sw = view.switches[0];
    EXPECT_FALSE(sw.version || sw.className || sw.maxPorts);
    for (const char *problem :
-        {"switchVersion: 2 bytes, expected 4", "className: 6 bytes, expected 128",
+        {"switchVersion: 2 bytes, expected 4", "className: 129 bytes, expected 1 to 128",
          "maxPorts: missing", "globalPropList: not a property blob (3 bytes)"}) {
       EXPECT_NE(std::find(sw.problems.begin(), sw.problems.end(), problem), sw.problems.end())
          << problem;

@@ -59,8 +59,10 @@ std::optional<uint32_t> ReadU32(const Property &p, const std::string &what, Prob
 
 std::optional<std::string> ReadClassName(const Property &p, Problems &problems) {
    const std::optional<Bytes> raw = RawValue(p);
-   if (!raw || raw->size() != DVS_CLASS_NAME_MAX) {
-      problems.push_back(LengthProblem("className", p.length, "128"));
+   // The registry writes the whole 128-byte field; a blob built from the
+   // configuration store carries just the text and its NUL.
+   if (!raw || raw->empty() || raw->size() > DVS_CLASS_NAME_MAX) {
+      problems.push_back(LengthProblem("className", p.length, "1 to 128"));
       return std::nullopt;
    }
    const auto nul = std::find(raw->begin(), raw->end(), 0);

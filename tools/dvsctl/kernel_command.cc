@@ -1,6 +1,7 @@
 // kernel_command.cc -- the "dvsctl kernel" command family.
 #include "kernel_command.h"
 
+#include <cstdint>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <dvshyp.h>
 #include <dvsstate.h>
 
+#include "error.h"
 #include "property_list.h"
 #include "state_command.h"
 #include "state_file_command.h"
@@ -33,6 +35,22 @@ const std::map<std::string, uint32_t> kPortTypes = {{"active", DVS_PORT_ACTIVE},
                                                     {"shadow", DVS_PORT_SHADOW},
                                                     {"zombie", DVS_PORT_ZOMBIE},
                                                     {"local-cache", DVS_PORT_LOCAL_CACHE}};
+
+// `text` as an unsigned 32-bit number: decimal, or hex after "0x".
+uint32_t ParseU32(const std::string &text, const std::string &what) {
+   const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+   const std::string digits = hex ? text.substr(2) : text;
+   const char *allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
+   if (digits.empty() || digits.size() > 10 ||
+       digits.find_first_not_of(allowed) != std::string::npos) {
+      throw Error(what + " \"" + text + "\" is not an unsigned 32-bit number");
+   }
+   const unsigned long long number = std::stoull(digits, nullptr, hex ? 16 : 10);
+   if (number > UINT32_MAX) {
+      throw Error(what + " \"" + text + "\" is not an unsigned 32-bit number");
+   }
+   return static_cast<uint32_t>(number);
+}
 
 std::string SwitchName(const std::string &id) {
    return "switch " + id;
@@ -89,6 +107,7 @@ void AddPropSet(CLI::App &kernel) {
       std::string name;
       std::string value;
       bool host = false;
+      bool u32 = false;
       uint32_t flag = 0;
    };
    auto args = std::make_shared<PropArgs>();
@@ -97,12 +116,22 @@ void AddPropSet(CLI::App &kernel) {
    cmd->add_option("name", args->name, "Property name")->required();
    cmd->add_option("value", args->value, "Value: the text and its terminating NUL")->required();
    cmd->add_flag("--host", args->host, "Set a host property instead of a global one");
+   cmd->add_flag("--u32", args->u32,
+                 "VALUE is a number (decimal, or hex with 0x): store it as a 4-byte unsigned "
+                 "integer in host byte order");
    cmd->add_option("--flag", args->flag, "Property flag (0: the default type, 0x20)")
       ->capture_default_str();
    cmd->callback([args] {
       const auto set = args->host ? DVSHYP_HostPropSet : DVSHYP_GlobalPropSet;
-      const auto len = static_cast<uint32_t>(args->value.size() + 1);
-      CheckStatus(set(args->id.c_str(), args->name.c_str(), args->value.c_str(), len, args->flag),
+      Bytes value(args->value.begin(), args->value.end());
+      value.push_back('\0');
+      if (args->u32) {
+         const uint32_t number = ParseU32(args->value, "--u32 value");
+         value.assign(reinterpret_cast<const uint8_t *>(&number),
+                      reinterpret_cast<const uint8_t *>(&number) + sizeof number);
+      }
+      CheckStatus(set(args->id.c_str(), args->name.c_str(), value.data(),
+                      static_cast<uint32_t>(value.size()), args->flag),
                   "cannot set " + args->name + " on " + SwitchName(args->id));
    });
 }

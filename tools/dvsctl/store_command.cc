@@ -20,6 +20,7 @@
 
 #include "error.h"
 #include "io.h"
+#include "store_state_command.h"
 
 namespace dvsctl {
 namespace {
@@ -332,6 +333,8 @@ void AddStoreCommand(CLI::App &app) {
    del->add_option("id", deleteName->id, "Instance id")->required();
    AddNameOptions(del, *deleteName);
    del->callback([deleteName] { RunDelete(*deleteName); });
+
+   AddStoreStateSubcommands(*store);
 }
 
 }  // namespace dvsctl

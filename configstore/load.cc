@@ -1,0 +1,281 @@
+// Loading switch state from the configuration store: every switch object
+// becomes one switch of a host configuration blob.
+#include <configstore.h>
+#include <hostlibs.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "configstore/configstore_internal.h"
+#include "configstore/converters.h"
+
+namespace dvs::configstore {
+
+namespace cs = ::configstore;
+
+namespace {
+
+constexpr uint32_t kLoadedFlag = 0x10;
+constexpr uint32_t kHostBlobVersion = 9;
+
+// Releases the text and the objects a load collects.
+struct Text {
+   char *s = nullptr;
+   Text() = default;
+   Text(const Text &) = delete;
+   Text &operator=(const Text &) = delete;
+   ~Text() { std::free(s); }
+};
+
+struct ObjectArray {
+   cs::Object **objects = nullptr;
+   uint32_t count = 0;
+   ObjectArray() = default;
+   ObjectArray(const ObjectArray &) = delete;
+   ObjectArray &operator=(const ObjectArray &) = delete;
+   ~ObjectArray() {
+      for (uint32_t i = 0; i < count; i++) {
+         cs::DestroyConfigStoreObject(objects[i]);
+      }
+      std::free(objects);
+   }
+};
+
+struct PropList {
+   DVSDataHandle h = nullptr;
+   PropList() = default;
+   PropList(const PropList &) = delete;
+   PropList &operator=(const PropList &) = delete;
+   ~PropList() { DVSData_Free(h); }
+   bool Alloc() { return DVSData_Alloc(&h, std::malloc, std::free) == STATUS_OK; }
+};
+
+// The ports of a switch object; uplink ports (those named by the switch's
+// "uplink_port_keys") also get the switch's resource pools.
+int32_t LoadPorts(cs::Object *obj, DVSDataHandle swList, uint32_t version) {
+   cs::FilterSpec *filter = nullptr;
+   int32_t rc = cs::CreateFilterSpecObject("ports", "", "", "", &filter);
+   if (rc != cs::kSuccess) {
+      return rc;
+   }
+   ObjectArray ports;
+   rc = cs::GetSubObjectInstances(obj, filter, &ports.objects, &ports.count);
+   cs::Object *resMgmt = nullptr;
+   if (cs::GetSubObject(obj, "resource_management", "", &resMgmt) != cs::kSuccess) {
+      resMgmt = nullptr;
+   }
+   char **keys = nullptr;
+   uint32_t keyCount = 0;
+   if (cs::GetValueStringArray(obj, "uplink_port_keys", &keys, &keyCount) != cs::kSuccess) {
+      keys = nullptr;
+      keyCount = 0;
+   }
+   for (uint32_t i = 0; rc == cs::kSuccess && i < ports.count; i++) {
+      Text portKey;
+      rc = cs::GetValueStr(ports.objects[i], "key", &portKey.s);
+      if (rc != cs::kSuccess) {
+         break;
+      }
+      cs::Object *pools =
+         keyCount >= 1 && StringExistInArray(portKey.s, keys, keyCount) ? resMgmt : nullptr;
+      rc = LoadConfigProps(portKey.s, ports.objects[i], swList, PROP_CLASS_PORT, version, pools);
+   }
+   cs::DestroyFilterSpecObject(filter);
+   cs::DestroyStringArrayValue(keys, keyCount);
+   return rc == cs::kNotFound ? cs::kSuccess : rc;
+}
+
+int32_t AppendFlagged(DVSDataHandle list, const char *name, const void *data, uint32_t len) {
+   return DVSData_Append(list, name, data, len, kLoadedFlag) == STATUS_OK ? cs::kSuccess
+                                                                          : kConfigStoreOwnFailure;
+}
+
+// One switch object into top, under its "uuid".
+int32_t LoadSwitch(cs::Object *obj, DVSDataHandle top) {
+   Text uuid;
+   int32_t rc = cs::GetValueStr(obj, "uuid", &uuid.s);
+   if (rc != cs::kSuccess) {
+      CONFIGSTORE_FAIL("Failed to get uuid, rc: %d\n", static_cast<int>(rc));
+      return rc;
+   }
+   CONFIGSTORE_PROGRESS("Loading switch:%s\n", uuid.s);
+
+   cs::Object *product = nullptr;
+   rc = cs::GetSubObject(obj, "product", "", &product);
+   if (rc != cs::kSuccess) {
+      return rc;
+   }
+   rc = cs::GetSubObject(obj, "product", nullptr, &product);
+   if (rc != cs::kSuccess) {
+      CONFIGSTORE_FAIL("Failed to get product obj, rc: %d\n", static_cast<int>(rc));
+      return rc;
+   }
+   Text className;
+   rc = cs::GetValueStr(product, "forwarding_class", &className.s);
+   if (rc != cs::kSuccess) {
+      CONFIGSTORE_FAIL("Failed to get forwarding_class, rc: %d\n", static_cast<int>(rc));
+      return rc;
+   }
+   int32_t maxPorts = 0;
+   rc = cs::GetValueInt(obj, "max_ports", &maxPorts);
+   if (rc != cs::kSuccess) {
+      CONFIGSTORE_FAIL("Failed to get max_ports, rc: %d\n", static_cast<int>(rc));
+      return rc;
+   }
+
+   PropList swList;
+   ReturnStatus listStatus = STATUS_NO_MEMORY;
+   if (swList.Alloc()) {
+      gSwitchClassKind = SwitchClassKind(className.s);
+      uint32_t version = 0;
+      rc = ReadSwitchVersion(obj, &version);
+      if (rc != cs::kSuccess) {
+         return rc;
+      }
+      gSwitchVersion = version;
+      const uint32_t classLen = static_cast<uint32_t>(std::strlen(className.s) + 1);
+      rc = AppendFlagged(swList.h, "switchVersion", &version, sizeof version);
+      if (rc == cs::kSuccess) {
+         rc = AppendFlagged(swList.h, "className", className.s, classLen);
+      }
+      if (rc == cs::kSuccess) {
+         rc = AppendFlagged(swList.h, "maxPorts", &maxPorts, sizeof maxPorts);
+      }
+      if (rc == cs::kSuccess) {
+         rc = LoadConfigProps("globalPropList", obj, swList.h, PROP_CLASS_GLOBAL, version, nullptr);
+         if (rc == cs::kSuccess) {
+            rc = LoadConfigProps("hostPropList", obj, swList.h, PROP_CLASS_HOST, version, nullptr);
+         }
+         if (rc == cs::kSuccess) {
+            rc = LoadPorts(obj, swList.h, version);
+         }
+         if (rc != cs::kSuccess) {
+            return rc;
+         }
+         void *blob = nullptr;
+         uint32_t len = 0;
+         listStatus = DVSData_Serialize(swList.h, &blob, &len, version);
+         if (listStatus == STATUS_OK) {
+            listStatus = DVSData_Update(top, uuid.s, blob, len, kLoadedFlag);
+            std::free(blob);
+         }
+         if (listStatus == STATUS_OK) {
+            return cs::kSuccess;
+         }
+      }
+   }
+   ::dvs::DebugLog(dvsconfigstore_debug, 1, "Load dvs: %s from configstore failed, error: %s\n",
+                   uuid.s, HYP_ReturnStatusToString(listStatus));
+   return kConfigStoreOwnFailure;
+}
+
+// The switch objects to load: the live ones, or the desired ones with the
+// port-set name of the live object at the same position.
+int32_t CollectSwitchObjects(cs::Store *store, cs::FilterSpec *filter, bool desired,
+                             ObjectArray *desiredObjs, ObjectArray *liveObjs) {
+   if (desired) {
+      int32_t rc = cs::GetDesiredUserConfigInstances(kSwitchGroup, kSwitchObject, kSwitchComponent,
+                                                     &desiredObjs->objects, &desiredObjs->count);
+      if (rc != cs::kSuccess) {
+         CONFIGSTORE_FAIL("Failed to get dvs desired user config instances\n");
+         return rc;
+      }
+   }
+   int32_t rc = cs::GetInstances(store, filter, &liveObjs->objects, &liveObjs->count);
+   if (rc != cs::kSuccess) {
+      CONFIGSTORE_FAIL("Failed to get dvs instances\n");
+      return rc;
+   }
+   if (!desired) {
+      return cs::kSuccess;
+   }
+   if (desiredObjs->count != liveObjs->count) {
+      return kConfigStoreOwnFailure;
+   }
+   // Paired by position, not by uuid: both lists come in creation order.
+   for (uint32_t i = 0; i < liveObjs->count; i++) {
+      Text portset;
+      if (cs::GetValueStr(liveObjs->objects[i], "portset_name", &portset.s) == cs::kSuccess) {
+         cs::SetValueStr(desiredObjs->objects[i], "portset_name", portset.s);
+      }
+   }
+   return cs::kSuccess;
+}
+
+int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
+   cs::FilterSpec *filter = nullptr;
+   int32_t rc =
+      cs::CreateFilterSpecObject(kSwitchGroup, kSwitchObject, kSwitchComponent, "", &filter);
+   if (rc != cs::kSuccess) {
+      return rc;
+   }
+   ObjectArray desiredObjs;
+   ObjectArray liveObjs;
+   rc = CollectSwitchObjects(store, filter, desired, &desiredObjs, &liveObjs);
+   PropList top;
+   if (rc == cs::kSuccess && !top.Alloc()) {
+      rc = kConfigStoreOwnFailure;
+   }
+   const ObjectArray &switches = desired ? desiredObjs : liveObjs;
+   for (uint32_t i = 0; rc == cs::kSuccess && i < switches.count; i++) {
+      rc = LoadSwitch(switches.objects[i], top.h);
+      if (rc != cs::kSuccess) {
+         Text uuid;
+         cs::GetValueStr(switches.objects[i], "uuid", &uuid.s);
+         CONFIGSTORE_FAIL("Failed to load buf of switch: %s from configstore\n",
+                          uuid.s != nullptr ? uuid.s : "(null)");
+      }
+   }
+   if (rc == cs::kSuccess) {
+      void *out = nullptr;
+      uint32_t outLen = 0;
+      rc = static_cast<int32_t>(DVSData_Serialize(top.h, &out, &outLen, kHostBlobVersion));
+      if (rc == cs::kSuccess) {
+         *buf = out;
+         *len = outLen;
+      }
+   }
+   cs::DestroyFilterSpecObject(filter);
+   return rc;
+}
+
+}  // namespace
+
+}  // namespace dvs::configstore
+
+using namespace dvs::configstore;
+namespace cs = ::configstore;
+
+extern "C" {
+
+DVS_EXPORT bool StringExistInArray(const char *text, char **array, uint32_t count) {
+   if (text == nullptr || array == nullptr || count < 1) {
+      return false;
+   }
+   for (uint32_t i = 0; i < count; i++) {
+      if (array[i] != nullptr && std::strcmp(text, array[i]) == 0) {
+         return true;
+      }
+   }
+   return false;
+}
+
+DVS_EXPORT int32_t DVSState_LoadFromConfigStoreAsBuf(void **buf, uint32_t *len, bool desired) {
+   if (buf == nullptr || len == nullptr) {
+      return kConfigStoreOwnFailure;
+   }
+   *buf = nullptr;
+   *len = 0;
+   cs::Store *store = nullptr;
+   const int32_t rc = cs::GetStore(0, &store);
+   if (rc != cs::kSuccess || store == nullptr) {
+      // A call that succeeds without a store reports 0 and gives no buffer.
+      CONFIGSTORE_FAIL("Get store failed\n");
+      return rc;
+   }
+   const int32_t result = LoadAll(store, buf, len, desired);
+   cs::DestroyStore(store);
+   return result;
+}
+
+}  // extern "C"

@@ -1,0 +1,139 @@
+// The load dispatcher: builds one property list (a switch's global or host
+// list, or a port's data) from a store object by trying every row of the
+// class's table in order, and adds it serialized to the switch's list.
+#include <configstore.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "configstore/configstore_internal.h"
+#include "configstore/converters.h"
+
+namespace dvs::configstore {
+
+namespace cs = ::configstore;
+
+namespace {
+
+constexpr uint64_t kLoadedPropFlag = 0x10;
+constexpr const char *kPortResPoolsProp = "com.ostrel.common.port.respools.cfg";
+
+bool Named(const PropConfigMapEntry *row, const char *name) {
+   return std::strcmp(row->propName, name) == 0;
+}
+
+// Some properties exist once per family of switch classes and share one
+// store key; only the one that fits the class of the switch is loaded.
+bool RowFitsSwitchClass(const PropConfigMapEntry *row) {
+   const bool vswitchFamily = gSwitchClassKind != kClassKindOther;
+   switch (row->convType) {
+      case PROP_CONV_STRING:
+         if (vswitchFamily) {
+            return !Named(row, "com.ostrel.etherswitch.multicastFilter");
+         }
+         return !Named(row, "com.ostrel.vswitch.multicastFilter");
+      case PROP_CONV_MTU:
+         if (Named(row, "com.ostrel.vswitch.mtu")) {
+            return gSwitchClassKind == kClassKindVswitch;
+         }
+         if (Named(row, "com.ostrel.etherswitch.mtu")) {
+            return gSwitchClassKind == kClassKindOther;
+         }
+         return true;
+      case PROP_CONV_TX_UPLINK:
+         return Named(row, vswitchFamily ? "com.ostrel.vswitch.port.txUplink"
+                                         : "com.ostrel.etherswitch.port.txUplink");
+      default:
+         return true;
+   }
+}
+
+void PrintRowFailure(const PropConfigMapEntry *row, const char *key, int32_t rc) {
+   CONFIGSTORE_FAIL("Faild to load prop: %s, key: %s, type:%d from configstore, rc: %d\n",
+                    row->propName, key, static_cast<int>(row->convType), static_cast<int>(rc));
+}
+
+// Converts every row of table that the store object src holds into list.
+int32_t LoadRows(const PropConfigMapEntry *table, uint32_t propClass, cs::Object *src,
+                 uint32_t version, DVSDataHandle list) {
+   for (const PropConfigMapEntry *row = table; row->propName != nullptr; row++) {
+      cs::Object *target = src;
+      int32_t rc = WalkConfigPath(row->path, row->depth, src, false, &target);
+      if (rc == cs::kNotFound) {
+         continue;
+      }
+      if (rc != cs::kSuccess) {
+         return rc;
+      }
+      const char *key = row->path[row->depth > 0 ? row->depth - 1 : 0];
+      if (row->convType == PROP_CONV_SKIP) {
+         continue;
+      }
+      const PropConverter *converter = GetPropConverter(row->convType);
+      if (converter == nullptr) {
+         PrintRowFailure(row, key, kConfigStoreOwnFailure);
+         return kConfigStoreOwnFailure;
+      }
+      if (!RowFitsSwitchClass(row)) {
+         continue;
+      }
+      cs::Object *switchObj = propClass == PROP_CLASS_PORT ? nullptr : src;
+      ConvertContext ctx{propClass, row->propName, src, version, switchObj};
+      rc = converter->load(target, key, list, row->propName, row->propFlag, ctx);
+      if (rc != cs::kSuccess && rc != cs::kNotFound) {
+         PrintRowFailure(row, key, rc);
+         return rc;
+      }
+   }
+   return cs::kSuccess;
+}
+
+// An uplink port's resource pools are those of its switch.
+int32_t LoadPortResPools(cs::Object *resMgmt, uint32_t version, DVSDataHandle list) {
+   const PropConverter *converter = GetPropConverter(PROP_CONV_RESPOOL_CONFIG);
+   if (converter == nullptr) {
+      return kConfigStoreOwnFailure;
+   }
+   ConvertContext ctx{PROP_CLASS_PORT, kPortResPoolsProp, resMgmt, version};
+   const int32_t rc =
+      converter->load(resMgmt, "traffic_resources", list, kPortResPoolsProp, kLoadedPropFlag, ctx);
+   return rc == cs::kNotFound ? cs::kSuccess : rc;
+}
+
+// Adds list, serialized with version, to dest under name.
+int32_t AddSerialized(DVSDataHandle dest, const char *name, DVSDataHandle list, uint32_t version) {
+   void *blob = nullptr;
+   uint32_t len = 0;
+   if (DVSData_Serialize(list, &blob, &len, version) != STATUS_OK) {
+      return kConfigStoreOwnFailure;
+   }
+   const ReturnStatus status =
+      DVSData_Update(dest, name, blob, len, static_cast<uint32_t>(kLoadedPropFlag));
+   std::free(blob);
+   return status == STATUS_OK ? cs::kSuccess : kConfigStoreOwnFailure;
+}
+
+}  // namespace
+
+int32_t LoadConfigProps(const char *listName, cs::Object *src, DVSDataHandle dest,
+                        uint32_t propClass, uint32_t version, cs::Object *resMgmt) {
+   CONFIGSTORE_PROGRESS("LoadProps: %s\n", listName);
+   DVSDataHandle list = nullptr;
+   int32_t rc = kConfigStoreOwnFailure;
+   if (propClass <= PROP_CLASS_PORT && DVSData_Alloc(&list, std::malloc, std::free) == STATUS_OK) {
+      rc = LoadRows(GetConfigMap(static_cast<int32_t>(propClass)), propClass, src, version, list);
+      if (rc == cs::kSuccess && propClass == PROP_CLASS_PORT && resMgmt != nullptr) {
+         rc = LoadPortResPools(resMgmt, version, list);
+      }
+      if (rc == cs::kSuccess) {
+         rc = AddSerialized(dest, listName, list, version);
+      }
+      DVSData_Free(list);
+   }
+   if (rc != cs::kSuccess) {
+      CONFIGSTORE_FAIL("Load dvs props from configstore failed, props type:%s\n", listName);
+   }
+   return rc;
+}
+
+}  // namespace dvs::configstore

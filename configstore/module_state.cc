@@ -1,0 +1,35 @@
+// State the converters of one save or load share: the kind of the switch
+// being converted and the time spent in store calls.
+#include <cstring>
+#include <ctime>
+
+#include "configstore/configstore_internal.h"
+
+namespace dvs::configstore {
+
+uint32_t gSwitchClassKind = kClassKindOther;
+bool gIsZltSwitch = false;
+uint32_t gSwitchVersion = 0;
+::configstore::Object *gSwitchObject = nullptr;
+int64_t gConfigStoreTimeMs = 0;
+
+uint32_t SwitchClassKind(const char *className) {
+   if (className == nullptr) {
+      return kClassKindOther;
+   }
+   if (std::strcmp(className, "vswitch") == 0) {
+      return kClassKindVswitch;
+   }
+   if (std::strcmp(className, "cswitch") == 0) {
+      return kClassKindCswitch;
+   }
+   return kClassKindOther;
+}
+
+int64_t MonotonicMs() {
+   struct timespec ts;
+   clock_gettime(CLOCK_MONOTONIC, &ts);
+   return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+}  // namespace dvs::configstore

@@ -1,0 +1,189 @@
+// The catch-all converter: every property that has no row of its own is
+// kept as base64 text, one instance per property, in the singleton
+// sub-object "data" of the switch (global and host properties) or the port.
+// Global and host properties share the switch's "data" object, so each
+// class has a collection of its own inside it.  Instances keep their
+// creation order, which is the order the save met the properties, so the
+// load gives them back in their original relative order.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "configstore/base64.h"
+#include "configstore/configstore_internal.h"
+#include "configstore/converters.h"
+
+namespace dvs::configstore {
+
+namespace cs = ::configstore;
+
+namespace {
+
+constexpr int32_t kOwnFailure = -1;
+
+// The collection of each property class inside "data".
+const char *CollectionOf(uint32_t propClass) {
+   switch (propClass) {
+      case PROP_CLASS_GLOBAL:
+         return "dvs_opaque_data";
+      case PROP_CLASS_HOST:
+         return "host_opaque_data";
+      case PROP_CLASS_PORT:
+         return "other_data";
+      default:
+         return nullptr;
+   }
+}
+
+// One property read back from the store, decoded but not yet added.
+struct Decoded {
+   char *name;
+   uint8_t *bytes;
+   size_t len;
+};
+
+void FreeDecoded(Decoded *items, uint32_t count) {
+   for (uint32_t i = 0; i < count; i++) {
+      free(items[i].name);
+      free(items[i].bytes);
+   }
+   free(items);
+}
+
+// Reads and decodes one instance into *item.  An instance without a
+// "value" leaves item->name null: there is nothing to restore for it.
+int32_t DecodeInstance(cs::Object *inst, Decoded *item) {
+   char *name = nullptr;
+   int32_t rc = cs::GetValueStr(inst, "key", &name);
+   if (rc != cs::kSuccess) {
+      return rc;
+   }
+   if (strlen(name) >= DVSDATA_NAME_MAX) {
+      if (dvsconfigstore_debug >= 0) {
+         printf("Opaque data name too long: %s\n", name);
+      }
+      free(name);
+      return kOwnFailure;
+   }
+   char *text = nullptr;
+   rc = cs::GetValueStr(inst, "value", &text);
+   if (rc != cs::kSuccess) {
+      free(name);
+      return rc == cs::kNotFound ? cs::kSuccess : rc;
+   }
+   Base64Status st = Base64Decode(text, &item->bytes, &item->len);
+   free(text);
+   if (st == Base64Status::kOk && item->len > UINT32_MAX) {
+      free(item->bytes);
+      item->bytes = nullptr;
+      st = Base64Status::kInvalid;
+   }
+   if (st != Base64Status::kOk) {
+      if (dvsconfigstore_debug >= 0) {
+         if (st == Base64Status::kNoMemory) {
+            printf("Failed to alloc memory for opaque data of prop: %s\n", name);
+         } else {
+            printf("Bad opaque data for prop: %s\n", name);
+         }
+      }
+      free(name);
+      return kOwnFailure;
+   }
+   item->name = name;
+   return cs::kSuccess;
+}
+
+}  // namespace
+
+int32_t SaveOpaqueData(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
+                       const ConvertContext &ctx) {
+   const char *collection = CollectionOf(ctx.propClass);
+   if (collection == nullptr || ctx.propName == nullptr || ctx.propName[0] == '\0' ||
+       (value == nullptr && valueLen != 0)) {
+      if (dvsconfigstore_debug >= 0) {
+         printf("Cannot save opaque data for prop: %s of class %u\n",
+                ctx.propName != nullptr ? ctx.propName : "(null)", ctx.propClass);
+      }
+      return kOwnFailure;
+   }
+   char *text = Base64Encode(value, valueLen);
+   if (text == nullptr) {
+      if (dvsconfigstore_debug >= 0) {
+         printf("Failed to alloc memory for opaque data of prop: %s\n", ctx.propName);
+      }
+      return kOwnFailure;
+   }
+   cs::Object *data = nullptr;
+   cs::Object *inst = nullptr;
+   int32_t rc = GetOrCreateSubObject(true, obj, key, "", &data);
+   if (rc == cs::kSuccess) {
+      rc = cs::CreateSubObject(data, collection, ctx.propName, &inst);
+   }
+   if (rc == cs::kSuccess) {
+      rc = cs::SetValueStr(inst, "value", text);
+   }
+   if (rc != cs::kSuccess && dvsconfigstore_debug >= 0) {
+      printf("Failed to save opaque data for prop: %s, rc: %d\n", ctx.propName, rc);
+   }
+   free(text);
+   return rc;
+}
+
+// Every instance is read and decoded before the first property is added,
+// so a bad instance adds none of them.
+int32_t LoadOpaqueData(cs::Object *obj, const char *key, DVSDataHandle props, const char *,
+                       uint64_t propFlag, const ConvertContext &ctx) {
+   const char *collection = CollectionOf(ctx.propClass);
+   if (collection == nullptr) {
+      if (dvsconfigstore_debug >= 0) {
+         printf("Cannot load opaque data of class %u\n", ctx.propClass);
+      }
+      return kOwnFailure;
+   }
+   cs::Object *data = nullptr;
+   int32_t rc = cs::GetSubObject(obj, key, "", &data);
+   if (rc != cs::kSuccess) {
+      return rc == cs::kNotFound ? cs::kSuccess : rc;
+   }
+   cs::FilterSpec *filter = nullptr;
+   rc = cs::CreateFilterSpecObject(collection, nullptr, nullptr, nullptr, &filter);
+   if (rc != cs::kSuccess) {
+      return rc;
+   }
+   cs::Object **insts = nullptr;
+   uint32_t count = 0;
+   rc = cs::GetSubObjectInstances(data, filter, &insts, &count);
+   cs::DestroyFilterSpecObject(filter);
+   if (rc != cs::kSuccess) {
+      free(insts);
+      return rc;
+   }
+   auto *items = static_cast<Decoded *>(calloc(count != 0 ? count : 1, sizeof(Decoded)));
+   if (items == nullptr) {
+      if (dvsconfigstore_debug >= 0) {
+         puts("Failed to alloc memory for opaque data");
+      }
+      free(insts);
+      return kOwnFailure;
+   }
+   for (uint32_t i = 0; i < count && rc == cs::kSuccess; i++) {
+      rc = DecodeInstance(insts[i], &items[i]);
+   }
+   free(insts);
+   for (uint32_t i = 0; i < count && rc == cs::kSuccess; i++) {
+      if (items[i].name == nullptr) {
+         continue;
+      }
+      if (DVSData_Update(props, items[i].name, items[i].bytes, static_cast<uint32_t>(items[i].len),
+                         static_cast<uint32_t>(propFlag)) != STATUS_OK) {
+         if (dvsconfigstore_debug >= 0) {
+            printf("Failed to add opaque data for prop: %s\n", items[i].name);
+         }
+         rc = kOwnFailure;
+      }
+   }
+   FreeDecoded(items, count);
+   return rc;
+}
+
+}  // namespace dvs::configstore

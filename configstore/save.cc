@@ -1,0 +1,298 @@
+// Saving switch state to the configuration store: one store object per
+// switch, written in one transaction, with the objects of switches that no
+// longer exist deleted.
+#include <configstore.h>
+#include <dvshyp.h>
+#include <hostlibs.h>
+#include <syslog.h>
+
+#include <cstdlib>
+
+#include "configstore/configstore_internal.h"
+
+namespace dvs::configstore {
+
+namespace cs = ::configstore;
+
+namespace {
+
+// Writes every property of list with class propClass; stops at the first
+// failure and returns its code.  progress (may be null) is printed per
+// property.
+int32_t SavePropList(cs::Object *obj, DVSDataHandle list, uint32_t propClass,
+                     const char *progress) {
+   DVSDataEntry *e = nullptr;
+   while (DVSData_Next(list, e, &e) == STATUS_OK && e != nullptr) {
+      if (progress != nullptr) {
+         CONFIGSTORE_PROGRESS(progress, e->name);
+      }
+      const int32_t rc = SaveConfigProp(obj, e->name, e->data, e->dataLen, propClass, e->flag);
+      if (rc != cs::kSuccess) {
+         return rc;
+      }
+   }
+   return cs::kSuccess;
+}
+
+// Every port in use, in slot order, as a "ports" instance of obj.
+int32_t SavePorts(cs::Object *obj, DVSwitch *dvs) {
+   if (dvs->portBitmap == nullptr) {
+      return cs::kSuccess;
+   }
+   for (uint32_t bit = BitVector_NextBit(dvs->portBitmap, 0); bit != BITVECTOR_NOT_FOUND;
+        bit = BitVector_NextBit(dvs->portBitmap, bit + 1)) {
+      DVSPort *port = dvs->ports[bit];
+      if (port == nullptr) {
+         break;
+      }
+      cs::Object *portObj = nullptr;
+      int32_t rc = GetOrCreateSubObject(true, obj, "ports", port->id, &portObj);
+      if (rc == cs::kSuccess) {
+         rc = SavePropList(portObj, port->data, PROP_CLASS_PORT, nullptr);
+      }
+      if (rc != cs::kSuccess) {
+         return rc;
+      }
+   }
+   return cs::kSuccess;
+}
+
+// Existing switch objects of the store that the run may have to delete.
+class ExistingObjects {
+  public:
+   ExistingObjects() = default;
+   ExistingObjects(const ExistingObjects &) = delete;
+   ExistingObjects &operator=(const ExistingObjects &) = delete;
+   ~ExistingObjects() {
+      for (uint32_t i = 0; i < count_; i++) {
+         cs::DestroyConfigStoreObject(objects_[i]);
+      }
+      if (objects_ != &single_) {
+         std::free(objects_);
+      }
+      cs::DestroyFilterSpecObject(filter_);
+   }
+
+   // The object of swId, when the store has one.
+   void CollectOne(cs::Store *store, const char *swId) {
+      if (cs::Get(store, kSwitchGroup, kSwitchObject, kSwitchComponent, swId, &single_) ==
+          cs::kSuccess) {
+         objects_ = &single_;
+         count_ = 1;
+      }
+   }
+
+   // Every switch object; failures leave the list empty.
+   void CollectAll(cs::Store *store) {
+      if (cs::CreateFilterSpecObject(kSwitchGroup, kSwitchObject, kSwitchComponent, "", &filter_) !=
+          cs::kSuccess) {
+         return;
+      }
+      const int64_t start = MonotonicMs();
+      if (cs::GetInstances(store, filter_, &objects_, &count_) != cs::kSuccess) {
+         objects_ = nullptr;
+         count_ = 0;
+      }
+      syslog(LOG_DEBUG, "DVSState_SaveBufToConfigStore_ByInstance GetInstances time: %lldms",
+             static_cast<long long>(MonotonicMs() - start));
+   }
+
+   // Deletes the objects whose "uuid" names no switch of the registry.
+   void DeleteStale(cs::Store *store) {
+      for (uint32_t i = 0; i < count_; i++) {
+         char *uuid = nullptr;
+         if (cs::GetValueStr(objects_[i], "uuid", &uuid) != cs::kSuccess) {
+            continue;
+         }
+         if (DVSState_SwitchFind(uuid) == nullptr) {
+            cs::Delete(store, kSwitchGroup, kSwitchObject, kSwitchComponent, uuid);
+         }
+         std::free(uuid);
+      }
+   }
+
+  private:
+   cs::FilterSpec *filter_ = nullptr;
+   cs::Object *single_ = nullptr;
+   cs::Object **objects_ = nullptr;
+   uint32_t count_ = 0;
+};
+
+}  // namespace
+
+bool SaveSwitchToConfigStore(DVSwitch *dvs, void *arg) {
+   auto *ctx = static_cast<ConfigSaveCtx *>(arg);
+   gSwitchVersion = DVS_Version(dvs);
+   gIsZltSwitch = gSwitchVersion > 99;
+   gSwitchClassKind = SwitchClassKind(DVS_ClassName(dvs));
+
+   int64_t start = MonotonicMs();
+   cs::Object *obj = nullptr;
+   if (GetOrCreateSwitchObject(ctx->store, DVS_SwitchId(dvs), &obj) != cs::kSuccess) {
+      CONFIGSTORE_FAIL("Get/Create dvs_switch:%s failed\n", DVS_SwitchId(dvs));
+      ctx->status = kConfigStoreOwnFailure;
+      return true;
+   }
+
+   gSwitchObject = obj;
+   cs::Object *product = nullptr;
+   int32_t rc = GetOrCreateSubObject(true, obj, "product", "", &product);
+   if (rc == cs::kSuccess) {
+      cs::SetValueStr(product, "forwarding_class", DVS_ClassName(dvs));
+      WriteSwitchIdentity(obj, dvs, 1);
+      gConfigStoreTimeMs += MonotonicMs() - start;
+
+      rc = SavePropList(obj, dvs->globalPropList, PROP_CLASS_GLOBAL, "SaveGlobalProp: %s\n");
+      if (rc == cs::kSuccess) {
+         rc = SavePropList(obj, dvs->hostPropList, PROP_CLASS_HOST, "SaveHostProp: %s\n");
+      }
+      if (rc == cs::kSuccess) {
+         rc = SavePorts(obj, dvs);
+      }
+      if (rc == cs::kSuccess) {
+         start = MonotonicMs();
+         rc = cs::Set(ctx->store, obj, cs::kSourceExternal);
+         gConfigStoreTimeMs += MonotonicMs() - start;
+      }
+   }
+   // On any failure nothing of this switch was written: Set is the only
+   // call that reaches the database, and the caller cancels the run.
+   gSwitchObject = nullptr;
+   cs::DestroyConfigStoreObject(obj);
+   ctx->status = rc;
+   if (rc != cs::kSuccess) {
+      CONFIGSTORE_FAIL("Failed to save dvs: %s to configstore\n", DVS_SwitchId(dvs));
+      return true;
+   }
+   return false;
+}
+
+}  // namespace dvs::configstore
+
+using namespace dvs::configstore;
+namespace cs = ::configstore;
+
+extern "C" {
+
+DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uint32_t len,
+                                                            const char *swId) {
+   if (buf == nullptr) {
+      CONFIGSTORE_FAIL("No dvs buffer to save to configstore\n");
+      return kConfigStoreOwnFailure;
+   }
+   KRecLock *lock = DVSwitchHandleLock();
+   DVSState_ConfigReset();
+   // A buffer that does not describe a host's switches must not be taken
+   // for a host without switches: that would delete every switch object.
+   const ReturnStatus rebuilt = DVSState_ConfigDeserialize(buf, len);
+   if (rebuilt != STATUS_OK) {
+      CONFIGSTORE_FAIL("Failed to load dvs buffer to save to configstore, error: %s\n",
+                       HYP_ReturnStatusToString(rebuilt));
+      DVSState_ConfigReset();
+      DVSwitchHandleUnlock(lock);
+      return kConfigStoreOwnFailure;
+   }
+
+   syslog(LOG_DEBUG, "Start DVSState_SaveBufToConfigStore_ByInstance, swId:[%s]",
+          swId != nullptr ? swId : "");
+   gConfigStoreTimeMs = 0;
+   int64_t start = MonotonicMs();
+
+   cs::Store *store = nullptr;
+   int32_t rc = cs::GetStore(0, &store);
+   if (rc != cs::kSuccess || store == nullptr) {
+      // Deliberately returns with the switch handle lock held and the
+      // rebuilt registry in place, as callers of this interface expect.
+      CONFIGSTORE_FAIL("Get store failed\n");
+      return kConfigStoreOwnFailure;
+   }
+   rc = cs::BeginTransaction(store);
+   if (rc != cs::kSuccess) {
+      return rc;  // the lock stays held here too, and the store open
+   }
+   CONFIGSTORE_PROGRESS("Ready to save dvs list\n");
+
+   int32_t result;
+   bool failed = false;
+   {
+      ExistingObjects existing;
+      if (swId != nullptr) {
+         existing.CollectOne(store, swId);
+      } else {
+         existing.CollectAll(store);
+      }
+      gConfigStoreTimeMs += MonotonicMs() - start;
+
+      auto *ctx = static_cast<ConfigSaveCtx *>(std::calloc(1, sizeof(ConfigSaveCtx)));
+      if (ctx == nullptr) {
+         CONFIGSTORE_FAIL("Failed to alloc memory for DVSUplinkPorts\n");
+         result = kConfigStoreOwnFailure;
+         failed = true;
+      } else {
+         ctx->store = store;
+         if (swId != nullptr) {
+            DVSwitch *dvs = DVSState_SwitchFind(swId);
+            if (dvs != nullptr) {
+               SaveSwitchToConfigStore(dvs, ctx);
+            }
+         } else {
+            DVSState_SwitchForEach(SaveSwitchToConfigStore, ctx);
+         }
+
+         if (ctx->status == cs::kSuccess) {
+            start = MonotonicMs();
+            existing.DeleteStale(store);
+            result = cs::CommitTransaction(store);
+            failed = result != cs::kSuccess;
+            gConfigStoreTimeMs += MonotonicMs() - start;
+            if (!failed) {
+               syslog(LOG_DEBUG,
+                      "End DVSState_SaveBufToConfigStore_ByInstance, configStore time: %lldms",
+                      static_cast<long long>(gConfigStoreTimeMs));
+               gConfigStoreTimeMs = 0;
+            }
+         } else {
+            CONFIGSTORE_FAIL("Failed to save dvs to configstore\n");
+            result = ctx->status;
+            failed = true;
+         }
+         std::free(ctx);
+      }
+      if (failed) {
+         cs::CancelTransaction(store);
+         syslog(LOG_DEBUG,
+                "End DVSState_SaveBufToConfigStore_ByInstance with error, configStore time: %lldms",
+                static_cast<long long>(gConfigStoreTimeMs));
+         gConfigStoreTimeMs = 0;
+      }
+      DVSState_ConfigReset();
+      DVSwitchHandleUnlock(lock);
+   }
+   cs::DestroyStore(store);
+   return result;
+}
+
+DVS_EXPORT int32_t DVSState_SaveBufToConfigStore(const void *buf, uint32_t len) {
+   return DVSState_SaveBufToConfigStore_ByInstance(buf, len, nullptr);
+}
+
+DVS_EXPORT int32_t DVSState_SaveToConfigStore_ByInstance(const char *swId) {
+   void *blob = nullptr;
+   uint32_t len = 0;
+   const ReturnStatus status = DVSHYP_PersistentStateGet(&blob, &len);
+   if (status != STATUS_OK) {
+      CONFIGSTORE_FAIL(
+         "Failed to save DVS config to configstore when get DVS buffrom hyp. Error: %s\n",
+         HYP_ReturnStatusToString(status));
+      return kConfigStoreOwnFailure;
+   }
+   const int32_t rc = DVSState_SaveBufToConfigStore_ByInstance(blob, len, swId);
+   DVSHYP_DataFree(blob);
+   return rc;
+}
+
+DVS_EXPORT int32_t DVSState_SaveToConfigStore(void) {
+   return DVSState_SaveToConfigStore_ByInstance(nullptr);
+}
+
+}  // extern "C"

@@ -1,0 +1,318 @@
+// Loading switch state from the configuration store: store objects, made
+// by hand or by a save, turned into a host configuration blob and decoded
+// again switch by switch.
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <configstore.h>
+#include <dvsconfigstore.h>
+#include <dvsstate.h>
+#include <gtest/gtest.h>
+
+#include "configstore/configstore_internal.h"
+
+namespace {
+
+namespace cs = ::configstore;
+using Props = std::map<std::string, std::string>;
+
+std::string U32(uint32_t v) {
+   return std::string(reinterpret_cast<const char *>(&v), 4);
+}
+std::string Text(const std::string &s) {
+   return s + '\0';
+}
+
+// A decoded property list: name -> value; each property's flag is checked
+// to be the one every loaded property carries.
+Props Decode(const std::string &blob) {
+   DVSDataHandle h = nullptr;
+   Props out;
+   EXPECT_EQ(DVSData_Deserialize(&h, blob.data(), uint32_t(blob.size()), malloc, free), STATUS_OK);
+   for (DVSDataEntry *e = h ? h->head : nullptr; e != nullptr; e = e->next) {
+      EXPECT_EQ(e->flag, 0x10u) << e->name;
+      EXPECT_EQ(out.count(e->name), 0u) << "duplicate " << e->name;
+      out[e->name] = std::string(reinterpret_cast<const char *>(e->data), e->dataLen);
+   }
+   DVSData_Free(h);
+   return out;
+}
+
+// One property list in a blob's layout, for the blob a save is given.
+std::string Serialize(const std::vector<std::pair<std::string, std::string>> &props,
+                      uint32_t flag = 0x20) {
+   DVSDataHandle h = nullptr;
+   EXPECT_EQ(DVSData_Alloc(&h, malloc, free), STATUS_OK);
+   for (const auto &[name, value] : props)
+      EXPECT_EQ(DVSData_Append(h, name.c_str(), value.data(), uint32_t(value.size()), flag), 0u);
+   void *blob = nullptr;
+   uint32_t len = 0;
+   EXPECT_EQ(DVSData_Serialize(h, &blob, &len, 1), STATUS_OK);
+   std::string out(static_cast<const char *>(blob), len);
+   free(blob);
+   DVSData_Free(h);
+   return out;
+}
+
+class LoadTest : public ::testing::Test {
+  protected:
+   void SetUp() override {
+      strcpy(dir_, "/tmp/cs-load-XXXXXX");
+      ASSERT_NE(mkdtemp(dir_), nullptr);
+      path_ = std::string(dir_) + "/store.db";
+      setenv(cs::kPathEnv, path_.c_str(), 1);
+      ASSERT_EQ(cs::GetStore(0, &store_), 0);
+      DVSState_ConfigReset();
+   }
+   void TearDown() override {
+      cs::DestroyStore(store_);
+      unlink(path_.c_str());
+      unlink((path_ + "-journal").c_str());
+      rmdir(dir_);
+   }
+
+   // Stores a switch object given as JSON, live or as desired configuration.
+   void Put(const std::string &id, const std::string &json, const char *source = "EXTERNAL") {
+      cs::Object *obj = nullptr;
+      ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", id.c_str(), json.c_str(), &obj),
+                0);
+      ASSERT_EQ(cs::Set(store_, obj, source), 0);
+      cs::DestroyConfigStoreObject(obj);
+   }
+   static std::string SwitchJson(const std::string &uuid, const std::string &cls,
+                                 const std::string &version, const std::string &extra = "") {
+      return R"({"uuid":")" + uuid + R"(","max_ports":64,"portset_name":"ps-)" + uuid +
+             R"(","product":{"forwarding_class":")" + cls + R"(","version":")" + version + R"("})" +
+             extra + "}";
+   }
+
+   // The load's result, with its status.
+   int32_t Load(Props *switches, bool desired = false) {
+      void *buf = nullptr;
+      uint32_t len = 0;
+      const int32_t rc = DVSState_LoadFromConfigStoreAsBuf(&buf, &len, desired);
+      if (rc == 0) {
+         EXPECT_NE(buf, nullptr);
+         *switches = Decode(std::string(static_cast<const char *>(buf), len));
+      } else {
+         EXPECT_EQ(buf, nullptr) << "no buffer after a failed load";
+      }
+      free(buf);
+      return rc;
+   }
+
+   char dir_[32];
+   std::string path_;
+   cs::Store *store_ = nullptr;
+};
+
+TEST_F(LoadTest, EmptyStoreGivesAnEmptyHostList) {
+   void *buf = nullptr;
+   uint32_t len = 0;
+   ASSERT_EQ(DVSState_LoadFromConfigStoreAsBuf(&buf, &len, false), 0);
+   EXPECT_EQ(len, uint32_t{DVSDATA_MIN_BLOB_SIZE});
+   EXPECT_EQ(Decode(std::string(static_cast<const char *>(buf), len)).size(), 0u);
+   free(buf);
+   EXPECT_EQ(DVSState_LoadFromConfigStoreAsBuf(nullptr, &len, false), -1);
+}
+
+// A registry saved and loaded again: the switch list layout, the version
+// read with "zlt_enabled", every scalar property and the catch-all data.
+TEST_F(LoadTest, SavedSwitchesComeBackSwitchBySwitch) {
+   const std::string pools = U32(1) + std::string("pool-a") + std::string(122, '\0') +
+                             U32(0xffffffff) + U32(0xffffffff) + std::string(8, '\0') + U32(50) +
+                             U32(1);
+   std::string uplinkKeys = U32(1) + "p1" + std::string(46, '\0');
+   const std::string blob = Serialize({
+      {"sw-v",
+       Serialize({{"switchVersion", U32(107)},
+                  {"className", Text("vswitch")},
+                  {"maxPorts", U32(64)},
+                  {"globalPropList",
+                   Serialize({{"com.ostrel.common.alias", Text("prod")},
+                              {"com.ostrel.common.version", U32(107)},
+                              {"com.ostrel.common.portset.zlt", Text("true")},
+                              {"com.ostrel.vswitch.mtu", U32(9000)},
+                              {"com.ostrel.common.respools.cfg", pools},
+                              {"com.ostrel.custom.blob", std::string("\0\xff\x01", 3)}})},
+                  {"hostPropList", Serialize({{"com.ostrel.common.host.portset", Text("ps0")},
+                                              {"com.ostrel.common.host.uplinkPorts", uplinkKeys},
+                                              {"com.ostrel.custom.hostdata", Text("h")}})},
+                  {"p1", Serialize({{"com.ostrel.common.port.connectid", U32(5)},
+                                    {"com.ostrel.common.port.block", Text("true")}})},
+                  {"p2", Serialize({{"com.ostrel.common.port.alias", Text("vm-2")},
+                                    {"com.ostrel.custom.port", Text("x")}})}},
+                 107)},
+   });
+   ASSERT_EQ(DVSState_SaveBufToConfigStore(blob.data(), uint32_t(blob.size())), 0);
+
+   Props top;
+   ASSERT_EQ(Load(&top), 0);
+   ASSERT_EQ(top.size(), 1u);
+   const Props sw = Decode(top["sw-v"]);
+   EXPECT_EQ(sw.at("switchVersion"), U32(107)) << "7.0.0 with zlt_enabled";
+   EXPECT_EQ(sw.at("className"), Text("vswitch"));
+   // A "vswitch" takes the host-wide port limit, whatever its blob says.
+   EXPECT_EQ(sw.at("maxPorts"), U32(uwMaxNumActivePortsSystemWide));
+   EXPECT_EQ(dvs::configstore::gSwitchClassKind, 1u);
+
+   const Props global = Decode(sw.at("globalPropList"));
+   EXPECT_EQ(global.at("com.ostrel.common.alias"), Text("prod"));
+   EXPECT_EQ(global.at("com.ostrel.common.version"), U32(107));
+   EXPECT_EQ(global.at("com.ostrel.common.portset.zlt"), Text("true"));
+   EXPECT_EQ(global.at("com.ostrel.vswitch.mtu"), U32(9000));
+   EXPECT_EQ(global.at("com.ostrel.common.portset.mtu"), U32(9000)) << "shares max_mtu";
+   EXPECT_EQ(global.count("com.ostrel.etherswitch.mtu"), 0u) << "not for a vswitch";
+   EXPECT_EQ(global.at("com.ostrel.common.respools.cfg"), pools);
+   EXPECT_EQ(global.at("com.ostrel.custom.blob"), std::string("\0\xff\x01", 3));
+   EXPECT_EQ(global.count("com.ostrel.custom.hostdata"), 0u) << "host data stays apart";
+
+   const Props host = Decode(sw.at("hostPropList"));
+   EXPECT_EQ(host.at("com.ostrel.common.host.portset"), Text("ps0"));
+   EXPECT_EQ(host.at("com.ostrel.common.host.uplinkPorts"), uplinkKeys);
+   EXPECT_EQ(host.at("com.ostrel.custom.hostdata"), Text("h"));
+   EXPECT_EQ(host.count("com.ostrel.custom.blob"), 0u);
+
+   const Props p1 = Decode(sw.at("p1"));
+   EXPECT_EQ(p1.at("com.ostrel.common.port.connectid"), U32(5));
+   EXPECT_EQ(p1.at("com.ostrel.common.port.block"), Text("true"));
+   EXPECT_EQ(p1.at("com.ostrel.common.port.respools.cfg"), pools) << "an uplink port";
+   const Props p2 = Decode(sw.at("p2"));
+   EXPECT_EQ(p2.at("com.ostrel.common.port.alias"), Text("vm-2"));
+   EXPECT_EQ(p2.at("com.ostrel.custom.port"), Text("x"));
+   EXPECT_EQ(p2.count("com.ostrel.common.port.respools.cfg"), 0u) << "not an uplink port";
+}
+
+// Rows that exist once per family of classes: only the one that fits the
+// switch is loaded.
+TEST_F(LoadTest, ClassDecidesWhichOfAPairIsLoaded) {
+   const std::string settings =
+      R"(,"settings":{"max_mtu":1600,"multicast_filtering_mode":"snoop"})";
+   Put("a", SwitchJson("a", "vswitch", "6.5.0", settings));
+   Put("b", SwitchJson("b", "labswitch", "6.5.0", settings));
+   Put("c", SwitchJson("c", "cswitch", "ZLT 1.0", settings));
+   Props top;
+   ASSERT_EQ(Load(&top), 0);
+   ASSERT_EQ(top.size(), 3u);
+
+   const Props a = Decode(Decode(top["a"]).at("globalPropList"));
+   EXPECT_EQ(a.count("com.ostrel.vswitch.mtu"), 1u);
+   EXPECT_EQ(a.count("com.ostrel.etherswitch.mtu"), 0u);
+   EXPECT_EQ(a.count("com.ostrel.vswitch.multicastFilter"), 1u);
+   EXPECT_EQ(a.count("com.ostrel.etherswitch.multicastFilter"), 0u);
+
+   const Props b = Decode(Decode(top["b"]).at("globalPropList"));
+   EXPECT_EQ(b.at("com.ostrel.etherswitch.mtu"), U32(1600));
+   EXPECT_EQ(b.count("com.ostrel.vswitch.mtu"), 0u);
+   EXPECT_EQ(b.at("com.ostrel.etherswitch.multicastFilter"), Text("snoop"));
+   EXPECT_EQ(b.count("com.ostrel.vswitch.multicastFilter"), 0u);
+   EXPECT_EQ(b.at("com.ostrel.common.portset.mtu"), U32(1600));
+
+   const Props c = Decode(top["c"]);
+   EXPECT_EQ(c.at("switchVersion"), U32(100));
+   const Props cg = Decode(c.at("globalPropList"));
+   EXPECT_EQ(cg.count("com.ostrel.vswitch.mtu"), 0u) << "only class vswitch";
+   EXPECT_EQ(cg.count("com.ostrel.etherswitch.mtu"), 0u);
+   EXPECT_EQ(cg.count("com.ostrel.vswitch.multicastFilter"), 1u);
+}
+
+// The desired configuration is paired with the live objects by position:
+// each desired switch takes the port-set name of the live object at its
+// place in the list, whatever its uuid.
+TEST_F(LoadTest, DesiredObjectsArePairedWithLiveOnesByPosition) {
+   Put("a", SwitchJson("a", "vswitch", "7.0.2"));
+   Put("b", SwitchJson("b", "vswitch", "7.0.2"));
+   Put("b",
+       R"({"uuid":"b","max_ports":8,"product":{"forwarding_class":"vswitch","version":"7.0.3"}})",
+       "USER");
+   Put("a",
+       R"({"uuid":"a","max_ports":9,"product":{"forwarding_class":"vswitch","version":"7.0.3"}})",
+       "USER");
+
+   Props top;
+   ASSERT_EQ(Load(&top, true), 0);
+   ASSERT_EQ(top.size(), 2u);
+   const Props a = Decode(top["a"]);
+   EXPECT_EQ(a.at("maxPorts"), U32(9)) << "the desired object is the one loaded";
+   EXPECT_EQ(a.at("switchVersion"), U32(9));
+   const Props b = Decode(top["b"]);
+   // Desired order is b, a (the order in which the USER documents were
+   // first written); live order is a, b.
+   EXPECT_EQ(Decode(b.at("hostPropList")).at("com.ostrel.common.host.portset"), Text("ps-a"));
+   EXPECT_EQ(Decode(a.at("hostPropList")).at("com.ostrel.common.host.portset"), Text("ps-b"));
+
+   // One desired object against two live ones.
+   cs::Delete(store_, "switches", "network_tds", "node", "a");
+   Put("a", SwitchJson("a", "vswitch", "7.0.2"));
+   EXPECT_EQ(Load(&top, true), -1);
+}
+
+TEST_F(LoadTest, AFailingSwitchFailsTheWholeLoad) {
+   Put("good", SwitchJson("good", "vswitch", "8.0.0"));
+   Put("bad", SwitchJson("bad", "vswitch", "7.0.1"));
+   Props top;
+   testing::internal::CaptureStdout();
+   EXPECT_EQ(Load(&top), -1);
+   std::string out = testing::internal::GetCapturedStdout();
+   EXPECT_NE(out.find("Unknown tds version 7.0.1\n"), std::string::npos) << out;
+   EXPECT_NE(out.find("Failed to load buf of switch: bad from configstore\n"), std::string::npos)
+      << out;
+
+   // A switch without "product" fails without a message of its own.
+   cs::Delete(store_, "switches", "network_tds", "node", "bad");
+   Put("bare", R"({"uuid":"bare","max_ports":1})");
+   testing::internal::CaptureStdout();
+   EXPECT_EQ(Load(&top), cs::kNotFound);
+   out = testing::internal::GetCapturedStdout();
+   EXPECT_NE(out.find("Failed to load buf of switch: bare from configstore\n"), std::string::npos)
+      << out;
+
+   // A port-set row of an unknown type would be refused; a missing
+   // "max_ports" is reported with its code.
+   cs::Delete(store_, "switches", "network_tds", "node", "bare");
+   Put("nomax", R"({"uuid":"nomax","product":{"forwarding_class":"x","version":"6.0.0"}})");
+   testing::internal::CaptureStdout();
+   EXPECT_EQ(Load(&top), cs::kNotFound);
+   out = testing::internal::GetCapturedStdout();
+   EXPECT_NE(out.find("Failed to get max_ports, rc: 6\n"), std::string::npos) << out;
+}
+
+TEST_F(LoadTest, AStoreThatCannotBeOpenedIsReported) {
+   // The store's directory cannot be made: a file stands in its way.
+   const std::string blocker = std::string(dir_) + "/file";
+   FILE *f = fopen(blocker.c_str(), "w");
+   ASSERT_NE(f, nullptr);
+   fclose(f);
+   setenv(cs::kPathEnv, (blocker + "/store.db").c_str(), 1);
+   void *buf = nullptr;
+   uint32_t len = 0;
+   testing::internal::CaptureStdout();
+   const int32_t rc = DVSState_LoadFromConfigStoreAsBuf(&buf, &len, false);
+   const std::string out = testing::internal::GetCapturedStdout();
+   EXPECT_NE(rc, 0);
+   EXPECT_EQ(buf, nullptr);
+   EXPECT_NE(out.find("Get store failed\n"), std::string::npos) << out;
+   setenv(cs::kPathEnv, path_.c_str(), 1);
+   unlink(blocker.c_str());
+}
+
+TEST(StringExistInArray, MatchesExactlyWithinCount) {
+   char a[] = "p1", b[] = "p2";
+   char *list[] = {a, b};
+   EXPECT_TRUE(StringExistInArray("p2", list, 2));
+   EXPECT_FALSE(StringExistInArray("p2", list, 1)) << "beyond count";
+   EXPECT_FALSE(StringExistInArray("P1", list, 2));
+   EXPECT_FALSE(StringExistInArray("p", list, 2));
+   EXPECT_FALSE(StringExistInArray(nullptr, list, 2));
+   EXPECT_FALSE(StringExistInArray("p1", nullptr, 2));
+   EXPECT_FALSE(StringExistInArray("p1", list, 0));
+}
+
+}  // namespace

@@ -1,0 +1,321 @@
+// The one-time upgrade from the state file: each switch of the file that has
+// a port-set name gets its identity written into the configuration store,
+// and nothing else.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <configstore.h>
+#include <dvsconfigstore.h>
+#include <dvsfile.h>
+#include <dvsstate.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+namespace cs = ::configstore;
+namespace fs = std::filesystem;
+using Ids = std::vector<std::string>;
+
+std::string Text(const char *s) {
+   return std::string(s, std::strlen(s) + 1);
+}
+std::string U32(uint32_t v) {
+   return std::string(reinterpret_cast<const char *>(&v), 4);
+}
+
+void AddSwitch(const char *id, const char *cls, uint32_t maxPorts, uint32_t version) {
+   ASSERT_EQ(DVSState_SwitchAdd(id, cls, maxPorts, version), STATUS_OK) << id;
+}
+void Global(const char *sw, const char *name, const std::string &v) {
+   ASSERT_EQ(DVSState_GlobalPropSet(sw, name, v.data(), v.size(), 0x10), STATUS_OK) << name;
+}
+void Host(const char *sw, const char *name, const std::string &v) {
+   ASSERT_EQ(DVSState_HostPropSet(sw, name, v.data(), v.size(), 0x10), STATUS_OK) << name;
+}
+void AddPort(const char *sw, const char *port, const char *name, const std::string &v) {
+   DVSDataHandle h = nullptr;
+   ASSERT_EQ(DVSData_Alloc(&h, malloc, free), STATUS_OK);
+   ASSERT_EQ(DVSData_Append(h, name, v.data(), v.size(), 0x10), STATUS_OK);
+   ASSERT_EQ(DVSState_PortAdd(sw, port, h), STATUS_OK) << port;
+}
+
+using ObjPtr = std::unique_ptr<cs::Object, void (*)(cs::Object *)>;
+void Destroy(cs::Object *o) {
+   if (o != nullptr)
+      cs::DestroyConfigStoreObject(o);
+}
+ObjPtr Read(const char *id) {
+   cs::Store *s = nullptr;
+   cs::Object *o = nullptr;
+   EXPECT_EQ(cs::GetStore(0, &s), 0);
+   if (s != nullptr)
+      cs::Get(s, "switches", "network_tds", "node", id, &o);
+   cs::DestroyStore(s);
+   return ObjPtr(o, Destroy);
+}
+Ids StoredIds() {
+   Ids out;
+   cs::Store *s = nullptr;
+   cs::FilterSpec *f = nullptr;
+   cs::Object **objs = nullptr;
+   uint32_t n = 0;
+   EXPECT_EQ(cs::GetStore(0, &s), 0);
+   EXPECT_EQ(cs::CreateFilterSpecObject("switches", "network_tds", "node", "", &f), 0);
+   EXPECT_EQ(cs::GetInstances(s, f, &objs, &n), 0);
+   for (uint32_t i = 0; i < n; i++) {
+      char *uuid = nullptr;
+      out.push_back(cs::GetValueStr(objs[i], "uuid", &uuid) == 0 ? uuid : "?");
+      free(uuid);
+      cs::DestroyConfigStoreObject(objs[i]);
+   }
+   free(objs);
+   cs::DestroyFilterSpecObject(f);
+   cs::DestroyStore(s);
+   return out;
+}
+
+// The values and sub-objects of an object among the names a save or a
+// previous writer can leave there, as "name=value" texts (sub-objects as
+// "name{}" and instances as "name/id").
+Ids Content(cs::Object *o) {
+   static const char *const kValues[] = {"uuid",
+                                         "name",
+                                         "max_ports",
+                                         "portset_name",
+                                         "is_opaque",
+                                         "uplink_port_keys",
+                                         "uplink_port_names",
+                                         "zlt_enabled",
+                                         "custom",
+                                         "connection_cookie"};
+   static const char *const kSubs[] = {"product", "settings", "resource_management", "data",
+                                       "extra",   "ports",    "health_checks"};
+   Ids out;
+   for (const char *key : kValues) {
+      char *s = nullptr;
+      int32_t i = 0;
+      bool b = false;
+      char **arr = nullptr;
+      uint32_t n = 0;
+      if (cs::GetValueStr(o, key, &s) == 0) {
+         out.push_back(std::string(key) + "=" + s);
+         free(s);
+      } else if (cs::GetValueInt(o, key, &i) == 0) {
+         out.push_back(std::string(key) + "=" + std::to_string(i));
+      } else if (cs::GetValueBool(o, key, &b) == 0) {
+         out.push_back(std::string(key) + (b ? "=true" : "=false"));
+      } else if (cs::GetValueStringArray(o, key, &arr, &n) == 0) {
+         out.push_back(std::string(key) + "=[" + std::to_string(n) + "]");
+         cs::DestroyStringArrayValue(arr, n);
+      }
+   }
+   for (const char *key : kSubs) {
+      cs::FilterSpec *f = nullptr;
+      cs::Object **objs = nullptr;
+      uint32_t n = 0;
+      if (cs::CreateFilterSpecObject(key, "", "", "", &f) == 0 &&
+          cs::GetSubObjectInstances(o, f, &objs, &n) == 0) {
+         for (uint32_t i = 0; i < n; i++) {
+            char *id = nullptr;
+            out.push_back(std::string(key) + (cs::GetValueStr(objs[i], "key", &id) == 0
+                                                 ? "/" + std::string(id)
+                                                 : std::string("{}")));
+            free(id);
+         }
+      }
+      free(objs);
+      cs::DestroyFilterSpecObject(f);
+   }
+   return out;
+}
+
+// Writes a switch object as an earlier save would have left it.
+void Plant(const char *id) {
+   cs::Store *s = nullptr;
+   cs::Object *o = nullptr, *sub = nullptr;
+   ASSERT_EQ(cs::GetStore(0, &s), 0);
+   ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", id, "{}", &o), 0);
+   EXPECT_EQ(cs::SetValueStr(o, "uuid", id), 0);
+   EXPECT_EQ(cs::SetValueStr(o, "name", "old"), 0);
+   EXPECT_EQ(cs::SetValueInt(o, "max_ports", 4), 0);
+   EXPECT_EQ(cs::SetValueBool(o, "is_opaque", true), 0);
+   EXPECT_EQ(cs::SetValueStr(o, "portset_name", "old-ps"), 0);
+   EXPECT_EQ(cs::SetValueStr(o, "custom", "keep"), 0);
+   EXPECT_EQ(cs::CreateSubObject(o, "settings", "", &sub), 0);
+   EXPECT_EQ(cs::SetValueInt(sub, "max_mtu", 1500), 0);
+   EXPECT_EQ(cs::CreateSubObject(o, "product", "", &sub), 0);
+   EXPECT_EQ(cs::CreateSubObject(o, "extra", "", &sub), 0);
+   EXPECT_EQ(cs::CreateSubObject(o, "ports", "old-port", &sub), 0);
+   EXPECT_EQ(cs::CreateSubObject(o, "health_checks", "hc", &sub), 0);
+   EXPECT_EQ(cs::Set(s, o, cs::kSourceExternal), 0);
+   cs::DestroyConfigStoreObject(o);
+   cs::DestroyStore(s);
+}
+
+std::future<void> ProbeLock() {
+   auto done = std::make_shared<std::promise<void>>();
+   std::future<void> f = done->get_future();
+   std::thread([done] {
+      KRecLock *l = DVSwitchHandleLock();
+      DVSwitchHandleUnlock(l);
+      done->set_value();
+   }).detach();
+   return f;
+}
+bool Within(std::future<void> &f, int ms) {
+   return f.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
+}
+
+class UpgradeTest : public testing::Test {
+  protected:
+   void SetUp() override {
+      dvs_debug = -1;
+      dvsdata_debug = -1;
+      char tmpl[] = "/tmp/csupgXXXXXX";
+      ASSERT_NE(mkdtemp(tmpl), nullptr);
+      dir_ = tmpl;
+      store_ = dir_ + "/store.db";
+      file_ = dir_ + "/dvsdata.db";
+      setenv(cs::kPathEnv, store_.c_str(), 1);
+      setenv("DVS_STATE_FILE", file_.c_str(), 1);
+      ASSERT_EQ(DVSState_ConfigReset(), STATUS_OK);
+   }
+   void TearDown() override {
+      DVSState_ConfigReset();
+      dvsconfigstore_debug = 10;
+      fs::remove_all(dir_);
+   }
+   // The registry into the state file; the registry is emptied.
+   void WriteStateFile() {
+      void *blob = nullptr;
+      uint32_t len = 0;
+      ASSERT_EQ(DVSState_ConfigSerialize(&blob, &len), STATUS_OK);
+      ASSERT_EQ(DVSFile_Write(file_.c_str(), blob, len), STATUS_OK);
+      free(blob);
+      ASSERT_EQ(DVSState_ConfigReset(), STATUS_OK);
+   }
+   int32_t Upgrade(int level, std::string *out) {
+      std::fflush(stdout);
+      testing::internal::CaptureStdout();
+      dvsconfigstore_debug = level;
+      const int32_t rc = DVSState_RetrieveDVSUpgradeInfo();
+      dvsconfigstore_debug = 10;
+      *out = testing::internal::GetCapturedStdout();
+      return rc;
+   }
+   std::string dir_, store_, file_;
+};
+
+TEST_F(UpgradeTest, NothingToCarryOverIsNotAnError) {
+   std::string out;
+   // No state file, then an empty one: the store is not even opened, and a
+   // registry left from before is cleared.
+   for (int empty = 0; empty < 2; empty++) {
+      if (empty)
+         std::ofstream(file_).flush();
+      AddSwitch("sw-left", "vswitch", 8, 7);
+      EXPECT_EQ(Upgrade(10, &out), 0);
+      EXPECT_EQ(out, "");
+      EXPECT_FALSE(fs::exists(store_));
+      EXPECT_EQ(DVSState_SwitchFind("sw-left"), nullptr);
+      std::future<void> probe = ProbeLock();
+      EXPECT_TRUE(Within(probe, 5000)) << "switch handle lock left held";
+   }
+   // A state file without switches leaves the existing objects alone.
+   Plant("sw-old");
+   const Ids before = Content(Read("sw-old").get());
+   ASSERT_EQ(before.size(), 11u);
+   WriteStateFile();
+   EXPECT_EQ(Upgrade(10, &out), 0) << out;
+   EXPECT_EQ(StoredIds(), Ids{"sw-old"});
+   EXPECT_EQ(Content(Read("sw-old").get()), before);
+}
+
+TEST_F(UpgradeTest, WritesIdentityAndPortsetNameOfEachSwitch) {
+   Plant("sw-a");
+   Plant("sw-c");
+   AddSwitch("sw-a", "vswitch", 64, 7);
+   Global("sw-a", "com.ostrel.common.alias", Text("Prod"));
+   Global("sw-a", "com.ostrel.common.version", U32(7));
+   Global("sw-a", "com.ostrel.common.opaqueDvs", Text("true"));
+   Global("sw-a", "com.ostrel.common.portset.mtu", U32(9000));
+   Global("sw-a", "com.example.global.blob", Text("x"));
+   Host("sw-a", "com.ostrel.common.host.portset", Text("ps-a"));
+   Host("sw-a", "com.ostrel.common.host.uplinkPorts", U32(0));
+   AddPort("sw-a", "p-1", "com.ostrel.common.port.connectid", U32(5));
+   AddSwitch("sw-b", "plainswitch", 32, 107);  // keeps its own port limit
+   Global("sw-b", "com.ostrel.common.alias", Text("Bee"));
+   Host("sw-b", "com.ostrel.common.host.portset", Text("ps-b"));
+   // Without a port-set name a switch is left out, object or not.
+   AddSwitch("sw-c", "etherswitch", 16, 100);
+   Global("sw-c", "com.ostrel.common.alias", Text("Sea"));
+   AddSwitch("sw-d", "vswitch", 8, 7);
+   Global("sw-d", "com.ostrel.common.alias", Text("Dee"));
+   Host("sw-d", "com.example.host.note", Text("no portset"));
+   WriteStateFile();
+
+   std::string out;
+   ASSERT_EQ(Upgrade(0, &out), 0) << out;
+   // The identity line prints at level 0 here, for skipped switches too.
+   for (const char *line :
+        {"SaveDVS: Prod\n", "SaveDVS: Bee\n", "SaveDVS: Sea\n", "SaveDVS: Dee\n"})
+      EXPECT_NE(out.find(line), std::string::npos) << line << "\nin:\n" << out;
+
+   EXPECT_EQ(StoredIds(), (Ids{"sw-a", "sw-c", "sw-b"}));
+   // The stale keys of sw-a are gone, the one outside the lists stays.
+   EXPECT_EQ(
+      Content(Read("sw-a").get()),
+      (Ids{"uuid=sw-a", "name=Prod", "max_ports=" + std::to_string(uwMaxNumActivePortsSystemWide),
+           "portset_name=ps-a", "custom=keep", "extra{}"}));
+   EXPECT_EQ(Content(Read("sw-b").get()),
+             (Ids{"uuid=sw-b", "name=Bee", "max_ports=32", "portset_name=ps-b"}));
+   EXPECT_EQ(Content(Read("sw-c").get()),
+             (Ids{"uuid=sw-c", "name=old", "max_ports=4", "portset_name=old-ps", "is_opaque=true",
+                  "custom=keep", "product{}", "settings{}", "extra{}", "ports/old-port",
+                  "health_checks/hc"}));
+   EXPECT_EQ(DVSState_SwitchFind("sw-a"), nullptr);
+   std::future<void> probe = ProbeLock();
+   EXPECT_TRUE(Within(probe, 5000)) << "switch handle lock left held";
+
+   // Silent at a negative level; running again changes nothing.
+   const Ids before = Content(Read("sw-a").get());
+   AddSwitch("sw-a", "vswitch", 64, 7);
+   Global("sw-a", "com.ostrel.common.alias", Text("Prod"));
+   Host("sw-a", "com.ostrel.common.host.portset", Text("ps-a"));
+   WriteStateFile();
+   EXPECT_EQ(Upgrade(-1, &out), 0);
+   EXPECT_EQ(out, "");
+   EXPECT_EQ(Content(Read("sw-a").get()), before);
+}
+
+TEST_F(UpgradeTest, UnopenableStoreKeepsTheLockAndTheRegistry) {
+   AddSwitch("sw-a", "vswitch", 8, 7);
+   Host("sw-a", "com.ostrel.common.host.portset", Text("ps-a"));
+   WriteStateFile();
+   std::ofstream(dir_ + "/file") << "not a folder";
+   setenv(cs::kPathEnv, (dir_ + "/file/store.db").c_str(), 1);
+   std::string out;
+   EXPECT_EQ(Upgrade(0, &out), -1);
+   EXPECT_NE(out.find("Get store failed\n"), std::string::npos) << out;
+   std::future<void> probe = ProbeLock();
+   const bool taken = Within(probe, 300);
+   EXPECT_FALSE(taken) << "the lock should stay with the caller";
+   EXPECT_NE(DVSState_SwitchFind("sw-a"), nullptr);
+   if (!taken) {
+      KRecLock *lock = DVSwitchHandleLock();
+      DVSwitchHandleUnlock(lock);
+      DVSwitchHandleUnlock(lock);
+      EXPECT_TRUE(Within(probe, 5000)) << "held more than once";
+   }
+}
+
+}  // namespace
