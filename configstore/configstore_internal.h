@@ -91,6 +91,15 @@ int32_t SaveConfigProp(::configstore::Object *obj, const char *name, const void 
 int32_t GetOrCreateSwitchObject(::configstore::Store *store, const char *swId,
                                 ::configstore::Object **out);
 
+// The store object of dvs for a switch save (GetOrCreateSwitchObject).  On
+// failure prints why, sets the run's status to -1 and returns false.
+bool OpenSwitchObject(ConfigSaveCtx *ctx, DVSwitch *dvs, ::configstore::Object **obj);
+
+// Ends the save of dvs with result rc: releases obj and records rc in the
+// run's status; a failure is printed.  Returns true when the walk over the
+// switches is to stop.
+bool FinishSwitchSave(ConfigSaveCtx *ctx, DVSwitch *dvs, ::configstore::Object *obj, int32_t rc);
+
 // Writes "max_ports", "name" (the alias, else the id) and "uuid" of dvs on
 // obj, without checking the results; "SaveDVS: <name>" is printed at
 // messageLevel.

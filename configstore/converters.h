@@ -63,6 +63,11 @@ const PropConverter *GetPropConverter(uint32_t convType);
 // returned unchanged; -1 for a text the version table does not know.
 int32_t ReadSwitchVersion(::configstore::Object *switchObj, uint32_t *version);
 
+// A converter's own failure, next to the store's codes.
+constexpr int32_t kConverterFailure = -1;
+// A damaged or out-of-range property value refused by a converter.
+constexpr int32_t kConverterBadValue = static_cast<int32_t>(STATUS_BAD_PARAM);
+
 // Index of text in a null-terminated enumeration table, after any null
 // entries at its head (numbers without a text); -1 when the closing null
 // comes first.  Exact, case-sensitive comparison.

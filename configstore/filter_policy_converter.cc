@@ -16,7 +16,6 @@ namespace cs = ::configstore;
 
 namespace {
 
-constexpr int32_t kOwnFailure = -1;
 constexpr uint32_t kAgentNameMax = 128;
 constexpr const char *kFilters = "network_filters";
 constexpr const char *kOnFailure[] = {"FAIL_OPEN", "FAIL_CLOSED"};
@@ -80,28 +79,28 @@ int32_t SaveFilter(cs::Object *policy, uint32_t i, const char *agent, uint32_t s
 int32_t WalkPolicy(const void *value, uint32_t valueLen, cs::Object *policy) {
    if (value == nullptr) {
       Fail("no value", 0);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    Reader r{static_cast<const uint8_t *>(value), valueLen};
    uint32_t count;
    if (!r.U32(&count)) {
       Fail("value too short for the filter count", 0);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    for (uint32_t i = 0; i < count; i++) {
       const char *agent = r.Take(kAgentNameMax);
       uint32_t slot, onFailure, paramCount;
       if (agent == nullptr || !r.U32(&slot) || !r.U32(&onFailure) || !r.U32(&paramCount)) {
          Fail("truncated filter record", i);
-         return kOwnFailure;
+         return kConverterFailure;
       }
       if (memchr(agent, '\0', kAgentNameMax) == nullptr) {
          Fail("agent name without terminator", i);
-         return kOwnFailure;
+         return kConverterFailure;
       }
       if (onFailure >= kOnFailureCount) {
          Fail("unknown failure policy", i);
-         return kOwnFailure;
+         return kConverterFailure;
       }
       cs::Object *inst = nullptr;
       if (policy != nullptr) {
@@ -114,16 +113,16 @@ int32_t WalkPolicy(const void *value, uint32_t valueLen, cs::Object *policy) {
          uint32_t len;
          if (!r.U32(&len)) {
             Fail("truncated parameter length", i);
-            return kOwnFailure;
+            return kConverterFailure;
          }
          const char *text = len != 0 ? r.Take(len) : nullptr;
          if (text == nullptr) {
             Fail("parameter length zero or past the end of the value", i);
-            return kOwnFailure;
+            return kConverterFailure;
          }
          if (text[len - 1] != '\0' || memchr(text, '\0', len - 1) != nullptr) {
             Fail("parameter not a single terminated text", i);
-            return kOwnFailure;
+            return kConverterFailure;
          }
          if (inst != nullptr) {
             int32_t rc = cs::AppendValueString(inst, "parameters", text);
@@ -135,7 +134,7 @@ int32_t WalkPolicy(const void *value, uint32_t valueLen, cs::Object *policy) {
    }
    if (r.left != 0) {
       Fail("trailing bytes after the last filter", count);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    return cs::kSuccess;
 }
@@ -178,7 +177,7 @@ int32_t Need(int32_t rc, const char *what, uint32_t filter) {
       if (dvsconfigstore_debug >= 0) {
          printf("Filter policy: missing %s (filter %u)\n", what, filter);
       }
-      return kOwnFailure;
+      return kConverterFailure;
    }
    return rc;
 }
@@ -198,7 +197,7 @@ int32_t PutParameters(cs::Object *inst, uint32_t i, Image *img) {
    cs::DestroyStringArrayValue(params, n);
    if (!ok) {
       Fail("failed to alloc memory", i);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    return cs::kSuccess;
 }
@@ -224,13 +223,13 @@ int32_t PutFilter(cs::Object *inst, uint32_t i, Image *img) {
       }
       if (strlen(agent) >= kAgentNameMax) {
          Fail("agent name too long", i);
-         rc = kOwnFailure;
+         rc = kConverterFailure;
       } else if (slot < 0 || slot > static_cast<int64_t>(UINT32_MAX)) {
          Fail("slot number out of range", i);
-         rc = kOwnFailure;
+         rc = kConverterFailure;
       } else if (policy == kOnFailureCount) {
          Fail("unknown on_failure text", i);
-         rc = kOwnFailure;
+         rc = kConverterFailure;
       }
    }
    if (rc == cs::kSuccess) {
@@ -239,7 +238,7 @@ int32_t PutFilter(cs::Object *inst, uint32_t i, Image *img) {
       if (!img->Put(name, sizeof name) || !img->U32(static_cast<uint32_t>(slot)) ||
           !img->U32(policy)) {
          Fail("failed to alloc memory", i);
-         rc = kOwnFailure;
+         rc = kConverterFailure;
       }
    }
    free(agent);
@@ -301,7 +300,7 @@ int32_t LoadFilterPolicy(cs::Object *obj, const char *key, DVSDataHandle props,
    Image img;
    if (!img.U32(count)) {
       Fail("failed to alloc memory", 0);
-      rc = kOwnFailure;
+      rc = kConverterFailure;
    }
    for (uint32_t i = 0; i < count && rc == cs::kSuccess; i++) {
       rc = PutFilter(insts[i], i, &img);
@@ -311,7 +310,7 @@ int32_t LoadFilterPolicy(cs::Object *obj, const char *key, DVSDataHandle props,
        DVSData_Update(props, propName, img.data, static_cast<uint32_t>(img.len),
                       static_cast<uint32_t>(propFlag)) != STATUS_OK) {
       Fail("failed to add the property", count);
-      rc = kOwnFailure;
+      rc = kConverterFailure;
    }
    return rc;
 }

@@ -22,8 +22,6 @@ namespace cs = ::configstore;
 
 namespace {
 
-constexpr int32_t kOwnFailure = -1;
-
 constexpr uint32_t kGroupNameSlot = 65;  // up to 64 characters and the NUL
 constexpr uint32_t kGroupKeySlot = 16;   // up to 15 characters and the NUL
 
@@ -134,7 +132,7 @@ bool ReadGroupText(cs::Object *group, const char *field, char *slot, size_t slot
 int32_t ReadGroup(cs::Object *group, LacpGroupEntry *entry) {
    if (!ReadGroupText(group, "name", entry->name, sizeof entry->name) ||
        !ReadGroupText(group, "key", entry->key, sizeof entry->key)) {
-      return static_cast<int32_t>(STATUS_BAD_PARAM);
+      return kConverterBadValue;
    }
    char *text = nullptr;
    if (cs::GetValueStr(group, "mode", &text) == cs::kSuccess) {
@@ -172,7 +170,7 @@ int32_t SaveLacpGroups(cs::Object *obj, const char *key, const void *value, uint
    uint32_t count = 0;
    if (bytes == nullptr || valueLen < kCountSize) {
       CONFIGSTORE_FAIL("Lacp group table for key: %s too short: %u bytes\n", key, valueLen);
-      return static_cast<int32_t>(STATUS_BAD_PARAM);
+      return kConverterBadValue;
    }
    memcpy(&count, bytes, sizeof count);
    if (count == 0) {
@@ -182,10 +180,10 @@ int32_t SaveLacpGroups(cs::Object *obj, const char *key, const void *value, uint
    if (uint64_t{count} * sizeof(LacpGroupEntry) + kCountSize > valueLen) {
       CONFIGSTORE_FAIL("Lacp group table for key: %s too short: %u bytes for %u groups\n", key,
                        valueLen, count);
-      return static_cast<int32_t>(STATUS_BAD_PARAM);
+      return kConverterBadValue;
    }
    if (!ValidateGroups(bytes, count)) {
-      return static_cast<int32_t>(STATUS_BAD_PARAM);
+      return kConverterBadValue;
    }
    for (uint32_t i = 0; i < count; i++) {
       const int32_t rc = WriteGroup(obj, key, GroupAt(bytes, i));
@@ -221,7 +219,7 @@ int32_t LoadLacpGroups(cs::Object *obj, const char *key, DVSDataHandle props, co
    if (buf == nullptr) {
       CONFIGSTORE_FAIL("Failed to alloc memory for LACPTable\n");
       free(groups);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    memcpy(buf, &count, sizeof count);
    for (uint32_t i = 0; i < count && rc == cs::kSuccess; i++) {
@@ -245,12 +243,12 @@ int32_t SaveLacpPolicy(cs::Object *obj, const char *key, const void *value, uint
    if (value == nullptr || valueLen < sizeof policy) {
       CONFIGSTORE_FAIL("Lacp policy for key: %s too short: %u bytes, needs %zu\n", key, valueLen,
                        sizeof policy);
-      return static_cast<int32_t>(STATUS_BAD_PARAM);
+      return kConverterBadValue;
    }
    memcpy(&policy, value, sizeof policy);
    if (policy.mode >= kLacpModeCount) {
       CONFIGSTORE_FAIL("Lacp policy for key: %s: unknown lacp mode %u\n", key, policy.mode);
-      return static_cast<int32_t>(STATUS_BAD_PARAM);
+      return kConverterBadValue;
    }
    cs::Object *sub = nullptr;
    int32_t rc = GetOrCreateSubObject(true, obj, key, nullptr, &sub);

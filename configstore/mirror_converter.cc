@@ -28,9 +28,6 @@ namespace cs = ::configstore;
 
 namespace {
 
-constexpr int32_t kOwnFailure = -1;
-constexpr int32_t kBadParam = static_cast<int32_t>(STATUS_BAD_PARAM);
-
 constexpr uint32_t kTableMagic = 0xFACEBEEF;
 constexpr uint32_t kTableVersion = 1;
 constexpr uint32_t kPacketLengthNotSet = 0xFFFFFFFF;
@@ -232,7 +229,7 @@ int32_t CheckTable(const void *value, uint32_t valueLen, uint32_t entrySize, Tab
    MirrorTableHeader header;
    if (value == nullptr || valueLen < sizeof header) {
       CONFIGSTORE_FAIL("Mirror session table too short: %u bytes\n", valueLen);
-      return kBadParam;
+      return kConverterBadValue;
    }
    memcpy(&header, value, sizeof header);
    const uint64_t need = uint64_t{kHeaderSize} + uint64_t{header.numSessions} * kSessionSize +
@@ -241,7 +238,7 @@ int32_t CheckTable(const void *value, uint32_t valueLen, uint32_t entrySize, Tab
       CONFIGSTORE_FAIL(
          "Mirror session table of %u sessions and %u ports needs %llu bytes, has %u\n",
          header.numSessions, header.numPorts, static_cast<unsigned long long>(need), valueLen);
-      return kBadParam;
+      return kConverterBadValue;
    }
    *t = TableView{static_cast<const uint8_t *>(value), header.numSessions, header.numPorts,
                   entrySize};
@@ -252,31 +249,31 @@ int32_t CheckTable(const void *value, uint32_t valueLen, uint32_t entrySize, Tab
           memchr(s.name, '\0', sizeof s.name) == nullptr) {
          // The key names the session's instance in the store.
          CONFIGSTORE_FAIL("Mirror session %u: key empty, or key or name not terminated\n", i);
-         return kBadParam;
+         return kConverterBadValue;
       }
       if (s.sessionType >= kSessionTypeCount ||
           s.encapType >= static_cast<uint32_t>(VSPAN_ENCAP_TYPE_NUM)) {
          CONFIGSTORE_FAIL("Mirror session %s: bad session type %u or encap type %u\n", s.key,
                           s.sessionType, s.encapType);
-         return kBadParam;
+         return kConverterBadValue;
       }
       if (!CheckSide(*t, i, kDestination, DestinationRule(s.sessionType), next, s.numDestPorts)) {
-         return kBadParam;
+         return kConverterBadValue;
       }
       next += s.numDestPorts;
       if (!CheckSide(*t, i, kRecvSource, SourceRule(s.sessionType), next, s.numRecvPorts)) {
-         return kBadParam;
+         return kConverterBadValue;
       }
       next += s.numRecvPorts;
       if (!CheckSide(*t, i, kTransmitSource, SourceRule(s.sessionType), next, s.numTransmitPorts)) {
-         return kBadParam;
+         return kConverterBadValue;
       }
       next += s.numTransmitPorts;
       // Two sessions of one key would share one store instance.
       for (uint32_t j = 0; j < i; j++) {
          if (strcmp(t->Session(j).key, s.key) == 0) {
             CONFIGSTORE_FAIL("Mirror session %u: key %s used twice\n", i, s.key);
-            return kBadParam;
+            return kConverterBadValue;
          }
       }
    }
@@ -571,7 +568,7 @@ int32_t ReadEnumText(cs::Object *inst, const char *key, const char *const *table
    if (rc != cs::kSuccess) {
       return rc == cs::kNotFound ? cs::kSuccess : rc;
    }
-   rc = kOwnFailure;
+   rc = kConverterFailure;
    for (uint32_t i = 0; i < count && table[i] != nullptr; i++) {
       if (strcmp(text, table[i]) == 0) {
          *index = i;
@@ -689,7 +686,7 @@ int32_t PutPorts(uint8_t *ports, uint32_t entrySize, const StringList &list, uin
       if (len >= width) {
          CONFIGSTORE_FAIL("Mirror session %s: port %s longer than %u characters\n", sessionKey,
                           list.items[i], width - 1);
-         return kBadParam;
+         return kConverterBadValue;
       }
       uint8_t *entry = ports + size_t{*next} * entrySize;
       memcpy(entry, &kind, sizeof kind);
@@ -742,7 +739,7 @@ int32_t LoadSessions(cs::Object **insts, uint32_t n, uint32_t entrySize, DVSData
    auto *ports = static_cast<SessionPorts *>(calloc(n, sizeof(SessionPorts)));
    if (ports == nullptr) {
       CONFIGSTORE_FAIL("Failed to alloc memory for DVMirrorSessionTable\n");
-      return kOwnFailure;
+      return kConverterFailure;
    }
    int32_t rc = cs::kSuccess;
    uint64_t numPorts = 0;
@@ -757,7 +754,7 @@ int32_t LoadSessions(cs::Object **insts, uint32_t n, uint32_t entrySize, DVSData
       buf = len <= UINT32_MAX ? static_cast<uint8_t *>(calloc(1, len)) : nullptr;
       if (buf == nullptr) {
          CONFIGSTORE_FAIL("Failed to alloc memory for DVMirrorSessionTable\n");
-         rc = kOwnFailure;
+         rc = kConverterFailure;
       }
    }
    if (rc == cs::kSuccess) {

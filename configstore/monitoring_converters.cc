@@ -21,9 +21,6 @@ namespace cs = ::configstore;
 
 namespace {
 
-// A damaged or out-of-range property value.
-constexpr int32_t kBadValue = static_cast<int32_t>(STATUS_BAD_PARAM);
-
 #pragma pack(push, 1)
 struct IpfixConfig {
    uint32_t idleFlowTimeout;
@@ -120,7 +117,7 @@ int32_t SaveIpfix(cs::Object *obj, const char *key, const void *value, uint32_t 
                   const ConvertContext &ctx) {
    IpfixConfig cfg;
    if (!ReadValue(value, valueLen, ctx, key, &cfg)) {
-      return kBadValue;
+      return kConverterBadValue;
    }
    cs::Object *ipfix = nullptr;
    int32_t rc = GetOrCreateSubObject(true, obj, key, nullptr, &ipfix);
@@ -197,12 +194,12 @@ int32_t SaveLinkDiscovery(cs::Object *obj, const char *key, const void *value, u
                           const ConvertContext &ctx) {
    LinkDiscoveryConfig cfg;
    if (!ReadValue(value, valueLen, ctx, key, &cfg)) {
-      return kBadValue;
+      return kConverterBadValue;
    }
    if (cfg.protocol >= kCdpModeCount || cfg.operation >= kCdpOperationCount) {
       CONFIGSTORE_FAIL("Bad link discovery setting, protocol: %u, operation: %u\n",
                        static_cast<unsigned>(cfg.protocol), static_cast<unsigned>(cfg.operation));
-      return kBadValue;
+      return kConverterBadValue;
    }
    cs::Object *ldp = nullptr;
    if (GetOrCreateSubObject(true, obj, key, nullptr, &ldp) != cs::kSuccess || ldp == nullptr) {
@@ -256,7 +253,7 @@ int32_t SaveHealthCheck(cs::Object *obj, const char *key, const void *value, uin
    }
    HealthCheckDeploy cfg;
    if (!ReadValue(value, valueLen, ctx, key, &cfg)) {
-      return kBadValue;
+      return kConverterBadValue;
    }
    cs::Object *check = nullptr;
    int32_t rc = GetOrCreateSubObject(true, obj, key, instance, &check);

@@ -19,8 +19,6 @@ namespace cs = ::configstore;
 
 namespace {
 
-constexpr int32_t kOwnFailure = -1;
-
 // The collection of each property class inside "data".
 const char *CollectionOf(uint32_t propClass) {
    switch (propClass) {
@@ -63,7 +61,7 @@ int32_t DecodeInstance(cs::Object *inst, Decoded *item) {
          printf("Opaque data name too long: %s\n", name);
       }
       free(name);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    char *text = nullptr;
    rc = cs::GetValueStr(inst, "value", &text);
@@ -87,7 +85,7 @@ int32_t DecodeInstance(cs::Object *inst, Decoded *item) {
          }
       }
       free(name);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    item->name = name;
    return cs::kSuccess;
@@ -104,14 +102,14 @@ int32_t SaveOpaqueData(cs::Object *obj, const char *key, const void *value, uint
          printf("Cannot save opaque data for prop: %s of class %u\n",
                 ctx.propName != nullptr ? ctx.propName : "(null)", ctx.propClass);
       }
-      return kOwnFailure;
+      return kConverterFailure;
    }
    char *text = Base64Encode(value, valueLen);
    if (text == nullptr) {
       if (dvsconfigstore_debug >= 0) {
          printf("Failed to alloc memory for opaque data of prop: %s\n", ctx.propName);
       }
-      return kOwnFailure;
+      return kConverterFailure;
    }
    cs::Object *data = nullptr;
    cs::Object *inst = nullptr;
@@ -138,7 +136,7 @@ int32_t LoadOpaqueData(cs::Object *obj, const char *key, DVSDataHandle props, co
       if (dvsconfigstore_debug >= 0) {
          printf("Cannot load opaque data of class %u\n", ctx.propClass);
       }
-      return kOwnFailure;
+      return kConverterFailure;
    }
    cs::Object *data = nullptr;
    int32_t rc = cs::GetSubObject(obj, key, "", &data);
@@ -164,7 +162,7 @@ int32_t LoadOpaqueData(cs::Object *obj, const char *key, DVSDataHandle props, co
          puts("Failed to alloc memory for opaque data");
       }
       free(insts);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    for (uint32_t i = 0; i < count && rc == cs::kSuccess; i++) {
       rc = DecodeInstance(insts[i], &items[i]);
@@ -179,7 +177,7 @@ int32_t LoadOpaqueData(cs::Object *obj, const char *key, DVSDataHandle props, co
          if (dvsconfigstore_debug >= 0) {
             printf("Failed to add opaque data for prop: %s\n", items[i].name);
          }
-         rc = kOwnFailure;
+         rc = kConverterFailure;
       }
    }
    FreeDecoded(items, count);

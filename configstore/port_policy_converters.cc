@@ -20,9 +20,6 @@ namespace cs = ::configstore;
 
 namespace {
 
-// A damaged or out-of-range property value.
-constexpr int32_t kBadValue = static_cast<int32_t>(STATUS_BAD_PARAM);
-
 #pragma pack(push, 1)
 struct PortVlanPolicy {
    uint16_t flags;
@@ -145,13 +142,13 @@ int32_t SaveVlan(cs::Object *obj, const char *key, const void *value, uint32_t v
                  const ConvertContext &ctx, bool checkIdWrite) {
    PortVlanPolicy hdr;
    if (ValueTooShort(value, valueLen, sizeof hdr, ctx, key)) {
-      return kBadValue;
+      return kConverterBadValue;
    }
    memcpy(&hdr, value, sizeof hdr);
    const bool trunk = (hdr.flags & kVlanTrunk) != 0;
    const size_t need = sizeof hdr + (trunk ? size_t{hdr.rangeCount} * sizeof(VlanRange) : 0);
    if (ValueTooShort(value, valueLen, need, ctx, key)) {
-      return kBadValue;
+      return kConverterBadValue;
    }
    cs::Object *vlan = nullptr;
    int32_t rc = GetOrCreateSubObject(true, obj, key, nullptr, &vlan);
@@ -233,7 +230,7 @@ int32_t LoadVlan(cs::Object *obj, const char *key, DVSDataHandle props, const ch
    }
    if (count > kMaxRanges) {
       CONFIGSTORE_FAIL("Too many trunk ranges for prop: %s, count: %u\n", propName, count);
-      rc = kBadValue;
+      rc = kConverterBadValue;
    } else {
       const uint32_t len =
          static_cast<uint32_t>(sizeof(PortVlanPolicy) + size_t{count} * sizeof(VlanRange));
@@ -292,7 +289,7 @@ int32_t SaveShaping(cs::Object *obj, const char *key, const void *value, uint32_
                     const ConvertContext &ctx) {
    PortShapingPolicy policy;
    if (ValueTooShort(value, valueLen, sizeof policy, ctx, key)) {
-      return kBadValue;
+      return kConverterBadValue;
    }
    memcpy(&policy, value, sizeof policy);
    const uint64_t fields[] = {policy.averageBandwidth, policy.peakBandwidth, policy.burstSize};
@@ -303,7 +300,7 @@ int32_t SaveShaping(cs::Object *obj, const char *key, const void *value, uint32_
          CONFIGSTORE_FAIL("Shaping value too large for prop: %s, value: %llu\n",
                           ctx.propName != nullptr ? ctx.propName : "",
                           static_cast<unsigned long long>(f));
-         return kBadValue;
+         return kConverterBadValue;
       }
    }
    cs::Object *shaping = nullptr;
@@ -345,7 +342,7 @@ int32_t LoadShaping(cs::Object *obj, const char *key, DVSDataHandle props, const
       if (stored < 0) {
          CONFIGSTORE_FAIL("Bad %s of prop: %s, value: %lld\n", keys[i], propName,
                           static_cast<long long>(stored));
-         return kBadValue;
+         return kConverterBadValue;
       }
       fields[i] = static_cast<uint64_t>(stored / kShapingScale);
    }
@@ -361,7 +358,7 @@ int32_t SaveSecurity(cs::Object *obj, const char *key, const void *value, uint32
                      const ConvertContext &ctx) {
    uint32_t bits;
    if (ValueTooShort(value, valueLen, sizeof bits, ctx, key)) {
-      return kBadValue;
+      return kConverterBadValue;
    }
    memcpy(&bits, value, sizeof bits);
    cs::Object *policy = nullptr;

@@ -19,8 +19,6 @@ namespace cs = ::configstore;
 
 namespace {
 
-constexpr int32_t kOwnFailure = -1;
-
 constexpr const char *kEtherPvlanProp = "com.ostrel.etherswitch.pvlanMap";
 constexpr const char *kVswitchPvlanProp = "com.ostrel.vswitch.pvlanMap";
 
@@ -98,7 +96,7 @@ int32_t LoadEntry(cs::Object *inst, PvlanMapEntry *entry) {
       rc = cs::GetValueStr(inst, "type", &text);
    }
    if (rc == cs::kSuccess && PvlanTypeFromString(text, &type) == 0) {
-      rc = kOwnFailure;
+      rc = kConverterFailure;
    }
    free(text);
    memset(entry, 0, sizeof *entry);
@@ -111,7 +109,7 @@ int32_t LoadEntry(cs::Object *inst, PvlanMapEntry *entry) {
 // The class name of the switch, from its "product" sub-object.
 int32_t ReadClassName(cs::Object *switchObj, char **className) {
    if (switchObj == nullptr) {
-      return kOwnFailure;
+      return kConverterFailure;
    }
    cs::Object *product = nullptr;
    const int32_t rc = cs::GetSubObject(switchObj, "product", "", &product);
@@ -140,7 +138,7 @@ int32_t SavePvlanMap(cs::Object *obj, const char *key, const void *value, uint32
    const uint32_t count = valueLen / sizeof(PvlanMapEntry);
    if (count > 0 && value == nullptr) {
       CONFIGSTORE_FAIL("No value for private VLAN map of %u bytes\n", valueLen);
-      return static_cast<int32_t>(STATUS_BAD_PARAM);
+      return kConverterBadValue;
    }
    // Every entry is checked before the store is touched: a type without a
    // text would leave a half-written list.
@@ -151,7 +149,7 @@ int32_t SavePvlanMap(cs::Object *obj, const char *key, const void *value, uint32
                           static_cast<unsigned>(entry.pvlanType), i,
                           static_cast<unsigned>(entry.primaryId),
                           static_cast<unsigned>(entry.secondaryId));
-         return static_cast<int32_t>(STATUS_BAD_PARAM);
+         return kConverterBadValue;
       }
    }
    int32_t rc = DeleteInstances(obj, key);
@@ -200,7 +198,7 @@ int32_t LoadPvlanMap(cs::Object *obj, const char *key, DVSDataHandle props, cons
                                            : "Failed to alloc memory for ESPvlanMapEntry");
       free(entries);
       free(insts);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    for (uint32_t i = 0; i < count && rc == cs::kSuccess; i++) {
       rc = LoadEntry(insts[i], &entries[i]);

@@ -20,7 +20,6 @@ namespace cs = ::configstore;
 
 namespace {
 
-constexpr int32_t kOwnFailure = -1;
 constexpr uint32_t kPoolKeyMax = 128;
 
 // One pool record of the property, in host byte order.
@@ -154,7 +153,7 @@ int32_t Need(int32_t rc, const char *what, const char *pool) {
       if (dvsconfigstore_debug >= 0) {
          printf("Resource pool config: missing %s of pool %s\n", what, pool);
       }
-      return kOwnFailure;
+      return kConverterFailure;
    }
    return rc;
 }
@@ -169,7 +168,7 @@ int32_t LoadPool(cs::Object *inst, PoolRecord *rec) {
    if (strlen(id) >= kPoolKeyMax || id[0] == '\0') {
       Fail("bad pool key ", id);
       free(id);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    memset(rec, 0, sizeof *rec);
    memcpy(rec->key, id, strlen(id));
@@ -203,7 +202,7 @@ int32_t LoadPool(cs::Object *inst, PoolRecord *rec) {
          if (dvsconfigstore_debug >= 0) {
             printf("Resource pool config: unknown share level %s of pool %s\n", level, id);
          }
-         rc = kOwnFailure;
+         rc = kConverterFailure;
       }
    }
    free(level);
@@ -217,7 +216,7 @@ int32_t SaveResPoolConfig(cs::Object *obj, const char *key, const void *value, u
                           const ConvertContext &) {
    uint32_t count = 0;
    if (!ValidatePools(value, valueLen, &count)) {
-      return kOwnFailure;
+      return kConverterFailure;
    }
    // Whatever an earlier save left under the key goes first, so that the
    // pools of two saves never mix.
@@ -272,27 +271,27 @@ int32_t LoadResPoolConfig(cs::Object *obj, const char *key, DVSDataHandle props,
       cs::DestroyStringArrayValue(names, n);
       if (n != 0) {
          Fail("unexpected list value ", key);
-         return kOwnFailure;
+         return kConverterFailure;
       }
       uint32_t zero = 0;
       if (DVSData_Update(props, propName, &zero, sizeof zero, static_cast<uint32_t>(propFlag)) !=
           STATUS_OK) {
          Fail("failed to add property ", propName);
-         return kOwnFailure;
+         return kConverterFailure;
       }
       return cs::kSuccess;
    }
    if (count > (UINT32_MAX - kCountSize) / sizeof(PoolRecord)) {
       Fail("too many pools", "");
       free(insts);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    const uint32_t len = kCountSize + count * static_cast<uint32_t>(sizeof(PoolRecord));
    auto *buf = static_cast<uint8_t *>(malloc(len));
    if (buf == nullptr) {
       Fail("failed to alloc memory", "");
       free(insts);
-      return kOwnFailure;
+      return kConverterFailure;
    }
    memcpy(buf, &count, sizeof count);
    for (uint32_t i = 0; i < count && rc == cs::kSuccess; i++) {
@@ -306,7 +305,7 @@ int32_t LoadResPoolConfig(cs::Object *obj, const char *key, DVSDataHandle props,
    if (rc == cs::kSuccess &&
        DVSData_Update(props, propName, buf, len, static_cast<uint32_t>(propFlag)) != STATUS_OK) {
       Fail("failed to add property ", propName);
-      rc = kOwnFailure;
+      rc = kConverterFailure;
    }
    free(buf);
    return rc;

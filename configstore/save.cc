@@ -128,9 +128,7 @@ bool SaveSwitchToConfigStore(DVSwitch *dvs, void *arg) {
 
    int64_t start = MonotonicMs();
    cs::Object *obj = nullptr;
-   if (GetOrCreateSwitchObject(ctx->store, DVS_SwitchId(dvs), &obj) != cs::kSuccess) {
-      CONFIGSTORE_FAIL("Get/Create dvs_switch:%s failed\n", DVS_SwitchId(dvs));
-      ctx->status = kConfigStoreOwnFailure;
+   if (!OpenSwitchObject(ctx, dvs, &obj)) {
       return true;
    }
 
@@ -158,13 +156,7 @@ bool SaveSwitchToConfigStore(DVSwitch *dvs, void *arg) {
    // On any failure nothing of this switch was written: Set is the only
    // call that reaches the database, and the caller cancels the run.
    gSwitchObject = nullptr;
-   cs::DestroyConfigStoreObject(obj);
-   ctx->status = rc;
-   if (rc != cs::kSuccess) {
-      CONFIGSTORE_FAIL("Failed to save dvs: %s to configstore\n", DVS_SwitchId(dvs));
-      return true;
-   }
-   return false;
+   return FinishSwitchSave(ctx, dvs, obj, rc);
 }
 
 }  // namespace dvs::configstore

@@ -16,8 +16,6 @@ namespace cs = ::configstore;
 
 namespace {
 
-constexpr int32_t kOwnFailure = -1;
-
 // Record sizes of the counted name arrays, and the name field of a
 // resource pool key record.
 constexpr uint32_t kResPoolKeyRecord = 200;
@@ -49,7 +47,7 @@ bool ValueIs(const void *value, uint32_t valueLen, const char *text) {
 int32_t Update(DVSDataHandle props, const char *propName, const void *data, uint32_t len,
                uint64_t propFlag) {
    ReturnStatus st = DVSData_Update(props, propName, data, len, static_cast<uint32_t>(propFlag));
-   return st == STATUS_OK ? cs::kSuccess : kOwnFailure;
+   return st == STATUS_OK ? cs::kSuccess : kConverterFailure;
 }
 
 // Absent values are not failures on load.
@@ -90,7 +88,7 @@ int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint3
       if (dvsconfigstore_debug >= 0) {
          printf("Bad name array for key: %s, count: %u, length: %u\n", key, count, valueLen);
       }
-      return kOwnFailure;
+      return kConverterFailure;
    }
    if (count == 0 && !emptyWhenZero) {
       return cs::kSuccess;
@@ -166,14 +164,14 @@ int32_t LoadNumber(cs::Object *obj, const char *key, DVSDataHandle props, const 
 
 int32_t SetValueText(cs::Object *obj, const char *key, const void *value, uint32_t valueLen) {
    if (value == nullptr) {
-      return kOwnFailure;
+      return kConverterFailure;
    }
    if (memchr(value, '\0', valueLen) != nullptr) {
       return cs::SetValueStr(obj, key, static_cast<const char *>(value));
    }
    char *text = static_cast<char *>(malloc(size_t{valueLen} + 1));
    if (text == nullptr) {
-      return kOwnFailure;
+      return kConverterFailure;
    }
    memcpy(text, value, valueLen);
    text[valueLen] = '\0';
@@ -253,7 +251,7 @@ int32_t SaveIpv4Address(cs::Object *obj, const char *key, const void *value, uin
       if (dvsconfigstore_debug >= 0) {
          printf("Failed to parse integer to Ipv4Address: %u\n", v);
       }
-      return kOwnFailure;
+      return kConverterFailure;
    }
    return cs::SetValueStr(obj, key, text);
 }
@@ -269,7 +267,7 @@ int32_t LoadIpv4Address(cs::Object *obj, const char *key, DVSDataHandle props, c
    if (inet_pton(AF_INET, s, &addr) == 1) {
       rc = Update(props, propName, &addr, sizeof addr, propFlag);
    } else {
-      rc = kOwnFailure;
+      rc = kConverterFailure;
    }
    free(s);
    return rc;
@@ -318,7 +316,7 @@ int32_t LoadUplinkKeyList(cs::Object *obj, const char *key, DVSDataHandle props,
       if (dvsconfigstore_debug >= 0) {
          puts("Failed to alloc memory for DVSUplinkPortIds");
       }
-      return kOwnFailure;
+      return kConverterFailure;
    }
    if (rc != cs::kSuccess || buf == nullptr) {
       return rc;
@@ -341,7 +339,7 @@ int32_t SaveSwitchVersion(cs::Object *obj, const char *key, const void *value, u
       // text of a null pointer, spelt out here rather than passed as null.
       printf("Unknow version : %s\n", "(null)");
    }
-   return kOwnFailure;
+   return kConverterFailure;
 }
 
 int32_t ReadSwitchVersion(cs::Object *switchObj, uint32_t *version) {
@@ -368,7 +366,7 @@ int32_t ReadSwitchVersion(cs::Object *switchObj, uint32_t *version) {
          puts("Unabled to get zlt_enabled");
       }
    }
-   rc = kOwnFailure;
+   rc = kConverterFailure;
    for (const VersionText &ver : kVersions) {
       if (strcmp(text, ver.text) == 0) {
          *version = zlt ? ver.zltNumber : ver.number;
@@ -409,7 +407,7 @@ int32_t LoadUplinkNameList(cs::Object *obj, const char *key, DVSDataHandle props
       if (dvsconfigstore_debug >= 0) {
          puts("Failed to alloc memory for DVSUplinkPorts");
       }
-      return kOwnFailure;
+      return kConverterFailure;
    }
    if (rc != cs::kSuccess || buf == nullptr) {
       return rc;

@@ -41,6 +41,25 @@ int32_t GetOrCreateSwitchObject(cs::Store *store, const char *swId, cs::Object *
    return cs::CreateObject(kSwitchGroup, kSwitchObject, kSwitchComponent, swId, "{}", out);
 }
 
+bool OpenSwitchObject(ConfigSaveCtx *ctx, DVSwitch *dvs, cs::Object **obj) {
+   if (GetOrCreateSwitchObject(ctx->store, DVS_SwitchId(dvs), obj) == cs::kSuccess) {
+      return true;
+   }
+   CONFIGSTORE_FAIL("Get/Create dvs_switch:%s failed\n", DVS_SwitchId(dvs));
+   ctx->status = kConfigStoreOwnFailure;
+   return false;
+}
+
+bool FinishSwitchSave(ConfigSaveCtx *ctx, DVSwitch *dvs, cs::Object *obj, int32_t rc) {
+   cs::DestroyConfigStoreObject(obj);
+   ctx->status = rc;
+   if (rc != cs::kSuccess) {
+      CONFIGSTORE_FAIL("Failed to save dvs: %s to configstore\n", DVS_SwitchId(dvs));
+      return true;
+   }
+   return false;
+}
+
 void WriteSwitchIdentity(cs::Object *obj, DVSwitch *dvs, int32_t messageLevel) {
    // The display name: the alias, or the id of a switch that has none.
    const char *name = DVSState_GlobalPropIsSet(dvs, DVS_PROP_SWITCH_ALIAS) ? DVS_SwitchName(dvs)

@@ -133,7 +133,7 @@ int32_t SaveTeaming(cs::Object *parent, const char *key, const void *value, uint
    }
    UplinkTeamingPolicy policy;
    if (!ReadPolicyValue(value, valueLen, key, &policy)) {
-      return static_cast<int32_t>(STATUS_BAD_PARAM);
+      return kConverterBadValue;
    }
 
    cs::Object *obj = nullptr;

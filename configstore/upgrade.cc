@@ -35,9 +35,7 @@ void FreeFileBuffer(void *buf, uint32_t alignOffset) {
 bool SaveSwitchIdentityToConfigStore(DVSwitch *dvs, void *arg) {
    auto *ctx = static_cast<ConfigSaveCtx *>(arg);
    cs::Object *obj = nullptr;
-   if (GetOrCreateSwitchObject(ctx->store, DVS_SwitchId(dvs), &obj) != cs::kSuccess) {
-      CONFIGSTORE_FAIL("Get/Create dvs_switch:%s failed\n", DVS_SwitchId(dvs));
-      ctx->status = kConfigStoreOwnFailure;
+   if (!OpenSwitchObject(ctx, dvs, &obj)) {
       return true;
    }
    WriteSwitchIdentity(obj, dvs, 0);
@@ -47,19 +45,10 @@ bool SaveSwitchIdentityToConfigStore(DVSwitch *dvs, void *arg) {
    if (DVSState_HostPropLookup(DVS_SwitchId(dvs), "com.ostrel.common.host.portset", &portset) !=
           STATUS_OK ||
        portset == nullptr) {
-      cs::DestroyConfigStoreObject(obj);
-      ctx->status = cs::kSuccess;
-      return false;
+      return FinishSwitchSave(ctx, dvs, obj, cs::kSuccess);
    }
    SetValueText(obj, "portset_name", portset->data, portset->dataLen);
-   const int32_t rc = cs::Set(ctx->store, obj, cs::kSourceExternal);
-   cs::DestroyConfigStoreObject(obj);
-   ctx->status = rc;
-   if (rc != cs::kSuccess) {
-      CONFIGSTORE_FAIL("Failed to save dvs: %s to configstore\n", DVS_SwitchId(dvs));
-      return true;
-   }
-   return false;
+   return FinishSwitchSave(ctx, dvs, obj, cs::Set(ctx->store, obj, cs::kSourceExternal));
 }
 
 }  // namespace dvs::configstore

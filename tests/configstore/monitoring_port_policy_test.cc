@@ -18,6 +18,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "tests/configstore/store_test_support.h"
 
 namespace {
 
@@ -52,34 +53,23 @@ Bytes Ipfix(const char *addr, bool v6) {
    return p.b;
 }
 
-class MonitoringPortPolicy : public ::testing::Test {
+class MonitoringPortPolicy : public storetest::StoreObjectTest {
   protected:
    void SetUp() override {
-      strcpy(dir_, "/tmp/monpolXXXXXX");
-      ASSERT_NE(mkdtemp(dir_), nullptr);
-      path_ = std::string(dir_) + "/store.db";
-      setenv(cs::kPathEnv, path_.c_str(), 1);
-      ASSERT_EQ(cs::GetStore(0, &store_), 0);
-      ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", "sw1", "{}", &sw_), 0);
-      ASSERT_EQ(cs::CreateSubObject(sw_, "ports", "p1", &port_), 0);
+      StoreObjectTest::SetUp();
+      ASSERT_EQ(cs::CreateSubObject(obj_, "ports", "p1", &port_), 0);
       gSwitchClassKind = kClassKindOther;
    }
    void TearDown() override {
-      cs::DestroyConfigStoreObject(sw_);
-      cs::DestroyStore(store_);
-      unlink(path_.c_str());
-      rmdir(dir_);
+      StoreObjectTest::TearDown();
       gSwitchClassKind = kClassKindOther;
    }
    // Writes the switch and reads it back from the file.
    void Reopen() {
-      ASSERT_EQ(cs::Set(store_, sw_, cs::kSourceExternal), 0);
-      cs::DestroyConfigStoreObject(sw_);
-      sw_ = nullptr;
-      ASSERT_EQ(cs::Get(store_, "switches", "network_tds", "node", "sw1", &sw_), 0);
-      ASSERT_EQ(cs::GetSubObject(sw_, "ports", "p1", &port_), 0);
+      StoreObjectTest::Reopen();
+      ASSERT_EQ(cs::GetSubObject(obj_, "ports", "p1", &port_), 0);
    }
-   cs::Object *Src(uint32_t cls) const { return cls == PROP_CLASS_PORT ? port_ : sw_; }
+   cs::Object *Src(uint32_t cls) const { return cls == PROP_CLASS_PORT ? port_ : obj_; }
    int32_t Save(uint32_t cls, const char *name, const Bytes &v) {
       return SaveConfigProp(Src(cls), name, v.data(), static_cast<uint32_t>(v.size()), cls, 0x10);
    }
@@ -128,10 +118,6 @@ class MonitoringPortPolicy : public ::testing::Test {
       EXPECT_EQ(cs::GetValueBool(o, key, &v), 0) << key;
       return v;
    }
-   char dir_[32];
-   std::string path_;
-   cs::Store *store_ = nullptr;
-   cs::Object *sw_ = nullptr;
    cs::Object *port_ = nullptr;
 };
 
@@ -146,7 +132,7 @@ TEST_F(MonitoringPortPolicy, IpfixKeepsBothAddressFamilies) {
    EXPECT_EQ(Save(PROP_CLASS_GLOBAL, kIpfix, Bytes(v4.begin(), v4.end() - 1)), kBadParam);
    ASSERT_EQ(Save(PROP_CLASS_GLOBAL, kIpfix, v4), 0);
    Reopen();
-   cs::Object *ipfix = Sub(Sub(sw_, "settings"), "ipfix");
+   cs::Object *ipfix = Sub(Sub(obj_, "settings"), "ipfix");
    EXPECT_EQ(Str(ipfix, "collector_address"), "10.1.2.3");
    EXPECT_EQ(Long(ipfix, "idle_flow_timeout"), 15);
    EXPECT_EQ(Long(ipfix, "active_flow_timeout"), 60);
@@ -159,7 +145,7 @@ TEST_F(MonitoringPortPolicy, IpfixKeepsBothAddressFamilies) {
    const Bytes v6 = Ipfix("2001:db8::a:1", true);
    ASSERT_EQ(Save(PROP_CLASS_GLOBAL, kIpfix, v6), 0);
    Reopen();
-   ipfix = Sub(Sub(sw_, "settings"), "ipfix");
+   ipfix = Sub(Sub(obj_, "settings"), "ipfix");
    EXPECT_EQ(Str(ipfix, "collector_address"), "2001:0db8:0000:0000:0000:0000:000a:0001");
    EXPECT_EQ(Load(PROP_CLASS_GLOBAL, kIpfix), v6);
    // Short forms load too; a text of neither family leaves the address 0.
@@ -181,7 +167,7 @@ TEST_F(MonitoringPortPolicy, LinkDiscoveryTextsAndUnknowns) {
    EXPECT_EQ(Save(PROP_CLASS_GLOBAL, kCdp, Bytes{1}), kBadParam);
    ASSERT_EQ(Save(PROP_CLASS_GLOBAL, kCdp, Bytes{1, 3}), 0);
    Reopen();
-   cs::Object *ldp = Sub(Sub(sw_, "settings"), "link_discovery_protocol");
+   cs::Object *ldp = Sub(Sub(obj_, "settings"), "link_discovery_protocol");
    EXPECT_EQ(Str(ldp, "protocol"), "LLDP");
    EXPECT_EQ(Str(ldp, "operation"), "BOTH");
    EXPECT_EQ(Load(PROP_CLASS_GLOBAL, kCdp), (Bytes{1, 3}));
@@ -199,10 +185,10 @@ TEST_F(MonitoringPortPolicy, HealthChecksShareOneKeyByInstance) {
    ASSERT_EQ(Save(PROP_CLASS_GLOBAL, kVlanMtu, mtu), 0);
    ASSERT_EQ(Save(PROP_CLASS_GLOBAL, kTeam, team), 0);
    Reopen();
-   cs::Object *vm = Sub(sw_, "health_checks", "VLAN_MTU");
+   cs::Object *vm = Sub(obj_, "health_checks", "VLAN_MTU");
    EXPECT_TRUE(Bool(vm, "enable"));
    EXPECT_EQ(Long(vm, "interval"), 60);
-   EXPECT_FALSE(Bool(Sub(sw_, "health_checks", "TEAMING"), "enable"));
+   EXPECT_FALSE(Bool(Sub(obj_, "health_checks", "TEAMING"), "enable"));
    // Both rows walk to the same key and each rebuilds its own property;
    // the load reads "enabled", which the save never writes.
    const std::map<std::string, Bytes> both = {
@@ -211,9 +197,10 @@ TEST_F(MonitoringPortPolicy, HealthChecksShareOneKeyByInstance) {
    ASSERT_EQ(cs::SetValueBool(vm, "enabled", true), 0);
    EXPECT_EQ(Load(PROP_CLASS_GLOBAL, kVlanMtu), mtu);
    // Only the two health-check names have an instance.
-   ConvertContext ctx{PROP_CLASS_GLOBAL, "com.ostrel.common.other.deploy", sw_};
+   ConvertContext ctx{PROP_CLASS_GLOBAL, "com.ostrel.common.other.deploy", obj_};
    EXPECT_EQ(
-      GetPropConverter(PROP_CONV_HEALTH_CHECK)->save(sw_, "health_checks", mtu.data(), 5, ctx), -1);
+      GetPropConverter(PROP_CONV_HEALTH_CHECK)->save(obj_, "health_checks", mtu.data(), 5, ctx),
+      -1);
 }
 
 constexpr const char *kEsVlan = "com.ostrel.etherswitch.port.vlan";

@@ -17,6 +17,7 @@
 #include "configstore/base64.h"
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "tests/configstore/store_test_support.h"
 
 namespace {
 
@@ -75,29 +76,8 @@ Bytes Filters(const std::vector<Filter> &filters) {
    return b;
 }
 
-class OwnConverters : public ::testing::Test {
+class OwnConverters : public storetest::StoreObjectTest {
   protected:
-   void SetUp() override {
-      strcpy(dir_, "/tmp/ownconvXXXXXX");
-      ASSERT_NE(mkdtemp(dir_), nullptr);
-      path_ = std::string(dir_) + "/store.db";
-      setenv(cs::kPathEnv, path_.c_str(), 1);
-      ASSERT_EQ(cs::GetStore(0, &store_), 0);
-      ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", "sw1", "{}", &obj_), 0);
-   }
-   void TearDown() override {
-      cs::DestroyConfigStoreObject(obj_);
-      cs::DestroyStore(store_);
-      unlink(path_.c_str());
-      rmdir(dir_);
-   }
-   // Writes the object and reads it back from the file.
-   void Reopen() {
-      ASSERT_EQ(cs::Set(store_, obj_, cs::kSourceExternal), 0);
-      cs::DestroyConfigStoreObject(obj_);
-      obj_ = nullptr;
-      ASSERT_EQ(cs::Get(store_, "switches", "network_tds", "node", "sw1", &obj_), 0);
-   }
    cs::Object *Sub(const char *key) {
       cs::Object *o = nullptr;
       EXPECT_EQ(GetOrCreateSubObject(true, obj_, key, "", &o), 0);
@@ -123,10 +103,6 @@ class OwnConverters : public ::testing::Test {
       DVSData_Free(props);
       return rc;
    }
-   char dir_[32];
-   std::string path_;
-   cs::Store *store_ = nullptr;
-   cs::Object *obj_ = nullptr;
 };
 
 TEST(Base64, EncodesPaddedAndDecodesOnlyCanonicalText) {

@@ -15,6 +15,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "tests/configstore/store_test_support.h"
 
 namespace {
 
@@ -116,23 +117,12 @@ Bytes Address(bool v6, const char *text) {
    return raw;
 }
 
-class PvlanMirror : public ::testing::Test {
+class PvlanMirror : public storetest::StoreObjectTest {
   protected:
    void SetUp() override {
-      strcpy(dir_, "/tmp/pvmirXXXXXX");
-      ASSERT_NE(mkdtemp(dir_), nullptr);
-      path_ = std::string(dir_) + "/store.db";
-      setenv(cs::kPathEnv, path_.c_str(), 1);
-      ASSERT_EQ(cs::GetStore(0, &store_), 0);
-      ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", "sw1", "{}", &obj_), 0);
+      StoreObjectTest::SetUp();
       SetProduct("etherswitch");
       gSwitchVersion = 5;
-   }
-   void TearDown() override {
-      cs::DestroyConfigStoreObject(obj_);
-      cs::DestroyStore(store_);
-      unlink(path_.c_str());
-      rmdir(dir_);
    }
    void SetProduct(const char *cls) {
       cs::Object *product = nullptr;
@@ -140,34 +130,10 @@ class PvlanMirror : public ::testing::Test {
       ASSERT_EQ(cs::SetValueStr(product, "forwarding_class", cls), 0);
       ASSERT_EQ(cs::SetValueStr(product, "version", "6.5.0"), 0);
    }
-   void Reopen() {
-      ASSERT_EQ(cs::Set(store_, obj_, cs::kSourceExternal), 0);
-      cs::DestroyConfigStoreObject(obj_);
-      ASSERT_EQ(cs::Get(store_, "switches", "network_tds", "node", "sw1", &obj_), 0);
-   }
    static cs::Object *Sub(cs::Object *at, const char *key, const char *id = nullptr) {
       cs::Object *o = nullptr;
       EXPECT_EQ(cs::GetSubObject(at, key, id, &o), 0) << key;
       return o;
-   }
-   static std::vector<cs::Object *> Instances(cs::Object *at, const char *key) {
-      cs::FilterSpec *f = nullptr;
-      EXPECT_EQ(cs::CreateFilterSpecObject(key, "", "", "", &f), 0);
-      cs::Object **objs = nullptr;
-      uint32_t n = 0;
-      cs::GetSubObjectInstances(at, f, &objs, &n);
-      cs::DestroyFilterSpecObject(f);
-      std::vector<cs::Object *> v(objs, objs + n);
-      free(objs);
-      return v;
-   }
-   static std::string Str(cs::Object *o, const char *key) {
-      char *s = nullptr;
-      if (cs::GetValueStr(o, key, &s) != 0)
-         return "<absent>";
-      std::string r = s;
-      free(s);
-      return r;
    }
    static Strings List(cs::Object *o, const char *key) {
       char **v = nullptr;
@@ -203,10 +169,6 @@ class PvlanMirror : public ::testing::Test {
       DVSData_Free(dest);
       return rc;
    }
-   char dir_[32];
-   std::string path_;
-   cs::Store *store_ = nullptr;
-   cs::Object *obj_ = nullptr;
 };
 
 TEST_F(PvlanMirror, PvlanMapReplacesItsListAndLoadsUnderTheFittingName) {

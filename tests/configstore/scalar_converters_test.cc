@@ -17,6 +17,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "tests/configstore/store_test_support.h"
 
 namespace {
 
@@ -39,29 +40,8 @@ Bytes Names(uint32_t record, std::vector<std::string> names) {
    return b;
 }
 
-class ScalarConverters : public ::testing::Test {
+class ScalarConverters : public storetest::StoreObjectTest {
   protected:
-   void SetUp() override {
-      strcpy(dir_, "/tmp/scconvXXXXXX");
-      ASSERT_NE(mkdtemp(dir_), nullptr);
-      path_ = std::string(dir_) + "/store.db";
-      setenv(cs::kPathEnv, path_.c_str(), 1);
-      ASSERT_EQ(cs::GetStore(0, &store_), 0);
-      ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", "sw1", "{}", &obj_), 0);
-   }
-   void TearDown() override {
-      cs::DestroyConfigStoreObject(obj_);
-      cs::DestroyStore(store_);
-      unlink(path_.c_str());
-      rmdir(dir_);
-   }
-   // Writes the object and reads it back from the file.
-   void Reopen() {
-      ASSERT_EQ(cs::Set(store_, obj_, cs::kSourceExternal), 0);
-      cs::DestroyConfigStoreObject(obj_);
-      obj_ = nullptr;
-      ASSERT_EQ(cs::Get(store_, "switches", "network_tds", "node", "sw1", &obj_), 0);
-   }
    // The switch object is where every row's walk starts here.
    ConvertContext Ctx() const { return ConvertContext{PROP_CLASS_GLOBAL, "p", obj_, 0}; }
    int32_t Save(uint32_t type, const char *key, const Bytes &v) {
@@ -91,10 +71,6 @@ class ScalarConverters : public ::testing::Test {
       EXPECT_TRUE(present);
       return out;
    }
-   char dir_[32];
-   std::string path_;
-   cs::Store *store_ = nullptr;
-   cs::Object *obj_ = nullptr;
 };
 
 TEST_F(ScalarConverters, WalkFindsOrCreatesTheHoldingObject) {

@@ -15,6 +15,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "tests/configstore/store_test_support.h"
 
 namespace {
 
@@ -73,27 +74,11 @@ Bytes Groups(const std::vector<Group> &groups) {
    return b;
 }
 
-class TeamingLacp : public ::testing::Test {
+class TeamingLacp : public storetest::StoreObjectTest {
   protected:
    void SetUp() override {
-      strcpy(dir_, "/tmp/teamlacpXXXXXX");
-      ASSERT_NE(mkdtemp(dir_), nullptr);
-      path_ = std::string(dir_) + "/store.db";
-      setenv(cs::kPathEnv, path_.c_str(), 1);
-      ASSERT_EQ(cs::GetStore(0, &store_), 0);
-      ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", "sw1", "{}", &obj_), 0);
+      StoreObjectTest::SetUp();
       gSwitchClassKind = kClassKindOther;
-   }
-   void TearDown() override {
-      cs::DestroyConfigStoreObject(obj_);
-      cs::DestroyStore(store_);
-      unlink(path_.c_str());
-      rmdir(dir_);
-   }
-   void Reopen() {
-      ASSERT_EQ(cs::Set(store_, obj_, cs::kSourceExternal), 0);
-      cs::DestroyConfigStoreObject(obj_);
-      ASSERT_EQ(cs::Get(store_, "switches", "network_tds", "node", "sw1", &obj_), 0);
    }
    int32_t Save(const char *prop, uint32_t cls, const Bytes &v) {
       return SaveConfigProp(obj_, prop, v.data(), v.size(), cls, 0x10);
@@ -122,14 +107,6 @@ class TeamingLacp : public ::testing::Test {
       DVSData_Free(props);
       return rc;
    }
-   static std::string Str(cs::Object *o, const char *key) {
-      char *s = nullptr;
-      if (cs::GetValueStr(o, key, &s) != 0)
-         return "<absent>";
-      std::string r(s);
-      free(s);
-      return r;
-   }
    // The booleans keys of o as a string of 0 and 1 ('-' when unreadable).
    static std::string Bools(cs::Object *o, std::vector<const char *> keys) {
       std::string r;
@@ -139,10 +116,6 @@ class TeamingLacp : public ::testing::Test {
       }
       return r;
    }
-   char dir_[32];
-   std::string path_;
-   cs::Store *store_ = nullptr;
-   cs::Object *obj_ = nullptr;
    Bytes out_;
 };
 
