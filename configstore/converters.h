@@ -68,6 +68,21 @@ constexpr int32_t kConverterFailure = -1;
 // A damaged or out-of-range property value refused by a converter.
 constexpr int32_t kConverterBadValue = static_cast<int32_t>(STATUS_BAD_PARAM);
 
+// On load, a value the store does not have (not found) is no property and
+// no failure.
+inline int32_t AbsentIsSuccess(int32_t rc) {
+   return rc == ::configstore::kNotFound ? ::configstore::kSuccess : rc;
+}
+
+// Deletes every instance of the sub-object key of obj, so that a list is
+// written afresh; a key without instances is no failure.
+int32_t DeleteInstances(::configstore::Object *obj, const char *key);
+
+// Adds or replaces the rebuilt property (DVSData_Update); returns its
+// status unchanged.
+int32_t UpdateProp(DVSDataHandle props, const char *propName, const void *data, uint32_t len,
+                   uint64_t propFlag);
+
 // Index of text in a null-terminated enumeration table, after any null
 // entries at its head (numbers without a text); -1 when the closing null
 // comes first.  Exact, case-sensitive comparison.

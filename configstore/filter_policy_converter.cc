@@ -260,14 +260,8 @@ int32_t SaveFilterPolicy(cs::Object *obj, const char *key, const void *value, ui
       return rc;
    }
    // The filters of an earlier save go first, so that the two never mix.
-   cs::FilterSpec *filter = nullptr;
-   rc = cs::CreateFilterSpecObject(kFilters, nullptr, nullptr, nullptr, &filter);
+   rc = DeleteInstances(policy, kFilters);
    if (rc != cs::kSuccess) {
-      return rc;
-   }
-   rc = cs::DeleteSubObjectInstances(policy, filter);
-   cs::DestroyFilterSpecObject(filter);
-   if (rc != cs::kSuccess && rc != cs::kNotFound) {
       return rc;
    }
    rc = WalkPolicy(value, valueLen, policy);
@@ -282,7 +276,7 @@ int32_t LoadFilterPolicy(cs::Object *obj, const char *key, DVSDataHandle props,
    cs::Object *policy = nullptr;
    int32_t rc = cs::GetSubObject(obj, key, "", &policy);
    if (rc != cs::kSuccess) {
-      return rc == cs::kNotFound ? cs::kSuccess : rc;
+      return AbsentIsSuccess(rc);
    }
    cs::FilterSpec *filter = nullptr;
    rc = cs::CreateFilterSpecObject(kFilters, nullptr, nullptr, nullptr, &filter);

@@ -207,7 +207,7 @@ int32_t LoadLacpGroups(cs::Object *obj, const char *key, DVSDataHandle props, co
    cs::DestroyFilterSpecObject(filter);
    if (rc != cs::kSuccess) {
       free(groups);
-      return rc == cs::kNotFound ? cs::kSuccess : rc;
+      return AbsentIsSuccess(rc);
    }
    if (count < 1) {
       free(groups);

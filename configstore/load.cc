@@ -82,7 +82,7 @@ int32_t LoadPorts(cs::Object *obj, DVSDataHandle swList, uint32_t version) {
    }
    cs::DestroyFilterSpecObject(filter);
    cs::DestroyStringArrayValue(keys, keyCount);
-   return rc == cs::kNotFound ? cs::kSuccess : rc;
+   return AbsentIsSuccess(rc);
 }
 
 int32_t AppendFlagged(DVSDataHandle list, const char *name, const void *data, uint32_t len) {

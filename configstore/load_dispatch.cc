@@ -97,7 +97,7 @@ int32_t LoadPortResPools(cs::Object *resMgmt, uint32_t version, DVSDataHandle li
    ConvertContext ctx{PROP_CLASS_PORT, kPortResPoolsProp, resMgmt, version};
    const int32_t rc =
       converter->load(resMgmt, "traffic_resources", list, kPortResPoolsProp, kLoadedPropFlag, ctx);
-   return rc == cs::kNotFound ? cs::kSuccess : rc;
+   return AbsentIsSuccess(rc);
 }
 
 // Adds list, serialized with version, to dest under name.

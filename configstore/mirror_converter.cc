@@ -503,7 +503,7 @@ int32_t ReadSideList(cs::Object *inst, const char *side, const char *listKey, St
       out->items = nullptr;
       out->count = 0;
    }
-   return rc == cs::kNotFound ? cs::kSuccess : rc;
+   return AbsentIsSuccess(rc);
 }
 
 int32_t ReadSessionPorts(cs::Object *inst, SessionPorts *p) {
@@ -528,7 +528,7 @@ int32_t ReadOptional(cs::Object *obj, const char *key, T *v) {
    if (rc == cs::kSuccess) {
       *v = read;
    }
-   return rc == cs::kNotFound ? cs::kSuccess : rc;
+   return AbsentIsSuccess(rc);
 }
 
 // Reads the boolean key and, when it is false, adds bits to *flags.
@@ -566,7 +566,7 @@ int32_t ReadEnumText(cs::Object *inst, const char *key, const char *const *table
    char *text = nullptr;
    int32_t rc = cs::GetValueStr(inst, key, &text);
    if (rc != cs::kSuccess) {
-      return rc == cs::kNotFound ? cs::kSuccess : rc;
+      return AbsentIsSuccess(rc);
    }
    rc = kConverterFailure;
    for (uint32_t i = 0; i < count && table[i] != nullptr; i++) {

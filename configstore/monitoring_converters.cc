@@ -78,16 +78,6 @@ bool ReadValue(const void *value, uint32_t valueLen, const ConvertContext &ctx, 
    return true;
 }
 
-int32_t Absent(int32_t rc) {
-   return rc == cs::kNotFound ? cs::kSuccess : rc;
-}
-
-int32_t Update(DVSDataHandle props, const char *propName, const void *data, uint32_t len,
-               uint64_t propFlag) {
-   return static_cast<int32_t>(
-      DVSData_Update(props, propName, data, len, static_cast<uint32_t>(propFlag)));
-}
-
 // Position of text in a CDP text table, or the table's terminator when the
 // text is not there; the CHARS_2 table maps that position to the number.
 int32_t CdpNumber(const char *text, const char *const *texts, const int32_t *numbers,
@@ -153,7 +143,7 @@ int32_t LoadIpfix(cs::Object *obj, const char *key, DVSDataHandle props, const c
    cs::Object *ipfix = nullptr;
    int32_t rc = cs::GetSubObject(obj, key, nullptr, &ipfix);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    // Each field is read on its own; one the store does not have stays 0.
    // The record is packed, so the values are read into locals first.
@@ -187,7 +177,7 @@ int32_t LoadIpfix(cs::Object *obj, const char *key, DVSDataHandle props, const c
    cfg.samplingRate = sampling;
    cfg.internalFlowsOnly = internal ? 1 : 0;
    cfg.observationDomainId = domain;
-   return Update(props, propName, &cfg, sizeof cfg, propFlag);
+   return UpdateProp(props, propName, &cfg, sizeof cfg, propFlag);
 }
 
 int32_t SaveLinkDiscovery(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
@@ -217,7 +207,7 @@ int32_t LoadLinkDiscovery(cs::Object *obj, const char *key, DVSDataHandle props,
    cs::Object *ldp = nullptr;
    int32_t rc = cs::GetSubObject(obj, key, nullptr, &ldp);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    char *protocol = nullptr;
    char *operation = nullptr;
@@ -232,9 +222,9 @@ int32_t LoadLinkDiscovery(cs::Object *obj, const char *key, DVSDataHandle props,
          CdpNumber(protocol, CDP_MODE_2_CHARS, CHARS_2_CDP_MODE, kCdpModeCount));
       cfg.operation = static_cast<uint8_t>(
          CdpNumber(operation, CDP_OPERATION_2_CHARS, CHARS_2_CDP_OPERATION, kCdpOperationCount));
-      rc = Update(props, propName, &cfg, sizeof cfg, propFlag);
+      rc = UpdateProp(props, propName, &cfg, sizeof cfg, propFlag);
    } else {
-      rc = Absent(rc);
+      rc = AbsentIsSuccess(rc);
    }
    free(protocol);
    free(operation);
@@ -278,7 +268,7 @@ int32_t LoadHealthCheck(cs::Object *obj, const char *key, DVSDataHandle props, c
    cs::Object *check = nullptr;
    int32_t rc = cs::GetSubObject(obj, key, instance, &check);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    auto *cfg = static_cast<HealthCheckDeploy *>(calloc(1, sizeof(HealthCheckDeploy)));
    if (cfg == nullptr) {
@@ -291,7 +281,7 @@ int32_t LoadHealthCheck(cs::Object *obj, const char *key, DVSDataHandle props, c
    cs::GetValueUint32(check, "interval", &interval);
    cfg->enable = enabled ? 1 : 0;
    cfg->interval = interval;
-   rc = Update(props, propName, cfg, sizeof *cfg, propFlag);
+   rc = UpdateProp(props, propName, cfg, sizeof *cfg, propFlag);
    free(cfg);
    return rc;
 }

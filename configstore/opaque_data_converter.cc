@@ -67,7 +67,7 @@ int32_t DecodeInstance(cs::Object *inst, Decoded *item) {
    rc = cs::GetValueStr(inst, "value", &text);
    if (rc != cs::kSuccess) {
       free(name);
-      return rc == cs::kNotFound ? cs::kSuccess : rc;
+      return AbsentIsSuccess(rc);
    }
    Base64Status st = Base64Decode(text, &item->bytes, &item->len);
    free(text);
@@ -141,7 +141,7 @@ int32_t LoadOpaqueData(cs::Object *obj, const char *key, DVSDataHandle props, co
    cs::Object *data = nullptr;
    int32_t rc = cs::GetSubObject(obj, key, "", &data);
    if (rc != cs::kSuccess) {
-      return rc == cs::kNotFound ? cs::kSuccess : rc;
+      return AbsentIsSuccess(rc);
    }
    cs::FilterSpec *filter = nullptr;
    rc = cs::CreateFilterSpecObject(collection, nullptr, nullptr, nullptr, &filter);

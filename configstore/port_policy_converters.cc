@@ -84,16 +84,6 @@ bool ValueTooShort(const void *value, uint32_t valueLen, size_t need, const Conv
    return true;
 }
 
-int32_t Absent(int32_t rc) {
-   return rc == cs::kNotFound ? cs::kSuccess : rc;
-}
-
-int32_t Update(DVSDataHandle props, const char *propName, const void *data, uint32_t len,
-               uint64_t propFlag) {
-   return static_cast<int32_t>(
-      DVSData_Update(props, propName, data, len, static_cast<uint32_t>(propFlag)));
-}
-
 // Empties the VLAN object before it is written: its range list and any
 // ranges and ids an earlier save left, so that what is written is all the
 // object says.
@@ -102,18 +92,12 @@ int32_t ClearVlan(cs::Object *vlan) {
    if (rc != cs::kSuccess) {
       return rc;
    }
-   cs::FilterSpec *filter = nullptr;
-   rc = cs::CreateFilterSpecObject(kTrunkRanges, "", "", "", &filter);
-   if (rc != cs::kSuccess) {
-      return rc;
-   }
-   rc = Absent(cs::DeleteSubObjectInstances(vlan, filter));
-   cs::DestroyFilterSpecObject(filter);
+   rc = DeleteInstances(vlan, kTrunkRanges);
    if (rc == cs::kSuccess) {
-      rc = Absent(cs::RemoveValue(vlan, kVlanIdKey));
+      rc = AbsentIsSuccess(cs::RemoveValue(vlan, kVlanIdKey));
    }
    if (rc == cs::kSuccess) {
-      rc = Absent(cs::RemoveValue(vlan, kPvlanIdKey));
+      rc = AbsentIsSuccess(cs::RemoveValue(vlan, kPvlanIdKey));
    }
    return rc;
 }
@@ -244,7 +228,7 @@ int32_t LoadVlan(cs::Object *obj, const char *key, DVSDataHandle props, const ch
          }
       } else {
          FillVlan(vlan, insts, count, buf);
-         rc = Update(props, propName, buf, len, propFlag);
+         rc = UpdateProp(props, propName, buf, len, propFlag);
          free(buf);
       }
    }
@@ -329,7 +313,7 @@ int32_t LoadShaping(cs::Object *obj, const char *key, DVSDataHandle props, const
    cs::Object *shaping = nullptr;
    int32_t rc = cs::GetSubObject(obj, key, nullptr, &shaping);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    // "enabled" is not kept in the property: a policy in the store is on.
    const char *const keys[] = {"average_bandwidth", "peak_bandwidth", "burst_size"};
@@ -350,7 +334,7 @@ int32_t LoadShaping(cs::Object *obj, const char *key, DVSDataHandle props, const
    policy.averageBandwidth = fields[0];
    policy.peakBandwidth = fields[1];
    policy.burstSize = fields[2];
-   return Update(props, propName, &policy, sizeof policy, propFlag);
+   return UpdateProp(props, propName, &policy, sizeof policy, propFlag);
 }
 
 // Both rows write the same way, whatever the switch's class.
@@ -379,7 +363,7 @@ int32_t LoadSecurity(cs::Object *obj, const char *key, DVSDataHandle props, cons
    cs::Object *policy = nullptr;
    int32_t rc = cs::GetSubObject(obj, key, nullptr, &policy);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    // Only an explicit "not allowed" sets a bit.
    uint32_t bits = 0;
@@ -389,7 +373,7 @@ int32_t LoadSecurity(cs::Object *obj, const char *key, DVSDataHandle props, cons
          bits |= k.rejectBit;
       }
    }
-   return Update(props, propName, &bits, sizeof bits, propFlag);
+   return UpdateProp(props, propName, &bits, sizeof bits, propFlag);
 }
 
 }  // namespace

@@ -49,18 +49,6 @@ PvlanMapEntry EntryAt(const void *value, uint32_t i) {
    return entry;
 }
 
-// Deletes every instance of key under obj; none is not a failure.
-int32_t DeleteInstances(cs::Object *obj, const char *key) {
-   cs::FilterSpec *filter = nullptr;
-   int32_t rc = cs::CreateFilterSpecObject(key, "", "", "", &filter);
-   if (rc != cs::kSuccess) {
-      return rc;
-   }
-   rc = cs::DeleteSubObjectInstances(obj, filter);
-   cs::DestroyFilterSpecObject(filter);
-   return rc == cs::kNotFound ? cs::kSuccess : rc;
-}
-
 int32_t SaveEntry(cs::Object *obj, const char *key, const PvlanMapEntry &entry) {
    char *id = nullptr;
    int32_t rc = cs::GenerateInstanceId(&id);
@@ -189,7 +177,7 @@ int32_t LoadPvlanMap(cs::Object *obj, const char *key, DVSDataHandle props, cons
    cs::DestroyFilterSpecObject(filter);
    if (rc != cs::kSuccess || count < 1) {
       free(insts);
-      return rc == cs::kNotFound ? cs::kSuccess : rc;
+      return AbsentIsSuccess(rc);
    }
 
    auto *entries = static_cast<PvlanMapEntry *>(calloc(count, sizeof(PvlanMapEntry)));

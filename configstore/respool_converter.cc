@@ -108,18 +108,6 @@ bool ValidatePools(const void *value, uint32_t valueLen, uint32_t *count) {
    return ok;
 }
 
-// Deletes every instance of key under obj; none is not a failure.
-int32_t DeleteInstances(cs::Object *obj, const char *key) {
-   cs::FilterSpec *filter = nullptr;
-   int32_t rc = cs::CreateFilterSpecObject(key, nullptr, nullptr, nullptr, &filter);
-   if (rc != cs::kSuccess) {
-      return rc;
-   }
-   rc = cs::DeleteSubObjectInstances(obj, filter);
-   cs::DestroyFilterSpecObject(filter);
-   return rc == cs::kNotFound ? cs::kSuccess : rc;
-}
-
 int32_t SavePool(cs::Object *obj, const char *key, const PoolRecord &rec) {
    cs::Object *inst = nullptr;
    cs::Object *alloc = nullptr;
@@ -266,7 +254,7 @@ int32_t LoadResPoolConfig(cs::Object *obj, const char *key, DVSDataHandle props,
       uint32_t n = 0;
       rc = cs::GetValueStringArray(obj, key, &names, &n);
       if (rc != cs::kSuccess) {
-         return rc == cs::kNotFound ? cs::kSuccess : rc;
+         return AbsentIsSuccess(rc);
       }
       cs::DestroyStringArrayValue(names, n);
       if (n != 0) {

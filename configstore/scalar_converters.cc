@@ -50,17 +50,12 @@ int32_t Update(DVSDataHandle props, const char *propName, const void *data, uint
    return st == STATUS_OK ? cs::kSuccess : kConverterFailure;
 }
 
-// Absent values are not failures on load.
-int32_t Absent(int32_t rc) {
-   return rc == cs::kNotFound ? cs::kSuccess : rc;
-}
-
 int32_t LoadBoolAsText(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
                        uint64_t propFlag, const char *whenTrue, const char *whenFalse) {
    bool b = false;
    int32_t rc = cs::GetValueBool(obj, key, &b);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    const char *text = b ? whenTrue : whenFalse;
    if (text == nullptr) {
@@ -122,7 +117,7 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, uint32_t recordSize, uin
    uint32_t count = 0;
    int32_t rc = cs::GetValueStringArray(obj, key, &names, &count);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    if (count >= 1) {
       *len = count * recordSize + 4;
@@ -155,7 +150,7 @@ int32_t LoadNumber(cs::Object *obj, const char *key, DVSDataHandle props, const 
    T v = 0;
    const int32_t rc = GetFn(obj, key, &v);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    return Update(props, propName, &v, sizeof v, propFlag);
 }
@@ -200,7 +195,7 @@ int32_t LoadString(cs::Object *obj, const char *key, DVSDataHandle props, const 
    char *s = nullptr;
    int32_t rc = cs::GetValueStr(obj, key, &s);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    rc = Update(props, propName, s, static_cast<uint32_t>(strlen(s) + 1), propFlag);
    free(s);
@@ -227,7 +222,7 @@ int32_t LoadBoolByte(cs::Object *obj, const char *key, DVSDataHandle props, cons
    bool b = false;
    int32_t rc = cs::GetValueBool(obj, key, &b);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    uint8_t v = b ? 1 : 0;
    return Update(props, propName, &v, sizeof v, propFlag);
@@ -261,7 +256,7 @@ int32_t LoadIpv4Address(cs::Object *obj, const char *key, DVSDataHandle props, c
    char *s = nullptr;
    int32_t rc = cs::GetValueStr(obj, key, &s);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    struct in_addr addr;
    if (inet_pton(AF_INET, s, &addr) == 1) {
@@ -438,7 +433,7 @@ int32_t LoadPtAllowed(cs::Object *obj, const char *key, DVSDataHandle props, con
    bool b = false;
    int32_t rc = cs::GetValueBool(obj, key, &b);
    if (rc != cs::kSuccess) {
-      return Absent(rc);
+      return AbsentIsSuccess(rc);
    }
    uint32_t v = b ? kPtAllowed : 0;
    return Update(props, propName, &v, sizeof v, propFlag);

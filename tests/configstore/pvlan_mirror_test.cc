@@ -306,6 +306,29 @@ TEST_F(PvlanMirror, MirrorPortEntriesAreWideFromVersion100) {
    EXPECT_EQ(Load(99, kMirror, &out), kBadParam);  // 40 characters do not fit 32 bytes
 }
 
+// A port's legacy session is named on its switch's object, which the save
+// of the switch hands to the port rows.
+TEST_F(PvlanMirror, PortLegacySessionIsNamedOnTheSwitch) {
+   const char *portMirror = "com.ostrel.vswitch.port.mirrorSessions";
+   cs::Object *port = nullptr;
+   ASSERT_EQ(cs::CreateSubObject(obj_, "ports", "p1", &port), 0);
+   const Bytes table = Table({Make("legacy", 1, {{0, "p1"}})}, 36);
+   ASSERT_EQ(
+      SaveConfigProp(port, portMirror, table.data(), uint32_t(table.size()), PROP_CLASS_PORT, 0x10),
+      0);
+   cs::Object *settings = nullptr;
+   EXPECT_EQ(cs::GetSubObject(obj_, "settings", "", &settings), cs::kNotFound)
+      << "outside a switch save there is no switch object to name it on";
+
+   gSwitchObject = obj_;
+   const int32_t rc =
+      SaveConfigProp(port, portMirror, table.data(), uint32_t(table.size()), PROP_CLASS_PORT, 0x10);
+   gSwitchObject = nullptr;
+   ASSERT_EQ(rc, 0);
+   ASSERT_EQ(cs::GetSubObject(obj_, "settings", "", &settings), 0);
+   EXPECT_EQ(Str(settings, "promiscuous_mode_vspan_session"), "legacy");
+}
+
 TEST_F(PvlanMirror, MirrorRefusesDamagedTablesAndUnknownTexts) {
    const Session s = Make("s", 1, {{0, "p"}});
    const Bytes good = Table({s}, 36);

@@ -3,19 +3,14 @@
 // read back object by object and key by key.
 #include <arpa/inet.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <iterator>
-#include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include <configstore.h>
@@ -23,19 +18,14 @@
 #include <dvsstate.h>
 #include <gtest/gtest.h>
 
+#include "registry_store_support.h"
+
 namespace {
 
 namespace cs = ::configstore;
 namespace fs = std::filesystem;
-using Ids = std::vector<std::string>;
-using Props = std::vector<std::pair<std::string, std::string>>;
+using namespace registrystore;
 
-std::string Text(const char *s) {
-   return std::string(s, std::strlen(s) + 1);
-}
-std::string U32(uint32_t v) {
-   return std::string(reinterpret_cast<const char *>(&v), 4);
-}
 // A counted array of fixed-size name records.
 std::string Names(uint32_t record, const Ids &names) {
    std::string b = U32(static_cast<uint32_t>(names.size()));
@@ -49,22 +39,6 @@ std::string Ipv4(const char *dotted) {
    return b;
 }
 
-void AddSwitch(const char *id, const char *cls, uint32_t maxPorts, uint32_t version) {
-   ASSERT_EQ(DVSState_SwitchAdd(id, cls, maxPorts, version), STATUS_OK) << id;
-}
-void Global(const char *sw, const char *name, const std::string &v) {
-   ASSERT_EQ(DVSState_GlobalPropSet(sw, name, v.data(), v.size(), 0x10), STATUS_OK) << name;
-}
-void Host(const char *sw, const char *name, const std::string &v) {
-   ASSERT_EQ(DVSState_HostPropSet(sw, name, v.data(), v.size(), 0x10), STATUS_OK) << name;
-}
-void AddPort(const char *sw, const char *port, const Props &props) {
-   DVSDataHandle h = nullptr;
-   ASSERT_EQ(DVSData_Alloc(&h, malloc, free), STATUS_OK);
-   for (const auto &[name, v] : props)
-      ASSERT_EQ(DVSData_Append(h, name.c_str(), v.data(), v.size(), 0x10), STATUS_OK);
-   ASSERT_EQ(DVSState_PortAdd(sw, port, h), STATUS_OK) << port;
-}
 // The registry as a host blob; the registry is emptied.
 std::string TakeBlob() {
    void *blob = nullptr;
@@ -74,23 +48,6 @@ std::string TakeBlob() {
    free(blob);
    EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
    return out;
-}
-
-// ---- reading the store ------------------------------------------------------
-using ObjPtr = std::unique_ptr<cs::Object, void (*)(cs::Object *)>;
-void Destroy(cs::Object *o) {
-   if (o != nullptr)
-      cs::DestroyConfigStoreObject(o);
-}
-
-ObjPtr Read(const char *id, const char *kind = "network_tds") {
-   cs::Store *s = nullptr;
-   cs::Object *o = nullptr;
-   EXPECT_EQ(cs::GetStore(0, &s), 0);
-   if (s != nullptr)
-      cs::Get(s, "switches", kind, "node", id, &o);
-   cs::DestroyStore(s);
-   return ObjPtr(o, Destroy);
 }
 
 // Runs fill on the live object kind/id (created when missing) and writes it.
@@ -166,54 +123,16 @@ std::string Dump(cs::Object *o, bool deep = false) {
          d += s == "data" && !deep ? "data;" : s + "{" + Dump(sub, deep) + "}";
    }
    for (const std::string &l : kLists) {
-      cs::FilterSpec *f = nullptr;
-      cs::Object **objs = nullptr;
-      uint32_t n = 0;
-      if (cs::CreateFilterSpecObject(l.c_str(), "", "", "", &f) == 0 &&
-          cs::GetSubObjectInstances(o, f, &objs, &n) == 0) {
-         for (uint32_t i = 0; i < n; i++)
-            d += l + "/" + Val(objs[i], "key") + "{" + Dump(objs[i], deep) + "}";
-      }
-      free(objs);
-      cs::DestroyFilterSpecObject(f);
+      ForEachSubInstance(o, l.c_str(), [&](cs::Object *sub) {
+         d += l + "/" + Val(sub, "key") + "{" + Dump(sub, deep) + "}";
+      });
    }
    return d;
 }
 // The uuid of every switch object of the store in creation order, or with
 // dump set, everything on each object.
 Ids Stored(bool dump = false) {
-   Ids out;
-   cs::Store *s = nullptr;
-   cs::FilterSpec *f = nullptr;
-   cs::Object **objs = nullptr;
-   uint32_t n = 0;
-   EXPECT_EQ(cs::GetStore(0, &s), 0);
-   EXPECT_EQ(cs::CreateFilterSpecObject("switches", "network_tds", "node", "", &f), 0);
-   EXPECT_EQ(cs::GetInstances(s, f, &objs, &n), 0);
-   for (uint32_t i = 0; i < n; i++) {
-      out.push_back(dump ? Dump(objs[i], true) : Val(objs[i], "uuid"));
-      cs::DestroyConfigStoreObject(objs[i]);
-   }
-   free(objs);
-   cs::DestroyFilterSpecObject(f);
-   cs::DestroyStore(s);
-   return out;
-}
-
-// Starts a thread that takes and drops the switch handle lock; the future is
-// ready once it has.  A probe that finds the lock held waits for it.
-std::future<void> ProbeLock() {
-   auto done = std::make_shared<std::promise<void>>();
-   std::future<void> f = done->get_future();
-   std::thread([done] {
-      KRecLock *l = DVSwitchHandleLock();
-      DVSwitchHandleUnlock(l);
-      done->set_value();
-   }).detach();
-   return f;
-}
-bool Within(std::future<void> &f, int ms) {
-   return f.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
+   return MapSwitchObjects([dump](cs::Object *o) { return dump ? Dump(o, true) : Val(o, "uuid"); });
 }
 
 // Standard output of f().
@@ -523,16 +442,8 @@ TEST_F(SaveTest, EarlyFailuresBeforeAnyStoreWork) {
       const Outcome run = Save(blob);
       EXPECT_EQ(run.rc, -1) << path;
       EXPECT_TRUE(Has(run.out, "Get store failed\n")) << run.out;
-      std::future<void> probe = ProbeLock();
-      const bool taken = Within(probe, 300);
-      EXPECT_FALSE(taken) << "the lock should stay with the caller";
       EXPECT_NE(DVSState_SwitchFind("sw-a"), nullptr);
-      if (!taken) {
-         KRecLock *lock = DVSwitchHandleLock();
-         DVSwitchHandleUnlock(lock);
-         DVSwitchHandleUnlock(lock);
-         EXPECT_TRUE(Within(probe, 5000)) << "held more than once";
-      }
+      ExpectLockKeptOnceAndDrop();
       EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
    }
 }

@@ -6,36 +6,8 @@ set -euo pipefail
 
 dvsctl=$1
 sim=$2
-work=$(mktemp -d)
-sock=$work/dvsdev.sock
-pid=
-stop_sim() {
-  [ -n "$pid" ] || return 0
-  kill -TERM "$pid" 2>/dev/null || true
-  wait "$pid" || true
-  pid=
-}
-trap 'stop_sim; rm -rf "$work"' EXIT
-
-fail() { echo "FAIL: $*" >&2; exit 1; }
-start_sim() {
-  "$sim" --socket "$sock" --foreground >"$work/sim.out" 2>&1 &
-  pid=$!
-  for _ in $(seq 50); do
-    grep -qx "dvs-kernel-sim: listening on $sock" "$work/sim.out" && return 0
-    sleep 0.1
-  done
-  fail "simulator not ready: $(cat "$work/sim.out")"
-}
-# Runs dvsctl expecting exit status 1 and a one-line message matching $1.
-refused() {
-  local pattern=$1 rc=0
-  shift
-  "$dvsctl" "$@" >"$work/out" 2>"$work/err" || rc=$?
-  [ "$rc" -eq 1 ] && [ ! -s "$work/out" ] && grep -Eq "^dvsctl: $pattern$" "$work/err" ||
-    fail "$*: status $rc, $(cat "$work/err")"
-}
-export DVS_DEVICE_PATH=$sock
+# shellcheck source-path=SCRIPTDIR source=sim_test_lib.sh
+. "$(dirname "${BASH_SOURCE[0]}")/sim_test_lib.sh"
 
 # Nothing listens yet: library failures carry the status text and code.
 refused 'cannot get the kernel state: .* \(0x[0-9a-f]+\)' kernel show

@@ -12,6 +12,7 @@
 
 #include "error.h"
 #include "property_list.h"
+#include "sample_host.h"
 #include "state_command.h"
 #include "state_file_command.h"
 #include "subcommands.h"
@@ -30,6 +31,14 @@ to the kernel switch simulator listening there (dvs-kernel-sim) instead.)";
 constexpr const char *kShowFooter =
    R"(The kernel's switch state, as a host configuration blob, printed as
 "dvsctl state show" prints one (see there for the JSON shape).)";
+
+constexpr const char *kLoadSampleFooter =
+   R"(Builds a realistic host (switches of the classes etherswitch, vswitch,
+cswitch and zltvswitch in turn, with their versions, teaming, LACP, private
+VLANs, mirror sessions, IPFIX, link discovery, health checks, port VLANs,
+shaping, security, resource pools and uplinks) and replaces the kernel's
+whole switch state with it (DVSHYP_StateInit).  The same seed gives the
+same host.)";
 
 const std::map<std::string, uint32_t> kPortTypes = {{"active", DVS_PORT_ACTIVE},
                                                     {"shadow", DVS_PORT_SHADOW},
@@ -176,6 +185,27 @@ void AddPortCommands(CLI::App &kernel) {
    });
 }
 
+void AddLoadSample(CLI::App &kernel) {
+   auto options = std::make_shared<SampleHostOptions>();
+   CLI::App *cmd = kernel.add_subcommand(
+      "load-sample", "Replace the kernel's switch state with a realistic sample host");
+   cmd->add_option("--switches", options->switches, "Number of switches (1 to 32)")
+      ->capture_default_str();
+   cmd->add_option("--ports", options->ports, "Number of ports over all switches")
+      ->capture_default_str();
+   cmd->add_option("--seed", options->seed, "Seed of the host's ids and values")
+      ->capture_default_str();
+   cmd->footer(kLoadSampleFooter);
+   cmd->callback([options] {
+      const Bytes blob = BuildSampleHost(*options);
+      CheckStatus(DVSHYP_StateInit(blob.data(), static_cast<uint32_t>(blob.size())),
+                  "cannot load the sample host into the kernel");
+      std::cout << "kernel state replaced: " << options->switches << " switches, " << options->ports
+                << " ports (host blob of " << blob.size() << " bytes)\n";
+      FlushOutput(std::cout);
+   });
+}
+
 void AddExec(CLI::App &kernel) {
    struct ExecArgs {
       std::string first;  // the switch when a command follows, else the command
@@ -230,6 +260,7 @@ void AddKernelCommand(CLI::App &app) {
    AddPropSet(*kernel);
    AddPortCommands(*kernel);
    AddExec(*kernel);
+   AddLoadSample(*kernel);
    AddPersistSubcommands(*kernel);
 }
 

@@ -197,8 +197,8 @@ uint64_t NumberValue(const Fields &v, uint64_t max, const Where &where) {
 
 template <typename T>
 T Number(const Fields &obj, const char *key, const Where &where) {
-   return static_cast<T>(NumberValue(Member(obj, key, where), std::numeric_limits<T>::max(),
-                                     where.At(key)));
+   return static_cast<T>(
+      NumberValue(Member(obj, key, where), std::numeric_limits<T>::max(), where.At(key)));
 }
 
 std::string Text(const Fields &obj, const char *key, size_t slot, const Where &where) {
@@ -375,9 +375,8 @@ bool DecodePvlanMap(const uint8_t *p, size_t len, Fields &out, std::string &) {
    const size_t count = len / kPvlanEntrySize;
    for (size_t i = 0; i < count; i++) {
       const uint8_t *e = p + i * kPvlanEntrySize;
-      Fields entry = {{"primaryId", Get<uint16_t>(e)},
-                      {"secondaryId", Get<uint16_t>(e + 2)},
-                      {"type", e[4]}};
+      Fields entry = {
+         {"primaryId", Get<uint16_t>(e)}, {"secondaryId", Get<uint16_t>(e + 2)}, {"type", e[4]}};
       if (!AllZero(e + 5, 3)) {
          entry["reserved"] = Hex(e + 5, 3);
       }

@@ -92,13 +92,13 @@ std::optional<CodecKind> CodecFor(std::string_view propName);
 const char *CodecName(CodecKind kind);
 
 // Fills `out` with the fields of the value.  Returns false, with `why`
-// saying what does not fit, for a value that does not decode; `out` is
-// then unspecified.
+// saying what does not fit, for a value that does not decode; `out` must
+// not be used then.
 bool DecodeProperty(CodecKind kind, const uint8_t *data, size_t len, const CodecContext &ctx,
                     Fields &out, std::string &why);
 
-inline bool DecodeProperty(CodecKind kind, const Bytes &value, const CodecContext &ctx,
-                           Fields &out, std::string &why) {
+inline bool DecodeProperty(CodecKind kind, const Bytes &value, const CodecContext &ctx, Fields &out,
+                           std::string &why) {
    return DecodeProperty(kind, value.data(), value.size(), ctx, out, why);
 }
 

@@ -1,6 +1,7 @@
 // state_command.cc -- the "dvsctl state" command family.
 #include "state_command.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -8,12 +9,15 @@
 #include <string>
 #include <utility>
 
+#include <dvshyp.h>
 #include <dvsstate.h>
 
 #include "blob_tree.h"
 #include "error.h"
 #include "host_blob_view.h"
+#include "kernel_command.h"
 #include "property_list.h"
+#include "state_diff.h"
 #include "subcommands.h"
 
 namespace dvsctl {
@@ -42,6 +46,67 @@ JSON output (--json):
                             "properties": [P, ...]}, ...]}, ...]}
   with P as in "dvsctl blob show --json"; an unset field is null, and a
   switch or port with problems also carries "problems": [S, ...].)";
+
+constexpr const char *kDiffFooter =
+   R"(Compares two hosts' switch state switch by switch, port by port and
+property by property; structured values (teaming, LACP, private VLANs,
+mirror sessions, IPFIX, link discovery, health checks, port VLAN, shaping,
+security, name lists) field by field.  A or B is "kernel" (the kernel's
+state), a host blob file or a state file.  Each difference is "documented"
+when it is a known conversion of a save to the configuration store and a
+load back (the summary lists them with their reasons), else "unexpected".
+Exit status 1 when there is an unexpected difference.)";
+
+struct DiffArgs {
+   std::string before;
+   std::string after;
+   bool json = false;
+   bool summary = false;
+};
+
+// The host blob `source` names: the kernel's state, or the blob of a file
+// (a state file's padding cut off).
+Bytes HostBlobOf(const std::string &source) {
+   if (source == "kernel") {
+      void *buf = nullptr;
+      uint32_t len = 0;
+      const ReturnStatus status = DVSHYP_StateGet(&buf, &len);
+      Bytes state = TakeKernelData(buf, status == STATUS_OK ? len : 0);
+      CheckStatus(status, "cannot get the kernel state");
+      return state;
+   }
+   Bytes data = ReadAll(source);
+   uint32_t length = 0;
+   if (data.size() >= sizeof length) {
+      std::memcpy(&length, data.data(), sizeof length);
+      const bool padded =
+         length >= sizeof length && length < data.size() &&
+         std::all_of(data.begin() + length, data.end(), [](uint8_t b) { return b == 0; });
+      if (padded) {
+         data.resize(length);
+      }
+   }
+   return data;
+}
+
+void RunDiff(const DiffArgs &args) {
+   const HostState before = ReadHostState(HostBlobOf(args.before), DisplayName(args.before));
+   const HostState after = ReadHostState(HostBlobOf(args.after), DisplayName(args.after));
+   const DiffReport report = DiffHosts(before, after);
+   if (args.json) {
+      std::cout << RenderDiffJson(report, args.summary)
+                      .dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
+                << '\n';
+   } else {
+      std::cout << RenderDiffText(report, args.summary);
+   }
+   FlushOutput(std::cout);
+   if (report.summary.unexpected != 0) {
+      throw Error(std::to_string(report.summary.unexpected) + " unexpected difference" +
+                  (report.summary.unexpected == 1 ? "" : "s") + " between " + args.before +
+                  " and " + args.after);
+   }
+}
 
 void RunShow(const ShowOptions &options) {
    PrintHostBlob(ReadAll(options.path), DisplayName(options.path), options);
@@ -131,7 +196,7 @@ void RunMakeSample(const std::string &path) {
 
 }  // namespace
 
-void PrintHostBlob(const Bytes &blob, const std::string &name, const ShowOptions &options) {
+HostBlobView ViewHostBlob(const Bytes &blob, const std::string &name) {
    BlobTree tree;
    const ReturnStatus status = DecodeBlobTree(blob, tree);
    if (status != STATUS_OK) {
@@ -142,6 +207,11 @@ void PrintHostBlob(const Bytes &blob, const std::string &name, const ShowOptions
    if (!BuildHostBlobView(tree, view, reason)) {
       throw Error(name + ": not a host configuration blob: " + reason);
    }
+   return view;
+}
+
+void PrintHostBlob(const Bytes &blob, const std::string &name, const ShowOptions &options) {
+   const HostBlobView view = ViewHostBlob(blob, name);
    if (options.json) {
       std::cout << RenderHostJson(view).dump(2, ' ', false,
                                              nlohmann::ordered_json::error_handler_t::replace)
@@ -193,6 +263,21 @@ void AddStateCommand(CLI::App &app) {
    AddMakeSampleSubcommand(*state,
                            "Build a small switch registry and write its host configuration blob",
                            [](const std::string &path) { RunMakeSample(path); });
+
+   auto diff = std::make_shared<DiffArgs>();
+   CLI::App *diffCmd =
+      state->add_subcommand("diff", "Compare two hosts' switch state, classifying each difference");
+   diffCmd->add_option("a", diff->before, "kernel, or a host blob or state file")
+      ->required()
+      ->type_name("A");
+   diffCmd->add_option("b", diff->after, "kernel, or a host blob or state file")
+      ->required()
+      ->type_name("B");
+   diffCmd->add_flag("--json", diff->json, "Print JSON instead of text");
+   diffCmd->add_flag("--summary", diff->summary,
+                     "Leave out the documented differences, keep the summary");
+   diffCmd->footer(kDiffFooter);
+   diffCmd->callback([diff] { RunDiff(*diff); });
 }
 
 }  // namespace dvsctl

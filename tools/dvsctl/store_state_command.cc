@@ -25,7 +25,6 @@
 #include <dvsfile.h>
 #include <dvshyp.h>
 
-#include "blob_tree.h"
 #include "error.h"
 #include "host_blob_view.h"
 #include "io.h"
@@ -114,21 +113,6 @@ class LibraryMessages {
    int32_t level_;
    int savedStdout_ = -1;
 };
-
-// `blob` read as a host blob; `name` says where it came from.
-HostBlobView ViewHostBlob(const Bytes &blob, const std::string &name) {
-   BlobTree tree;
-   const ReturnStatus status = DecodeBlobTree(blob, tree);
-   if (status != STATUS_OK) {
-      throw Error(name + ": cannot decode blob: " + DescribeStatus(status));
-   }
-   HostBlobView view;
-   std::string reason;
-   if (!BuildHostBlobView(tree, view, reason)) {
-      throw Error(name + ": not a host configuration blob: " + reason);
-   }
-   return view;
-}
 
 std::string Switches(size_t n) {
    return std::to_string(n) + (n == 1 ? " switch" : " switches");
