@@ -106,36 +106,60 @@ int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint3
    return cs::kSuccess;
 }
 
-// Reads the list under key into a counted array of recordSize records, each
-// name cut to nameMax bytes with its NUL.  *buf is null when the list is
-// absent or empty; *allocFailed tells an allocation failure apart.
-int32_t LoadNameArray(cs::Object *obj, const char *key, uint32_t recordSize, uint32_t nameMax,
-                      uint8_t **buf, uint32_t *len, bool *allocFailed) {
-   *buf = nullptr;
-   *allocFailed = false;
+// How a counted name array is rebuilt on load: its record size, how much of
+// each name a record keeps (with its NUL), and what an allocation failure
+// prints and returns.
+struct NameArrayLayout {
+   uint32_t recordSize;
+   uint32_t nameMax;
+   const char *allocMessage;
+   int32_t allocFailureResult;
+};
+
+// A pool key list that cannot be rebuilt is not worth failing the whole
+// load: it is left out.
+constexpr NameArrayLayout kResPoolKeys = {kResPoolKeyRecord, kResPoolKeyNameMax,
+                                          "Failed to alloc memory for DVSPropResPoolsList",
+                                          cs::kSuccess};
+constexpr NameArrayLayout kUplinkKeys = {kUplinkKeyRecord, kUplinkKeyRecord,
+                                         "Failed to alloc memory for DVSUplinkPortIds",
+                                         kConverterFailure};
+constexpr NameArrayLayout kUplinkNames = {kUplinkNameRecord, kUplinkNameRecord,
+                                          "Failed to alloc memory for DVSUplinkPorts",
+                                          kConverterFailure};
+
+// Rebuilds the list under key as a counted array: the count, then one
+// record per name in the store's order.  An absent or empty list adds no
+// property.
+int32_t LoadNameArray(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
+                      uint64_t propFlag, const NameArrayLayout &layout) {
    char **names = nullptr;
    uint32_t count = 0;
    int32_t rc = cs::GetValueStringArray(obj, key, &names, &count);
-   if (rc != cs::kSuccess) {
+   if (rc != cs::kSuccess || count < 1) {
+      cs::DestroyStringArrayValue(names, count);
       return AbsentIsSuccess(rc);
    }
-   if (count >= 1) {
-      *len = count * recordSize + 4;
-      // Zero-filled: the bytes after each name carry no meaning, and no heap
-      // contents may reach a blob.
-      *buf = static_cast<uint8_t *>(calloc(1, *len));
-      if (*buf == nullptr) {
-         *allocFailed = true;
-      } else {
-         memcpy(*buf, &count, sizeof count);
-         for (uint32_t i = 0; i < count; i++) {
-            char *rec = reinterpret_cast<char *>(*buf + 4 + i * recordSize);
-            snprintf(rec, nameMax, "%s", names[i]);
-         }
+   const uint64_t len = uint64_t{count} * layout.recordSize + 4;
+   // Zero-filled: the bytes after each name carry no meaning, and no heap
+   // contents may reach a blob.
+   auto *buf = len <= UINT32_MAX ? static_cast<uint8_t *>(calloc(1, len)) : nullptr;
+   if (buf == nullptr) {
+      if (dvsconfigstore_debug >= 0) {
+         puts(layout.allocMessage);
       }
+      rc = layout.allocFailureResult;
+   } else {
+      memcpy(buf, &count, sizeof count);
+      for (uint32_t i = 0; i < count; i++) {
+         char *rec = reinterpret_cast<char *>(buf + 4 + size_t{i} * layout.recordSize);
+         snprintf(rec, layout.nameMax, "%s", names[i]);
+      }
+      rc = Update(props, propName, buf, static_cast<uint32_t>(len), propFlag);
+      free(buf);
    }
    cs::DestroyStringArrayValue(names, count);
-   return cs::kSuccess;
+   return rc;
 }
 
 // A fixed-size integer property stored as a store integer of the same type.
@@ -275,24 +299,7 @@ int32_t SaveResPoolKeyList(cs::Object *obj, const char *key, const void *value, 
 
 int32_t LoadResPoolKeyList(cs::Object *obj, const char *key, DVSDataHandle props,
                            const char *propName, uint64_t propFlag, const ConvertContext &) {
-   uint8_t *buf;
-   uint32_t len;
-   bool allocFailed;
-   int32_t rc =
-      LoadNameArray(obj, key, kResPoolKeyRecord, kResPoolKeyNameMax, &buf, &len, &allocFailed);
-   if (allocFailed) {
-      // A missing pool key list is not worth failing the whole load.
-      if (dvsconfigstore_debug >= 0) {
-         puts("Failed to alloc memory for DVSPropResPoolsList");
-      }
-      return cs::kSuccess;
-   }
-   if (rc != cs::kSuccess || buf == nullptr) {
-      return rc;
-   }
-   rc = Update(props, propName, buf, len, propFlag);
-   free(buf);
-   return rc;
+   return LoadNameArray(obj, key, props, propName, propFlag, kResPoolKeys);
 }
 
 int32_t SaveUplinkKeyList(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
@@ -302,23 +309,7 @@ int32_t SaveUplinkKeyList(cs::Object *obj, const char *key, const void *value, u
 
 int32_t LoadUplinkKeyList(cs::Object *obj, const char *key, DVSDataHandle props,
                           const char *propName, uint64_t propFlag, const ConvertContext &) {
-   uint8_t *buf;
-   uint32_t len;
-   bool allocFailed;
-   int32_t rc =
-      LoadNameArray(obj, key, kUplinkKeyRecord, kUplinkKeyRecord, &buf, &len, &allocFailed);
-   if (allocFailed) {
-      if (dvsconfigstore_debug >= 0) {
-         puts("Failed to alloc memory for DVSUplinkPortIds");
-      }
-      return kConverterFailure;
-   }
-   if (rc != cs::kSuccess || buf == nullptr) {
-      return rc;
-   }
-   rc = Update(props, propName, buf, len, propFlag);
-   free(buf);
-   return rc;
+   return LoadNameArray(obj, key, props, propName, propFlag, kUplinkKeys);
 }
 
 int32_t SaveSwitchVersion(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
@@ -393,23 +384,7 @@ int32_t SaveUplinkNameList(cs::Object *obj, const char *key, const void *value, 
 
 int32_t LoadUplinkNameList(cs::Object *obj, const char *key, DVSDataHandle props,
                            const char *propName, uint64_t propFlag, const ConvertContext &) {
-   uint8_t *buf;
-   uint32_t len;
-   bool allocFailed;
-   int32_t rc =
-      LoadNameArray(obj, key, kUplinkNameRecord, kUplinkNameRecord, &buf, &len, &allocFailed);
-   if (allocFailed) {
-      if (dvsconfigstore_debug >= 0) {
-         puts("Failed to alloc memory for DVSUplinkPorts");
-      }
-      return kConverterFailure;
-   }
-   if (rc != cs::kSuccess || buf == nullptr) {
-      return rc;
-   }
-   rc = Update(props, propName, buf, len, propFlag);
-   free(buf);
-   return rc;
+   return LoadNameArray(obj, key, props, propName, propFlag, kUplinkNames);
 }
 
 // The key is always "tx_uplink", whichever row asks.
