@@ -379,18 +379,28 @@ int32_t Lookup(Object *obj, const char *key, Value &scratch, const Value **out) 
    return kNotFound;
 }
 
+// Finds key in obj as a value whose kind `accepts` takes; a value of
+// another kind is a type mismatch.
+template <typename Accepts>
+int32_t LookupKind(Object *obj, const char *key, Value &scratch, const Value **v, Accepts accepts) {
+   const int32_t rc = Lookup(obj, key, scratch, v);
+   if (rc == kSuccess && !accepts(**v)) {
+      return kTypeMismatch;
+   }
+   return rc;
+}
+
 int32_t GetInteger(Object *obj, const char *key, int64_t lo, int64_t hi, int64_t *out) {
    if (out == nullptr) {
       return kBadParam;
    }
    Value scratch;
    const Value *v = nullptr;
-   int32_t rc = Lookup(obj, key, scratch, &v);
+   const int32_t rc = LookupKind(obj, key, scratch, &v, [&](const Value &x) {
+      return x.kind == Kind::kInt && x.num >= lo && x.num <= hi;
+   });
    if (rc != kSuccess) {
       return rc;
-   }
-   if (v->kind != Kind::kInt || v->num < lo || v->num > hi) {
-      return kTypeMismatch;
    }
    *out = v->num;
    return kSuccess;
@@ -857,12 +867,10 @@ int32_t GetValueStr(Object *obj, const char *key, char **value) {
       }
       Value scratch;
       const Value *v = nullptr;
-      int32_t rc = Lookup(obj, key, scratch, &v);
+      const int32_t rc =
+         LookupKind(obj, key, scratch, &v, [](const Value &x) { return x.kind == Kind::kString; });
       if (rc != kSuccess) {
          return rc;
-      }
-      if (v->kind != Kind::kString) {
-         return kTypeMismatch;
       }
       *value = DupString(v->str);
       return kSuccess;
@@ -892,12 +900,10 @@ int32_t GetValueBool(Object *obj, const char *key, bool *value) {
       }
       Value scratch;
       const Value *v = nullptr;
-      int32_t rc = Lookup(obj, key, scratch, &v);
+      const int32_t rc =
+         LookupKind(obj, key, scratch, &v, [](const Value &x) { return x.kind == Kind::kBool; });
       if (rc != kSuccess) {
          return rc;
-      }
-      if (v->kind != Kind::kBool) {
-         return kTypeMismatch;
       }
       *value = v->num != 0;
       return kSuccess;
@@ -911,12 +917,11 @@ int32_t GetValueStringArray(Object *obj, const char *key, char ***values, uint32
       }
       Value scratch;
       const Value *v = nullptr;
-      int32_t rc = Lookup(obj, key, scratch, &v);
+      const int32_t rc = LookupKind(obj, key, scratch, &v, [](const Value &x) {
+         return x.kind == Kind::kStringList || x.kind == Kind::kEmptyList;
+      });
       if (rc != kSuccess) {
          return rc;
-      }
-      if (v->kind != Kind::kStringList && v->kind != Kind::kEmptyList) {
-         return kTypeMismatch;
       }
       size_t n = v->strs.size();
       // One spare slot keeps the array NULL-terminated as well.
