@@ -4,6 +4,8 @@
 // holders of the format verify exactly this region, so it must not change.
 #include <dvsdata.h>
 
+#include <algorithm>
+
 #include "data/record_layout.h"
 
 namespace {
@@ -15,19 +17,19 @@ extern "C" DVS_EXPORT uint32_t DVSDataChecksum(const void *blob) {
       return 0;
    }
    const auto *bytes = static_cast<const uint8_t *>(blob);
-   const auto length =
+   // The length is read as a signed 32-bit value; a negative one (a damaged
+   // or hostile header) covers no bytes at all.  Offsets are computed in 64
+   // bits so that no bound can overflow or wrap.
+   const int64_t length =
       static_cast<int32_t>(dvs::data::LoadU32(bytes + dvs::data::kBlobLengthOffset));
-   const int32_t words = length / 4;
+   const int64_t wordEnd = length / 4 * 4;
 
    uint32_t sum = 0;
-   for (int32_t offset = kChecksumStart; offset <= 4 * words - 4; offset += 4) {
+   for (int64_t offset = kChecksumStart; offset + 4 <= wordEnd; offset += 4) {
       sum += dvs::data::LoadU32(bytes + offset);
    }
-   if (length % 4 != 0) {
-      const int32_t from = 4 * words > kChecksumStart ? 4 * words : kChecksumStart;
-      for (int32_t offset = from; offset < length; ++offset) {
-         sum += bytes[offset];
-      }
+   for (int64_t offset = std::max<int64_t>(wordEnd, kChecksumStart); offset < length; ++offset) {
+      sum += bytes[offset];
    }
    return sum;
 }

@@ -51,6 +51,28 @@ TEST_F(GoldenTest, ChecksumSumsWordsFromByte32ThenTrailingBytes) {
    }
 }
 
+// A length field that is negative as a signed 32-bit value covers nothing:
+// the sum is 0 and no byte past the 12-byte header is read (the buffer below
+// is exactly the header, so ASan reports any read beyond it).  A length of
+// 0x80000000 once overflowed the word bound and read far past the buffer.
+TEST_F(GoldenTest, ChecksumOfNegativeLengthReadsOnlyTheHeader) {
+   for (uint32_t len : {0x80000000u, 0x80000003u, 0xfffffff0u, 0xffffffffu, 0x80000021u}) {
+      auto header = std::make_unique<uint8_t[]>(DVSDATA_HEADER_SIZE);
+      std::fill_n(header.get(), DVSDATA_HEADER_SIZE, 0xab);
+      PutU32(header.get(), 0, len);
+      EXPECT_EQ(DVSDataChecksum(header.get()), 0u) << std::hex << len;
+
+      // The readers refuse such a header before they sum anything.
+      Blob b = MakeBlob({{"p", 0x20, "v"}});
+      PutU32(b.bytes.data(), 0, len);
+      DVSDataHandle h = nullptr;
+      EXPECT_EQ(DVSData_Deserialize(&h, b.p(), b.size(), malloc, free), STATUS_BAD_PARAM);
+      char v[4];
+      EXPECT_EQ(DVSData_DeserializeGetPropVal(b.p(), b.size(), "p", v, sizeof v),
+                STATUS_BAD_PARAM);
+   }
+}
+
 TEST_F(GoldenTest, SmallListsSerializeToTheExpectedBytes) {
    List l;
    void *blob = nullptr;
