@@ -979,9 +979,24 @@ int32_t SetValueBool(Object *obj, const char *key, bool value) {
    });
 }
 
+// A key set to an empty list holds nothing: the sub-objects under the same
+// key (instances and singleton) go with everything below them, and every
+// handle into them answers kNotFound from now on.
 int32_t SetValueEmptyList(Object *obj, const char *key) {
-   return Guard(
-      [&]() -> int32_t { return PutValue(obj, key, [](Value &v) { v.kind = Kind::kEmptyList; }); });
+   return Guard([&]() -> int32_t {
+      if (obj == nullptr || Empty(key)) {
+         return kBadParam;
+      }
+      NodePtr node = Live(obj);
+      if (!node) {
+         return kNotFound;
+      }
+      Value &v = node->PutValue(key);  // the only step that can fail
+      v = Value{};
+      v.kind = Kind::kEmptyList;
+      node->RemoveSub(key);
+      return kSuccess;
+   });
 }
 
 namespace {
