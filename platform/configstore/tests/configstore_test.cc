@@ -442,9 +442,9 @@ TEST_F(ConfigStoreTest, EmptyListDropsTheInstancesOfItsKey) {
       EXPECT_EQ(SetValueUint16(h, "primary_id", 11), kNotFound);
       EXPECT_EQ(SetValueEmptyList(h, "list"), kNotFound);
       EXPECT_EQ(CreateSubObject(h, "extra", "y", &sub), kNotFound);
-      EXPECT_EQ(GetSubObjectInstances(h, Filter("extra", "", "", "").get(), &subs.items,
-                                      &subs.count),
-                kNotFound);
+      EXPECT_EQ(
+         GetSubObjectInstances(h, Filter("extra", "", "", "").get(), &subs.items, &subs.count),
+         kNotFound);
       DestroyConfigStoreObject(h);  // a no-op for a sub-object handle
    }
    // A re-created instance is new and empty; the old handle stays dead.
