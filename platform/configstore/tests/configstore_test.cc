@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -610,6 +611,78 @@ TEST_F(ConfigStoreTest, KilledWriterLeavesLastCommittedState) {
    EXPECT_EQ(Fetch(s.get(), "base"), "v3");
    EXPECT_EQ(Fetch(s.get(), "extra"), "e");
    ASSERT_EQ(Put(s.get(), "after", "ok"), kSuccess);  // the store is still writable
+}
+
+/* One increment of the counter object in its own connection and transaction;
+   0, or 16 x the failing step + its code. */
+int IncrementCounter() {
+   Store *s = nullptr;
+   Object *o = nullptr;
+   int64_t n = 0;
+   int32_t rc = GetStore(0, &s);
+   if (rc != kSuccess)
+      return 16 + rc;
+   StorePtr store(s);
+   if ((rc = BeginTransaction(s)) != kSuccess)
+      return 32 + rc;
+   rc = Get(s, kGroup, kObj, kComp, "counter", &o);
+   if (rc == kNotFound)
+      rc = CreateObject(kGroup, kObj, kComp, "counter", "{}", &o);
+   if (rc != kSuccess)
+      return 48 + rc;
+   ObjPtr obj(o);
+   rc = GetValueLong(o, "n", &n);
+   if ((rc != kSuccess && rc != kNotFound) || SetValueLong(o, "n", n + 1) != kSuccess)
+      return 64 + rc;
+   if ((rc = Set(s, o, kSourceExternal)) != kSuccess)
+      return 80 + rc;
+   return (rc = CommitTransaction(s)) != kSuccess ? 96 + rc : 0;
+}
+
+// Processes that open a store nobody has created yet, all at the same
+// moment, wait behind each other's creation instead of failing.
+TEST_F(ConfigStoreTest, ConcurrentFirstOpensAllSucceed) {
+   constexpr int kProcs = 6, kRounds = 30;
+   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(40);
+   std::vector<int> failures;
+   int round = 0;
+   for (; round < kRounds && std::chrono::steady_clock::now() < deadline; round++) {
+      const std::string path = dir_ + "/r" + std::to_string(round) + "/store.db";
+      setenv(kPathEnv, path.c_str(), 1);
+      int gate[2];
+      ASSERT_EQ(pipe(gate), 0);
+      std::vector<pid_t> pids;
+      for (int i = 0; i < kProcs; i++) {
+         pid_t pid = fork();
+         ASSERT_GE(pid, 0);
+         if (pid == 0) {
+            alarm(30);  // never outlive a stuck parent
+            close(gate[1]);
+            char c;
+            _exit(read(gate[0], &c, 1) == 0 ? IncrementCounter() : 127);  // 0: gate opened
+         }
+         pids.push_back(pid);
+      }
+      close(gate[0]);
+      close(gate[1]);  // opens the gate for all at once
+      for (pid_t pid : pids) {
+         int status = 0;
+         ASSERT_EQ(waitpid(pid, &status, 0), pid);
+         int code = WIFEXITED(status) ? WEXITSTATUS(status) : 200 + WTERMSIG(status);
+         if (code != 0)
+            failures.push_back(code);
+      }
+      auto s = Open();
+      Object *o = nullptr;
+      int64_t n = 0;
+      ASSERT_EQ(Get(s.get(), kGroup, kObj, kComp, "counter", &o), kSuccess) << "round " << round;
+      ObjPtr obj(o);
+      ASSERT_EQ(GetValueLong(o, "n", &n), kSuccess);
+      EXPECT_EQ(n, kProcs - static_cast<int64_t>(failures.size())) << "round " << round;
+      ASSERT_TRUE(failures.empty()) << "round " << round << ": first failure " << failures[0]
+                                    << " (16 x step + code), " << failures.size() << " in all";
+   }
+   EXPECT_GE(round, 5);
 }
 
 TEST_F(ConfigStoreTest, PathFromEnvironmentEachTime) {
