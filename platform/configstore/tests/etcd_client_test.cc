@@ -216,7 +216,7 @@ class EtcdSingleNodeTest : public ::testing::Test {
   protected:
    static void SetUpTestSuite() {
       cluster_ = new EtcdCluster();
-      if (!cluster_->Start(1)) {
+      if (!cluster_->Start(1, 4L << 20)) {
          std::fprintf(stderr, "etcd did not start: %s\n", cluster_->Error().c_str());
       }
    }
@@ -326,16 +326,16 @@ TEST_F(EtcdSingleNodeTest, TransactionsAreAllOrNothing) {
       many.push_back({TxnOp::Kind::kPut, "big/" + std::to_string(i), "x"});
    }
    EXPECT_EQ(c.Txn({}, many, &res), EtcdCode::kTooLarge) << c.LastError();
-   const std::string huge(EtcdCluster::kMaxRequestBytes + 1, 'h');
+   const size_t limit = static_cast<size_t>(cluster_->max_request_bytes());
+   const std::string huge(limit + 1, 'h');
    EXPECT_EQ(c.Txn({}, {{TxnOp::Kind::kPut, "big/huge", huge}, many[0]}, &res), EtcdCode::kTooLarge)
       << c.LastError();
    EXPECT_EQ(c.Put("big/huge", huge, nullptr), EtcdCode::kTooLarge);
    EXPECT_TRUE(Get(c, "big/", true).kvs.empty());
    // A request just under the limit goes through.
-   ASSERT_EQ(c.Put("big/ok", std::string(EtcdCluster::kMaxRequestBytes - 4096, 'o'), nullptr),
-             EtcdCode::kOk)
+   ASSERT_EQ(c.Put("big/ok", std::string(limit - 4096, 'o'), nullptr), EtcdCode::kOk)
       << c.LastError();
-   EXPECT_EQ(Get(c, "big/ok").kvs.at(0).value.size(), EtcdCluster::kMaxRequestBytes - 4096);
+   EXPECT_EQ(Get(c, "big/ok").kvs.at(0).value.size(), limit - 4096);
    ASSERT_EQ(c.DeleteRange("big/", true, nullptr, nullptr), EtcdCode::kOk);
 }
 
@@ -360,34 +360,34 @@ TEST(EtcdClusterTest, FailoverAndRestart) {
    EXPECT_EQ(c->CurrentEndpoint(), cluster.Endpoint(leader));
 
    int written = 0;
-   auto put_next = [&](const char *what) {
+   auto put_next = [&](EtcdClient &client, const char *what) {
       std::string key = "fo/" + std::to_string(written);
       auto t = Clock::now();
-      EtcdCode rc = c->Put(key, "v" + std::to_string(written), nullptr);
-      std::printf("[ failover ] %s: first put %s in %.0f ms via %s\n", what, EtcdCodeName(rc),
-                  MsSince(t), c->CurrentEndpoint().c_str());
-      EXPECT_EQ(rc, EtcdCode::kOk) << c->LastError();
+      EtcdCode rc = client.Put(key, "v" + std::to_string(written), nullptr);
+      std::printf("[ failover ] %s: put %s in %.0f ms via %s\n", what, EtcdCodeName(rc),
+                  MsSince(t), client.CurrentEndpoint().c_str());
+      EXPECT_EQ(rc, EtcdCode::kOk) << client.LastError();
       written += rc == EtcdCode::kOk;
    };
-   put_next("before");
+   put_next(*c, "before");
 
    cluster.Kill(leader);
-   put_next("leader killed");
+   put_next(*c, "leader (current) killed");
    EXPECT_NE(c->CurrentEndpoint(), cluster.Endpoint(leader));
-
    ASSERT_TRUE(cluster.Restart(leader));
    ASSERT_TRUE(cluster.WaitHealthy(20000)) << cluster.Error();
-   put_next("restarted");
-   // Now kill whichever member the client is on (leader or follower).
-   const std::string on = c->CurrentEndpoint();
-   const int current = static_cast<int>(
-      std::find(endpoints.begin(), endpoints.end(), on) - endpoints.begin() + leader) % 3;
-   ASSERT_EQ(cluster.Endpoint(current), on);
-   const bool was_leader = current == cluster.Leader();
-   cluster.Kill(current);
-   put_next(was_leader ? "current (leader) killed" : "current (follower) killed");
-   EXPECT_NE(c->CurrentEndpoint(), on);
-   ASSERT_TRUE(cluster.Restart(current));
+   put_next(*c, "old leader back");
+
+   // A client on a follower moves on when that follower dies.
+   const int follower = (cluster.Leader() + 1) % 3;
+   auto f = Connect({cluster.Endpoint(follower), cluster.Endpoint((follower + 1) % 3),
+                     cluster.Endpoint((follower + 2) % 3)});
+   put_next(*f, "on a follower");
+   EXPECT_EQ(f->CurrentEndpoint(), cluster.Endpoint(follower));
+   cluster.Kill(follower);
+   put_next(*f, "follower (current) killed");
+   EXPECT_NE(f->CurrentEndpoint(), cluster.Endpoint(follower));
+   ASSERT_TRUE(cluster.Restart(follower));
 
    cluster.StopAll();
    RangeResult r;

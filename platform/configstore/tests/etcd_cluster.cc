@@ -80,7 +80,8 @@ std::vector<std::string> EtcdCluster::Endpoints() const {
    return out;
 }
 
-bool EtcdCluster::Start(int members) {
+bool EtcdCluster::Start(int members, long max_request_bytes) {
+   max_request_bytes_ = max_request_bytes;
    // A port taken between picking and binding shows as a cluster that
    // never becomes healthy: try again on new ports, a bounded number of times.
    for (int attempt = 0; attempt < 3; attempt++) {
@@ -131,7 +132,7 @@ bool EtcdCluster::Launch(int i, bool existing) {
       "--initial-cluster", cluster, "--initial-cluster-state", existing ? "existing" : "new",
       "--initial-cluster-token", fs::path(root_).filename().string(),
       "--max-txn-ops", std::to_string(kMaxTxnOps),
-      "--max-request-bytes", std::to_string(kMaxRequestBytes),
+      "--max-request-bytes", std::to_string(max_request_bytes_),
       "--quota-backend-bytes", std::to_string(1L << 30), "--log-level", "warn"};
    std::vector<char *> argv;
    for (std::string &a : args) {
