@@ -46,7 +46,7 @@ namespace {
 struct Exchange {
    CURLcode rc = CURLE_OK;
    long http_status = 0;
-   bool sent = false;       // some of the request went out on it
+   bool sent = false;  // some of the request went out on it
    bool out_of_memory = false;
    std::string body;
    char error[CURL_ERROR_SIZE] = {};
@@ -203,15 +203,16 @@ EtcdClient::Readiness EtcdClient::Settle(size_t index, const std::vector<uint64_
       if (status.leader != 0 && std::find(lost.begin(), lost.end(), status.leader) == lost.end()) {
          return Readiness::kReady;
       }
-      std::this_thread::sleep_for(
-         std::chrono::milliseconds(std::max(0L, std::min(options_.settle_poll_ms, MillisLeft(deadline)))));
+      std::this_thread::sleep_for(std::chrono::milliseconds(
+         std::max(0L, std::min(options_.settle_poll_ms, MillisLeft(deadline)))));
    }
    return Readiness::kNoLeader;
 }
 
 EtcdCode EtcdClient::Call(const char *path, const std::string &body, bool is_write,
                           std::string *answer) {
-   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(options_.deadline_ms);
+   const Clock::time_point deadline =
+      Clock::now() + std::chrono::milliseconds(options_.deadline_ms);
    const size_t n = endpoints_.size();
    std::vector<uint64_t> lost;  // member ids of endpoints lost during this call
    bool unsettled = false;      // the cluster may be electing a leader

@@ -6,8 +6,8 @@
 #include <limits>
 #include <new>
 
-#include <nlohmann/json.hpp>
 #include <openssl/evp.h>
+#include <nlohmann/json.hpp>
 
 namespace configstore {
 namespace detail {

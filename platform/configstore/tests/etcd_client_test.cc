@@ -90,7 +90,8 @@ void Measure(EtcdClient &c, const std::string &prefix, const char *what) {
    std::sort(put_ms.begin(), put_ms.end());
    std::vector<TxnOp> ops;
    for (int i = 0; i < 1000; i++) {
-      ops.push_back({TxnOp::Kind::kPut, prefix + "txn/" + std::to_string(i), std::string(200, 'v')});
+      ops.push_back(
+         {TxnOp::Kind::kPut, prefix + "txn/" + std::to_string(i), std::string(200, 'v')});
    }
    std::vector<double> txn_ms;
    for (int i = 0; i < 3; i++) {
@@ -122,7 +123,8 @@ TEST(EtcdWireTest, EncodingAndAnswers) {
 
    struct {
       std::string prefix, end;
-   } ends[] = {{"a/", "a0"}, {"a\xff", "b"}, {"\xff\xff", std::string(1, '\0')}, {"", std::string(1, '\0')}};
+   } ends[] = {
+      {"a/", "a0"}, {"a\xff", "b"}, {"\xff\xff", std::string(1, '\0')}, {"", std::string(1, '\0')}};
    for (const auto &e : ends) {
       EXPECT_EQ(wire::PrefixEnd(e.prefix), e.end);
    }
@@ -339,7 +341,9 @@ TEST_F(EtcdSingleNodeTest, TransactionsAreAllOrNothing) {
    ASSERT_EQ(c.DeleteRange("big/", true, nullptr, nullptr), EtcdCode::kOk);
 }
 
-TEST_F(EtcdSingleNodeTest, Latency) { Measure(*client_, "lat1/", "single node"); }
+TEST_F(EtcdSingleNodeTest, Latency) {
+   Measure(*client_, "lat1/", "single node");
+}
 
 // Three members: losing the member the client talks to (leader or not)
 // moves the client to another one; a full restart keeps what was committed.
@@ -364,8 +368,8 @@ TEST(EtcdClusterTest, FailoverAndRestart) {
       std::string key = "fo/" + std::to_string(written);
       auto t = Clock::now();
       EtcdCode rc = client.Put(key, "v" + std::to_string(written), nullptr);
-      std::printf("[ failover ] %s: put %s in %.0f ms via %s\n", what, EtcdCodeName(rc),
-                  MsSince(t), client.CurrentEndpoint().c_str());
+      std::printf("[ failover ] %s: put %s in %.0f ms via %s\n", what, EtcdCodeName(rc), MsSince(t),
+                  client.CurrentEndpoint().c_str());
       EXPECT_EQ(rc, EtcdCode::kOk) << client.LastError();
       written += rc == EtcdCode::kOk;
    };

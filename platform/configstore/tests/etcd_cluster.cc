@@ -66,7 +66,9 @@ StatusInfo AskStatus(const std::string &endpoint, bool *ok) {
 
 }  // namespace
 
-EtcdCluster::~EtcdCluster() { Discard(); }
+EtcdCluster::~EtcdCluster() {
+   Discard();
+}
 
 std::string EtcdCluster::Endpoint(int i) const {
    return "127.0.0.1:" + std::to_string(members_[static_cast<size_t>(i)].client_port);
@@ -125,15 +127,33 @@ bool EtcdCluster::Launch(int i, bool existing) {
    }
    const std::string client = "http://" + Endpoint(i);
    const std::string peer = "http://127.0.0.1:" + std::to_string(m.peer_port);
-   std::vector<std::string> args = {
-      "etcd", "--name", "m" + std::to_string(i), "--data-dir", m.data_dir,
-      "--listen-client-urls", client, "--advertise-client-urls", client,
-      "--listen-peer-urls", peer, "--initial-advertise-peer-urls", peer,
-      "--initial-cluster", cluster, "--initial-cluster-state", existing ? "existing" : "new",
-      "--initial-cluster-token", fs::path(root_).filename().string(),
-      "--max-txn-ops", std::to_string(kMaxTxnOps),
-      "--max-request-bytes", std::to_string(max_request_bytes_),
-      "--quota-backend-bytes", std::to_string(1L << 30), "--log-level", "warn"};
+   std::vector<std::string> args = {"etcd",
+                                    "--name",
+                                    "m" + std::to_string(i),
+                                    "--data-dir",
+                                    m.data_dir,
+                                    "--listen-client-urls",
+                                    client,
+                                    "--advertise-client-urls",
+                                    client,
+                                    "--listen-peer-urls",
+                                    peer,
+                                    "--initial-advertise-peer-urls",
+                                    peer,
+                                    "--initial-cluster",
+                                    cluster,
+                                    "--initial-cluster-state",
+                                    existing ? "existing" : "new",
+                                    "--initial-cluster-token",
+                                    fs::path(root_).filename().string(),
+                                    "--max-txn-ops",
+                                    std::to_string(kMaxTxnOps),
+                                    "--max-request-bytes",
+                                    std::to_string(max_request_bytes_),
+                                    "--quota-backend-bytes",
+                                    std::to_string(1L << 30),
+                                    "--log-level",
+                                    "warn"};
    std::vector<char *> argv;
    for (std::string &a : args) {
       argv.push_back(&a[0]);
@@ -185,7 +205,9 @@ void EtcdCluster::Stop(int i, int signal) {
    m.pid = -1;
 }
 
-void EtcdCluster::Kill(int i) { Stop(i, SIGKILL); }
+void EtcdCluster::Kill(int i) {
+   Stop(i, SIGKILL);
+}
 
 bool EtcdCluster::Restart(int i) {
    return members_[static_cast<size_t>(i)].pid <= 0 && Launch(i, true);
