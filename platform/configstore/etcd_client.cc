@@ -97,7 +97,13 @@ struct EtcdClient::Impl {
    // One POST of `body` to `url`, never longer than `timeout_ms`.
    void Post(const std::string &url, const std::string &body, long connect_timeout_ms,
              long timeout_ms, Exchange *x) {
-      curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+      // libcurl reads a timeout of 0 as "none": never hand it one.
+      timeout_ms = std::max(1L, timeout_ms);
+      if (curl_easy_setopt(curl, CURLOPT_URL, url.c_str()) != CURLE_OK) {
+         x->rc = CURLE_OUT_OF_MEMORY;  // the only way copying the URL fails
+         x->out_of_memory = true;
+         return;
+      }
       curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
       curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
       curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, std::min(connect_timeout_ms, timeout_ms));
@@ -124,7 +130,8 @@ EtcdCode EtcdClient::Create(const std::vector<std::string> &endpoints, const Etc
       out->reset();
       if (endpoints.empty() || !std::all_of(endpoints.begin(), endpoints.end(), ValidEndpoint) ||
           options.connect_timeout_ms <= 0 || options.request_timeout_ms <= 0 ||
-          options.deadline_ms <= 0 || options.settle_poll_ms <= 0) {
+          options.deadline_ms <= 0 || options.settle_poll_ms <= 0 ||
+          options.election_wait_ms <= 0) {
          return EtcdCode::kRejected;
       }
       std::call_once(curl_init_once, [] { curl_init_rc = curl_global_init(CURL_GLOBAL_DEFAULT); });
@@ -214,8 +221,16 @@ EtcdCode EtcdClient::Call(const char *path, const std::string &body, bool is_wri
    const Clock::time_point deadline =
       Clock::now() + std::chrono::milliseconds(options_.deadline_ms);
    const size_t n = endpoints_.size();
-   std::vector<uint64_t> lost;  // member ids of endpoints lost during this call
-   bool unsettled = false;      // the cluster may be electing a leader
+   std::vector<uint64_t> lost;      // member ids of endpoints lost during this call
+   bool unsettled = false;          // the cluster may be electing a leader
+   Clock::time_point settle_until;  // how long to wait for that leader
+   auto unsettle = [&] {
+      if (!unsettled) {
+         unsettled = true;
+         settle_until =
+            std::min(deadline, Clock::now() + std::chrono::milliseconds(options_.election_wait_ms));
+      }
+   };
    bool timed_out = false;
    EtcdCode result = EtcdCode::kUnreachable;
    last_error_.clear();
@@ -233,7 +248,7 @@ EtcdCode EtcdClient::Call(const char *path, const std::string &body, bool is_wri
       Endpoint &ep = endpoints_[index];
       current_ = (current_ + 1) % n;  // put back below on success
       if (unsettled) {
-         Readiness r = Settle(index, lost, deadline);
+         Readiness r = Settle(index, lost, settle_until);
          if (r != Readiness::kReady) {
             last_error_ = ep.host_port + (r == Readiness::kDown ? ": down" : ": no leader in time");
             if (r == Readiness::kDown) {
@@ -246,7 +261,7 @@ EtcdCode EtcdClient::Call(const char *path, const std::string &body, bool is_wri
       impl_->Post(ep.base_url + path, body, options_.connect_timeout_ms,
                   std::min(options_.request_timeout_ms, MillisLeft(deadline)), &x);
       if (x.out_of_memory) {
-         last_error_ = "out of memory reading the answer";
+         last_error_ = "out of memory";
          return EtcdCode::kNoMemory;
       }
       if (x.rc == CURLE_OK && x.http_status == 200) {
@@ -264,7 +279,9 @@ EtcdCode EtcdClient::Call(const char *path, const std::string &body, bool is_wri
             return e.code;
          }
          timed_out = timed_out || e.code == EtcdCode::kTimeout;
-         unsettled = unsettled || e.no_leader;
+         if (e.no_leader) {
+            unsettle();
+         }
          result = e.code;
          continue;
       }
@@ -272,7 +289,7 @@ EtcdCode EtcdClient::Call(const char *path, const std::string &body, bool is_wri
       if (x.rc == CURLE_COULDNT_CONNECT || x.rc == CURLE_COULDNT_RESOLVE_HOST || !x.sent) {
          // Nothing reached this endpoint: it is down (or never was up).
          lost.push_back(ep.member_id);
-         unsettled = true;
+         unsettle();
          continue;
       }
       // The request went out but no whole answer came back.

@@ -11,11 +11,13 @@
 // be reached, or answers that it has no leader, the call moves on to the
 // next endpoint (which then becomes current), for at most two passes over
 // the list and never past the call's deadline.  After losing an endpoint
-// the client asks the next one for its leader and waits (bounded) while
-// that is still the lost member or none, so a write does not sit in a
-// proposal the dead leader will never commit.  Reads are also retried on
-// other endpoints after a timeout; a write is not, because its outcome is
-// unknown then: it returns kTimeout and the caller must read back.
+// the client asks the next one for its leader and waits while that is
+// still the lost member or none, so that a write does not sit in a
+// proposal the dead leader will never commit; the wait is bounded by
+// election_wait_ms, after which a cluster without quorum is kUnreachable.
+// Reads are also retried on other endpoints after a timeout; a write is
+// not, because its outcome is unknown then: it answers kTimeout and the
+// caller must read back.
 //
 // Every method is noexcept and answers one EtcdCode; the text of the last
 // failure is kept for diagnostics.  A client is used by one thread at a
@@ -49,7 +51,8 @@ struct EtcdOptions {
    long connect_timeout_ms = 2000;  // per connection attempt
    long request_timeout_ms = 5000;  // per HTTP request, connection included
    long deadline_ms = 12000;        // whole call, failover included
-   long settle_poll_ms = 100;       // pause between leader checks after failover
+   long election_wait_ms = 3000;    // longest wait for a new leader after failover
+   long settle_poll_ms = 100;       // pause between leader checks meanwhile
 };
 
 struct KeyValue {

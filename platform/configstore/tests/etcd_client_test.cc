@@ -392,6 +392,29 @@ TEST(EtcdClusterTest, FailoverAndRestart) {
    put_next(*f, "follower (current) killed");
    EXPECT_NE(f->CurrentEndpoint(), cluster.Endpoint(follower));
    ASSERT_TRUE(cluster.Restart(follower));
+   ASSERT_TRUE(cluster.WaitHealthy(20000)) << cluster.Error();
+
+   // Without quorum no call hangs: the survivor soon says it has no leader
+   // and calls answer kUnreachable within the election wait.
+   const int keep = follower;
+   cluster.Kill((keep + 1) % 3);
+   cluster.Kill((keep + 2) % 3);
+   EtcdOptions o;
+   o.request_timeout_ms = 1500;
+   o.election_wait_ms = 1500;
+   o.deadline_ms = 4000;
+   auto q = Connect({cluster.Endpoint(keep), cluster.Endpoint((keep + 1) % 3)}, o);
+   EtcdCode rc = EtcdCode::kOk;
+   for (int i = 0; i < 4 && rc != EtcdCode::kUnreachable; i++) {
+      RangeResult r;
+      auto t = Clock::now();
+      rc = q->Range({"fo/", true}, &r);
+      std::printf("[ quorum   ] lost: read %s in %.0f ms (%s)\n", EtcdCodeName(rc), MsSince(t),
+                  q->LastError().c_str());
+      EXPECT_TRUE(rc == EtcdCode::kUnreachable || rc == EtcdCode::kTimeout);
+      EXPECT_LT(MsSince(t), 4500.0);
+   }
+   EXPECT_EQ(rc, EtcdCode::kUnreachable);
 
    cluster.StopAll();
    RangeResult r;
