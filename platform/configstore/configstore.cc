@@ -1,19 +1,15 @@
-// configstore.cc -- the configuration-store client over SQLite.
+// configstore.cc -- the configuration-store client: object handles,
+// values and the exported functions.
 //
-// Each Store is one SQLite connection (WAL journal, synchronous=FULL,
-// 5 s busy timeout).  Each Object handle is either a top-level object,
+// Each Store is one connection to the backend that keeps the documents
+// (backend.h: an SQLite file or an etcd cluster).  Each Object handle is
+// either a top-level object,
 // which owns its tree and every sub-object handle handed out for it, or a
 // sub-object handle, which refers to its node weakly.  Every exported
 // function catches everything: no exception leaves the library.
 #include "configstore.h"
 
-#include <sqlite3.h>
-#include <sys/stat.h>
-#include <sys/types.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +23,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "backend.h"
 #include "document.h"
 
 namespace configstore {
@@ -37,10 +34,8 @@ using detail::NodePtr;
 using detail::Value;
 
 struct Store {
-   sqlite3 *db = nullptr;
+   std::unique_ptr<detail::Backend> backend;
    bool inTransaction = false;
-   // Prepared statements, keyed by the address of their SQL text.
-   std::unordered_map<const char *, sqlite3_stmt *> statements;
 };
 
 struct Object {
@@ -61,9 +56,6 @@ struct FilterSpec {
 namespace {
 
 // ---- helpers ----------------------------------------------------------------
-
-constexpr int kBusyTimeoutMs = 5000;
-constexpr int kSchemaVersion = 1;
 
 template <typename F>
 int32_t Guard(F &&body) noexcept {
@@ -96,260 +88,6 @@ char *DupString(const std::string &s) {
    std::memcpy(out, s.data(), s.size());
    out[s.size()] = '\0';
    return out;
-}
-
-int32_t FromSqlite(int rc) {
-   switch (rc & 0xff) {
-      case SQLITE_OK:
-      case SQLITE_DONE:
-      case SQLITE_ROW:
-         return kSuccess;
-      case SQLITE_BUSY:
-      case SQLITE_LOCKED:
-         return kBusy;
-      case SQLITE_CORRUPT:
-      case SQLITE_NOTADB:
-         return kCorrupt;
-      case SQLITE_NOMEM:
-         return kNoMemory;
-      default:
-         return kDatabaseError;
-   }
-}
-
-// A cached statement, reset and unbound when the scope ends.
-class Statement {
-  public:
-   Statement() = default;
-   Statement(const Statement &) = delete;
-   Statement &operator=(const Statement &) = delete;
-   ~Statement() {
-      if (stmt_ != nullptr) {
-         sqlite3_reset(stmt_);
-         sqlite3_clear_bindings(stmt_);
-      }
-   }
-
-   int32_t Prepare(Store *store, const char *sql) {
-      auto it = store->statements.find(sql);
-      if (it != store->statements.end()) {
-         stmt_ = it->second;
-         return kSuccess;
-      }
-      sqlite3_stmt *stmt = nullptr;
-      int rc = sqlite3_prepare_v3(store->db, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr);
-      if (rc != SQLITE_OK) {
-         sqlite3_finalize(stmt);
-         return FromSqlite(rc);
-      }
-      store->statements.emplace(sql, stmt);
-      stmt_ = stmt;
-      return kSuccess;
-   }
-
-   int32_t Bind(int index, const std::string &text) {
-      return FromSqlite(sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()),
-                                          SQLITE_TRANSIENT));
-   }
-
-   // Binds without a copy: the text must outlive this statement (declare it
-   // before the Statement, so the bindings are cleared first).
-   int32_t BindNoCopy(int index, const std::string &text) {
-      return FromSqlite(sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()),
-                                          SQLITE_STATIC));
-   }
-
-   // SQLITE_ROW, SQLITE_DONE or an error code.
-   int Step() { return sqlite3_step(stmt_); }
-
-   std::string Text(int column) {
-      const unsigned char *p = sqlite3_column_text(stmt_, column);
-      int n = sqlite3_column_bytes(stmt_, column);
-      return p == nullptr ? std::string() : std::string(reinterpret_cast<const char *>(p), n);
-   }
-
-  private:
-   sqlite3_stmt *stmt_ = nullptr;
-};
-
-int32_t Exec(sqlite3 *db, const char *sql) {
-   return FromSqlite(sqlite3_exec(db, sql, nullptr, nullptr, nullptr));
-}
-
-int32_t QueryInt(sqlite3 *db, const char *sql, int64_t *out) {
-   sqlite3_stmt *stmt = nullptr;
-   int rc = sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
-   if (rc == SQLITE_OK) {
-      rc = sqlite3_step(stmt);
-      if (rc == SQLITE_ROW) {
-         *out = sqlite3_column_int64(stmt, 0);
-         rc = SQLITE_OK;
-      }
-   }
-   sqlite3_finalize(stmt);
-   return FromSqlite(rc);
-}
-
-// mkdir -p of the folder holding `path`.
-bool MakeParentDirs(const std::string &path) {
-   std::string::size_type slash = path.find_last_of('/');
-   if (slash == std::string::npos || slash == 0) {
-      return true;
-   }
-   std::string dir = path.substr(0, slash);
-   for (std::string::size_type pos = 1; pos <= dir.size(); ++pos) {
-      if (pos == dir.size() || dir[pos] == '/') {
-         std::string part = dir.substr(0, pos);
-         if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
-            return false;
-         }
-      }
-   }
-   struct stat st;
-   return ::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-// Created inside BEGIN IMMEDIATE by the first connection to an empty file;
-// IF NOT EXISTS and OR IGNORE keep it harmless should it ever run twice.
-const char *const kCreateSchema =
-   "CREATE TABLE IF NOT EXISTS meta("
-   " key TEXT PRIMARY KEY,"
-   " value TEXT NOT NULL);"
-   "CREATE TABLE IF NOT EXISTS objects("
-   " seq INTEGER PRIMARY KEY AUTOINCREMENT,"
-   " grp TEXT NOT NULL,"
-   " obj TEXT NOT NULL,"
-   " comp TEXT NOT NULL,"
-   " instance TEXT NOT NULL DEFAULT '',"
-   " source TEXT NOT NULL CHECK(source IN ('EXTERNAL', 'USER')),"
-   " doc TEXT NOT NULL,"
-   " UNIQUE(grp, obj, comp, instance, source));"
-   "CREATE INDEX IF NOT EXISTS objects_by_kind ON objects(grp, obj, comp, source, seq);"
-   "INSERT OR IGNORE INTO meta(key, value) VALUES('schema_version', '1');"
-   "INSERT OR IGNORE INTO meta(key, value) VALUES('format', 'configstore');"
-   "PRAGMA user_version = 1;";
-
-// Checks that the database is a store of our version, creating the schema
-// in an empty database.
-int32_t PrepareSchema(sqlite3 *db) {
-   int64_t version = 0;
-   int32_t rc = QueryInt(db, "PRAGMA user_version", &version);
-   if (rc != kSuccess) {
-      return rc;
-   }
-   if (version == 0) {
-      rc = Exec(db, "BEGIN IMMEDIATE");
-      if (rc != kSuccess) {
-         return rc;
-      }
-      // Another process may have created it meanwhile.
-      rc = QueryInt(db, "PRAGMA user_version", &version);
-      int64_t tables = 0;
-      if (rc == kSuccess && version == 0) {
-         rc = QueryInt(db,
-                       "SELECT count(*) FROM sqlite_master WHERE name NOT LIKE 'sqlite\\_%' "
-                       "ESCAPE '\\'",
-                       &tables);
-         if (rc == kSuccess && tables != 0) {
-            rc = kCorrupt;  // a database, but not a store
-         }
-         if (rc == kSuccess) {
-            rc = Exec(db, kCreateSchema);
-         }
-      }
-      if (rc == kSuccess) {
-         rc = Exec(db, "COMMIT");
-      }
-      if (rc != kSuccess) {
-         Exec(db, "ROLLBACK");
-         return rc;
-      }
-   }
-   if (version != 0 && version != kSchemaVersion) {
-      return kCorrupt;
-   }
-   int64_t found = 0;
-   rc = QueryInt(db,
-                 "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND "
-                 "name IN ('meta', 'objects')",
-                 &found);
-   if (rc != kSuccess) {
-      return rc;
-   }
-   return found == 2 ? kSuccess : kCorrupt;
-}
-
-using Clock = std::chrono::steady_clock;
-
-// Runs one step of opening a store again while it fails with kBusy and the
-// deadline has not passed.  SQLite waits in the busy handler for most
-// locks, but answers SQLITE_BUSY at once where waiting could deadlock: a
-// journal mode change, or a connection that holds a read lock and asks
-// for the write lock, while another process is creating the same store.
-// Those steps are safe to repeat from the start.
-template <typename Step>
-int32_t RetryWhileBusy(Clock::time_point deadline, Step &&step) {
-   for (int attempt = 0;; ++attempt) {
-      const int32_t rc = step();
-      if (rc != kBusy || Clock::now() >= deadline) {
-         return rc;
-      }
-      sqlite3_sleep(std::min(1 << std::min(attempt, 4), 10));  // 1, 2, 4, 8, 10 ms
-   }
-}
-
-// Switches the database to WAL (a no-op once any connection has).  A reply
-// other than "wal" means the mode could not be changed yet: busy.
-int32_t UseWal(sqlite3 *db) {
-   sqlite3_stmt *stmt = nullptr;
-   int rc = sqlite3_prepare_v2(db, "PRAGMA journal_mode = WAL", -1, &stmt, nullptr);
-   bool wal = false;
-   if (rc == SQLITE_OK) {
-      rc = sqlite3_step(stmt);
-      if (rc == SQLITE_ROW) {
-         const unsigned char *mode = sqlite3_column_text(stmt, 0);
-         wal = mode != nullptr && sqlite3_stricmp(reinterpret_cast<const char *>(mode), "wal") == 0;
-         rc = SQLITE_OK;
-      }
-   }
-   sqlite3_finalize(stmt);
-   const int32_t result = FromSqlite(rc);
-   return result == kSuccess && !wal ? kBusy : result;
-}
-
-// Opens the connection and readies the store.  Every step is safe against
-// other processes opening, creating or switching the same file at the same
-// moment: each waits behind the others within the busy timeout.
-int32_t OpenStore(Store **out) {
-   const char *env = std::getenv(kPathEnv);
-   std::string path = Empty(env) ? std::string(kDefaultPath) : std::string(env);
-   if (!MakeParentDirs(path)) {
-      return kDatabaseError;
-   }
-   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
-   auto store = std::make_unique<Store>();
-   int rc =
-      sqlite3_open_v2(path.c_str(), &store->db,
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
-   int32_t result = FromSqlite(rc);
-   if (result == kSuccess) {
-      // Before any statement: every lock below waits for other connections.
-      sqlite3_busy_timeout(store->db, kBusyTimeoutMs);
-      sqlite3_extended_result_codes(store->db, 0);
-      result = RetryWhileBusy(deadline, [&] { return UseWal(store->db); });
-   }
-   if (result == kSuccess) {
-      result = Exec(store->db, "PRAGMA synchronous = FULL");
-   }
-   if (result == kSuccess) {
-      result = RetryWhileBusy(deadline, [&] { return PrepareSchema(store->db); });
-   }
-   if (result != kSuccess) {
-      sqlite3_close_v2(store->db);
-      return result;
-   }
-   *out = store.release();
-   return kSuccess;
 }
 
 // ---- object handles -------------------------------------------------------------
@@ -488,51 +226,33 @@ int32_t SetInteger(Object *obj, const char *key, int64_t value) {
    });
 }
 
-// ---- database rows ------------------------------------------------------------------
+// ---- stored documents ---------------------------------------------------------------
 
 bool ValidSource(const char *source) {
    return source != nullptr &&
           (std::strcmp(source, kSourceExternal) == 0 || std::strcmp(source, kSourceUser) == 0);
 }
 
-const char *const kSelectOne =
-   "SELECT doc FROM objects WHERE grp = ?1 AND obj = ?2 AND comp = ?3 AND instance = ?4 "
-   "AND source = ?5";
-const char *const kSelectAll =
-   "SELECT instance, doc FROM objects WHERE grp = ?1 AND obj = ?2 AND comp = ?3 "
-   "AND source = ?4 ORDER BY seq";
-const char *const kSelectInstance =
-   "SELECT instance, doc FROM objects WHERE grp = ?1 AND obj = ?2 AND comp = ?3 "
-   "AND source = ?4 AND instance = ?5 ORDER BY seq";
-const char *const kUpsert =
-   "INSERT INTO objects(grp, obj, comp, instance, source, doc) VALUES(?1, ?2, ?3, ?4, ?5, ?6) "
-   "ON CONFLICT(grp, obj, comp, instance, source) DO UPDATE SET doc = excluded.doc";
-const char *const kDeleteRows =
-   "DELETE FROM objects WHERE grp = ?1 AND obj = ?2 AND comp = ?3 AND instance = ?4";
+detail::ObjectName NameOf(const char *group, const char *object, const char *component,
+                          const char *instanceId) {
+   return detail::ObjectName{group, object, component, OrEmpty(instanceId)};
+}
 
-// Reads the objects of one kind (and one instance when `instance` is not
-// empty) for `source`, in creation order, as new top-level handles.
-int32_t ReadInstances(Store *store, const std::string &group, const std::string &object,
-                      const std::string &component, const std::string &instance, const char *source,
+// Reads the objects of one kind (and one instance when `name.instance` is
+// not empty) for `source`, in creation order, as new top-level handles.
+int32_t ReadInstances(Store *store, const detail::ObjectName &name, const char *source,
                       Object ***objects, uint32_t *count) {
-   Statement stmt;
-   int32_t rc = stmt.Prepare(store, instance.empty() ? kSelectAll : kSelectInstance);
+   std::vector<detail::StoredDocument> docs;
+   const int32_t rc = store->backend->List(name, source, &docs);
    if (rc != kSuccess) {
       return rc;
    }
-   if ((rc = stmt.Bind(1, group)) != kSuccess || (rc = stmt.Bind(2, object)) != kSuccess ||
-       (rc = stmt.Bind(3, component)) != kSuccess || (rc = stmt.Bind(4, source)) != kSuccess ||
-       (!instance.empty() && (rc = stmt.Bind(5, instance)) != kSuccess)) {
-      return rc;
-   }
    std::vector<std::unique_ptr<Object>> found;
-   int step;
-   while ((step = stmt.Step()) == SQLITE_ROW) {
-      NodePtr node = detail::ParseDocument(stmt.Text(1));
-      found.push_back(NewRoot(std::move(node), group, object, component, stmt.Text(0)));
-   }
-   if (step != SQLITE_DONE) {
-      return FromSqlite(step);
+   found.reserve(docs.size());
+   for (detail::StoredDocument &d : docs) {
+      NodePtr node = detail::ParseDocument(d.doc);
+      found.push_back(NewRoot(std::move(node), name.group, name.object, name.component,
+                              std::move(d.instance)));
    }
    Object **array = NewObjectArray(found.size());
    for (size_t i = 0; i < found.size(); ++i) {
@@ -541,6 +261,15 @@ int32_t ReadInstances(Store *store, const std::string &group, const std::string 
    *objects = array;
    *count = static_cast<uint32_t>(found.size());
    return kSuccess;
+}
+
+int32_t OpenStore(Store **out) {
+   auto store = std::make_unique<Store>();
+   const int32_t rc = detail::OpenBackend(&store->backend);
+   if (rc == kSuccess) {
+      *out = store.release();
+   }
+   return rc;
 }
 
 int32_t SubObjectArray(Object *parent, const std::vector<NodePtr> &nodes, Object ***objects,
@@ -582,7 +311,7 @@ int32_t BeginTransaction(Store *store) {
       if (store->inTransaction) {
          return kInTransaction;
       }
-      int32_t rc = Exec(store->db, "BEGIN IMMEDIATE");
+      int32_t rc = store->backend->Begin();
       if (rc == kSuccess) {
          store->inTransaction = true;
       }
@@ -599,14 +328,7 @@ int32_t CommitTransaction(Store *store) {
          return kNoTransaction;
       }
       store->inTransaction = false;
-      if (sqlite3_get_autocommit(store->db)) {
-         return kDatabaseError;  // SQLite already rolled it back after an error
-      }
-      int32_t rc = Exec(store->db, "COMMIT");
-      if (rc != kSuccess && !sqlite3_get_autocommit(store->db)) {
-         Exec(store->db, "ROLLBACK");
-      }
-      return rc;
+      return store->backend->Commit();
    });
 }
 
@@ -619,23 +341,55 @@ int32_t CancelTransaction(Store *store) {
          return kNoTransaction;
       }
       store->inTransaction = false;
-      if (sqlite3_get_autocommit(store->db)) {
-         return kSuccess;
-      }
-      return Exec(store->db, "ROLLBACK");
+      return store->backend->Cancel();
    });
 }
 
 void DestroyStore(Store *store) {
-   if (store == nullptr) {
+   delete store;
+}
+
+int32_t GetHosts(Store *store, HostInfo **hosts, uint32_t *count) {
+   return Guard([&]() -> int32_t {
+      if (store == nullptr || hosts == nullptr || count == nullptr) {
+         return kBadParam;
+      }
+      *hosts = nullptr;
+      *count = 0;
+      std::vector<detail::HostSummary> found;
+      const int32_t rc = store->backend->Hosts(&found);
+      if (rc != kSuccess) {
+         return rc;
+      }
+      std::sort(found.begin(), found.end(),
+                [](const auto &x, const auto &y) { return x.name < y.name; });
+      auto *array = static_cast<HostInfo *>(std::calloc(found.empty() ? 1 : found.size(),
+                                                        sizeof(HostInfo)));
+      if (array == nullptr) {
+         return kNoMemory;
+      }
+      for (size_t i = 0; i < found.size(); ++i) {
+         array[i].name = strdup(found[i].name.c_str());
+         array[i].savedAt = found[i].saved_at;
+         if (array[i].name == nullptr) {
+            DestroyHostList(array, static_cast<uint32_t>(i));
+            return kNoMemory;
+         }
+      }
+      *hosts = array;
+      *count = static_cast<uint32_t>(found.size());
+      return kSuccess;
+   });
+}
+
+void DestroyHostList(HostInfo *hosts, uint32_t count) {
+   if (hosts == nullptr) {
       return;
    }
-   for (auto &entry : store->statements) {
-      sqlite3_finalize(entry.second);
+   for (uint32_t i = 0; i < count; ++i) {
+      std::free(hosts[i].name);
    }
-   // Closing rolls back a transaction still open.
-   sqlite3_close_v2(store->db);
-   delete store;
+   std::free(hosts);
 }
 
 // ---- top-level objects -----------------------------------------------------------------
@@ -647,27 +401,20 @@ int32_t Get(Store *store, const char *group, const char *object, const char *com
          return kBadParam;
       }
       *out = nullptr;
-      Statement stmt;
-      int32_t rc = stmt.Prepare(store, kSelectOne);
-      std::string instance = OrEmpty(instanceId);
-      if (rc != kSuccess || (rc = stmt.Bind(1, group)) != kSuccess ||
-          (rc = stmt.Bind(2, object)) != kSuccess || (rc = stmt.Bind(3, component)) != kSuccess ||
-          (rc = stmt.Bind(4, instance)) != kSuccess ||
-          (rc = stmt.Bind(5, kSourceExternal)) != kSuccess) {
+      detail::ObjectName name = NameOf(group, object, component, instanceId);
+      std::string doc;
+      const int32_t rc = store->backend->Read(name, kSourceExternal, &doc);
+      if (rc != kSuccess) {
          return rc;
       }
-      int step = stmt.Step();
-      if (step == SQLITE_DONE) {
-         return kNotFound;
-      }
-      if (step != SQLITE_ROW) {
-         return FromSqlite(step);
-      }
-      NodePtr node = detail::ParseDocument(stmt.Text(0));
-      *out = NewRoot(std::move(node), group, object, component, instance).release();
+      NodePtr node = detail::ParseDocument(doc);
+      *out = NewRoot(std::move(node), std::move(name.group), std::move(name.object),
+                     std::move(name.component), std::move(name.instance))
+                .release();
       return kSuccess;
    });
 }
+
 
 int32_t CreateObject(const char *group, const char *object, const char *component,
                      const char *instanceId, const char *json, Object **out) {
@@ -687,17 +434,9 @@ int32_t Set(Store *store, Object *obj, const char *source) {
       if (store == nullptr || obj == nullptr || !IsRoot(obj) || !ValidSource(source)) {
          return kBadParam;
       }
-      std::string doc = detail::SerializeDocument(*obj->top);
-      Statement stmt;
-      int32_t rc = stmt.Prepare(store, kUpsert);
-      if (rc != kSuccess || (rc = stmt.Bind(1, obj->group)) != kSuccess ||
-          (rc = stmt.Bind(2, obj->object)) != kSuccess ||
-          (rc = stmt.Bind(3, obj->component)) != kSuccess ||
-          (rc = stmt.Bind(4, obj->instance)) != kSuccess ||
-          (rc = stmt.Bind(5, source)) != kSuccess || (rc = stmt.BindNoCopy(6, doc)) != kSuccess) {
-         return rc;
-      }
-      return FromSqlite(stmt.Step());
+      const std::string doc = detail::SerializeDocument(*obj->top);
+      const detail::ObjectName name{obj->group, obj->object, obj->component, obj->instance};
+      return store->backend->Write(name, source, doc);
    });
 }
 
@@ -707,20 +446,10 @@ int32_t Delete(Store *store, const char *group, const char *object, const char *
       if (store == nullptr || Empty(group) || Empty(object) || Empty(component)) {
          return kBadParam;
       }
-      Statement stmt;
-      int32_t rc = stmt.Prepare(store, kDeleteRows);
-      if (rc != kSuccess || (rc = stmt.Bind(1, group)) != kSuccess ||
-          (rc = stmt.Bind(2, object)) != kSuccess || (rc = stmt.Bind(3, component)) != kSuccess ||
-          (rc = stmt.Bind(4, OrEmpty(instanceId))) != kSuccess) {
-         return rc;
-      }
-      int step = stmt.Step();
-      if (step != SQLITE_DONE) {
-         return FromSqlite(step);
-      }
-      return sqlite3_changes(store->db) > 0 ? kSuccess : kNotFound;
+      return store->backend->Remove(NameOf(group, object, component, instanceId));
    });
 }
+
 
 void DestroyConfigStoreObject(Object *obj) {
    // A sub-object handle belongs to its top-level object and goes with it.
@@ -760,8 +489,8 @@ int32_t GetInstances(Store *store, FilterSpec *filter, Object ***objects, uint32
       }
       *objects = nullptr;
       *count = 0;
-      return ReadInstances(store, filter->a, filter->b, filter->c, filter->d, kSourceExternal,
-                           objects, count);
+      const detail::ObjectName name{filter->a, filter->b, filter->c, filter->d};
+      return ReadInstances(store, name, kSourceExternal, objects, count);
    });
 }
 
@@ -780,10 +509,11 @@ int32_t GetDesiredUserConfigInstances(const char *group, const char *object, con
          return rc;
       }
       std::unique_ptr<Store, void (*)(Store *)> closer(store, DestroyStore);
-      return ReadInstances(store, group, object, component, std::string(), kSourceUser, objects,
+      return ReadInstances(store, NameOf(group, object, component, nullptr), kSourceUser, objects,
                            count);
    });
 }
+
 
 int32_t GetSubObjectInstances(Object *parent, FilterSpec *filter, Object ***objects,
                               uint32_t *count) {

@@ -9,6 +9,14 @@
 // (CONFIGSTORE_PATH, else /var/lib/ostrel/configstore.db) with real
 // transactions; each GetStore is a connection of its own.
 //
+// CONFIGSTORE_URL=etcd://HOST:PORT[,HOST:PORT...]/PREFIX keeps them in an
+// etcd cluster instead, under the host namespace CONFIGSTORE_HOST (else the
+// machine's host name), so that one cluster holds many hosts side by side.
+// Both variables are read at every GetStore.  A transaction is then
+// committed as one etcd transaction: every write of it or none.  A commit
+// that another store's commit overtook on the same objects answers kBusy
+// and writes nothing; one past the server's size limits answers kTooLarge.
+//
 // Every call returns 0 on success, kNotFound (6) when what was asked for
 // does not exist, and one of the other codes below for any other failure.
 // Strings, instance ids and object arrays handed out are malloc'ed and
@@ -48,10 +56,17 @@ constexpr int32_t kBusy = 7;           // the database stayed locked past the bu
 constexpr int32_t kNoTransaction = 8;  // commit or cancel without a transaction
 constexpr int32_t kInTransaction = 9;  // begin while a transaction is open
 constexpr int32_t kCorrupt = 10;       // the database file is damaged or not a store
+constexpr int32_t kUnreachable = 11;   // no server of the cluster answered in time; a
+                                       // commit answering this may or may not have applied
+constexpr int32_t kTooLarge = 12;      // a commit over the server's size or operation limits
+constexpr int32_t kBadUrl = 13;        // CONFIGSTORE_URL is not a location the store can use
 
 // Environment variable naming the database file, and the default path.
 constexpr const char *kPathEnv = "CONFIGSTORE_PATH";
 constexpr const char *kDefaultPath = "/var/lib/ostrel/configstore.db";
+// Environment variables selecting a replicated store and its host namespace.
+constexpr const char *kUrlEnv = "CONFIGSTORE_URL";
+constexpr const char *kHostEnv = "CONFIGSTORE_HOST";
 
 // Sources of Set: the live object, and the desired user configuration.
 constexpr const char *kSourceExternal = "EXTERNAL";
@@ -114,6 +129,16 @@ CONFIGSTORE_EXPORT int32_t AppendValueString(Object *obj, const char *key, const
 CONFIGSTORE_EXPORT int32_t AppendValueInt(Object *obj, const char *key, int32_t value);
 CONFIGSTORE_EXPORT int32_t RemoveValue(Object *obj, const char *key);
 CONFIGSTORE_EXPORT void DestroyStringArrayValue(char **values, uint32_t count);
+
+// The hosts whose objects the store holds (a file store: its own host),
+// sorted by name, and when each last committed (seconds since the epoch,
+// 0 when unknown).  Release with DestroyHostList.
+struct HostInfo {
+   char *name;
+   int64_t savedAt;
+};
+CONFIGSTORE_EXPORT int32_t GetHosts(Store *store, HostInfo **hosts, uint32_t *count);
+CONFIGSTORE_EXPORT void DestroyHostList(HostInfo *hosts, uint32_t count);
 
 }  // namespace configstore
 

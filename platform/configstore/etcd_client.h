@@ -68,7 +68,8 @@ struct RangeRequest {
    bool prefix = false;          // every key starting with `key`
    bool sort_by_create = false;  // ascending create_revision instead of key order
    bool keys_only = false;
-   int64_t limit = 0;  // 0: no limit
+   int64_t limit = 0;     // 0: no limit
+   int64_t revision = 0;  // read as of this store revision; 0: the latest
 };
 
 struct RangeResult {
@@ -82,6 +83,7 @@ struct Compare {
    enum class Target { kVersion, kCreate, kMod };
    enum class Op { kEqual, kNotEqual, kLess, kGreater };
    std::string key;
+   bool prefix = false;  // holds for every key starting with `key`
    Target target = Target::kMod;
    Op op = Op::kEqual;
    int64_t value = 0;  // create_revision 0 / version 0: the key does not exist

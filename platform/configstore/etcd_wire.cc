@@ -226,6 +226,9 @@ std::string RangeBody(const RangeRequest &request) {
    if (request.limit > 0) {
       j["limit"] = std::to_string(request.limit);
    }
+   if (request.revision > 0) {
+      j["revision"] = std::to_string(request.revision);
+   }
    return j.dump();
 }
 
@@ -242,6 +245,9 @@ std::string TxnBody(const std::vector<Compare> &compares, const std::vector<TxnO
    for (const Compare &c : compares) {
       Json one;
       one["key"] = Base64Encode(c.key);
+      if (c.prefix) {
+         one["range_end"] = Base64Encode(PrefixEnd(c.key));
+      }
       one["target"] = TargetName(c.target);
       one["result"] = OpName(c.op);
       one[TargetField(c.target)] = std::to_string(c.value);
