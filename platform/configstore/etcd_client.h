@@ -83,10 +83,10 @@ struct Compare {
    enum class Target { kVersion, kCreate, kMod };
    enum class Op { kEqual, kNotEqual, kLess, kGreater };
    std::string key;
-   bool prefix = false;  // holds for every key starting with `key`
    Target target = Target::kMod;
    Op op = Op::kEqual;
-   int64_t value = 0;  // create_revision 0 / version 0: the key does not exist
+   int64_t value = 0;    // create_revision 0 / version 0: the key does not exist
+   bool prefix = false;  // must hold for every key starting with `key`
 };
 
 struct TxnOp {

@@ -8,16 +8,20 @@
 
 #include <atomic>
 #include <chrono>
+#include <ctime>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "etcd_cluster.h"
 
 namespace {
 
@@ -81,19 +85,73 @@ std::vector<std::string> SubKeys(Object *parent, const char *key) {
    return Values(a, "key");
 }
 
-class ConfigStoreTest : public ::testing::Test {
+/* One single-member etcd cluster for every etcd case of the suite, started
+   by the first of them and stopped when the suite ends. */
+class SharedEtcd : public ::testing::Environment {
+  public:
+   static configstore_test::EtcdCluster *Get() {
+      if (!cluster_) {
+         cluster_ = std::make_unique<configstore_test::EtcdCluster>();
+         if (!cluster_->Start(1, kRequestLimit))
+            fprintf(stderr, "etcd did not start: %s\n", cluster_->Error().c_str());
+      }
+      return cluster_.get();
+   }
+   void TearDown() override { cluster_.reset(); }
+   /* Small, so that the size-limit case stays fast. */
+   static constexpr long kRequestLimit = 1L << 20;
+
+  private:
+   static std::unique_ptr<configstore_test::EtcdCluster> cluster_;
+};
+std::unique_ptr<configstore_test::EtcdCluster> SharedEtcd::cluster_;
+const auto *const kEtcdEnv = ::testing::AddGlobalTestEnvironment(new SharedEtcd);
+
+/* Sets environment variables for one test and puts the old values back. */
+class EnvGuard {
+  public:
+   ~EnvGuard() {
+      for (auto &[name, old] : saved_)
+         old ? setenv(name.c_str(), old->c_str(), 1) : unsetenv(name.c_str());
+   }
+   void Set(const char *name, const std::string &value) {
+      if (saved_.count(name) == 0) {
+         const char *v = getenv(name);
+         saved_[name] = v ? std::optional<std::string>(v) : std::nullopt;
+      }
+      setenv(name, value.c_str(), 1);
+   }
+
+  private:
+   std::map<std::string, std::optional<std::string>> saved_;
+};
+
+/* A store of its own for each test: a fresh SQLite file, or a fresh key
+   prefix of the shared etcd cluster. */
+class StoreFixture : public ::testing::Test {
   protected:
+   virtual bool UseEtcd() const { return false; }
    void SetUp() override {
       char tmpl[] = "/tmp/configstore_test.XXXXXX";
       ASSERT_NE(mkdtemp(tmpl), nullptr);
       dir_ = tmpl;
       path_ = dir_ + "/store.db";
-      if (const char *v = getenv(kPathEnv))
-         saved_ = v;
-      setenv(kPathEnv, path_.c_str(), 1);
+      env_.Set(kPathEnv, path_);
+      env_.Set(kUrlEnv, "");
+      if (UseEtcd()) {
+         auto *cluster = SharedEtcd::Get();
+         ASSERT_TRUE(cluster->Error().empty()) << cluster->Error();
+         static int serial = 0;
+         std::string endpoints;
+         for (const auto &e : cluster->Endpoints())
+            endpoints += (endpoints.empty() ? "" : ",") + e;
+         url_ = "etcd://" + endpoints + "/t" + std::to_string(getpid()) + "-" +
+                std::to_string(serial++);
+         env_.Set(kUrlEnv, url_);
+         env_.Set(kHostEnv, "host-a");
+      }
    }
    void TearDown() override {
-      saved_ ? setenv(kPathEnv, saved_->c_str(), 1) : unsetenv(kPathEnv);
       std::error_code ec;
       std::filesystem::remove_all(dir_, ec);
    }
@@ -128,11 +186,22 @@ class ConfigStoreTest : public ::testing::Test {
       return Str(o, "value").value_or("<no value>");
    }
 
-   std::string dir_, path_;
-   std::optional<std::string> saved_;
+   std::string dir_, path_, url_;
+   EnvGuard env_;
 };
 
-TEST_F(ConfigStoreTest, LiveAndDesiredDocuments) {
+/* The suite every backend must pass. */
+class ConfigStoreTest : public StoreFixture, public ::testing::WithParamInterface<std::string> {
+  protected:
+   bool UseEtcd() const override { return GetParam() == "etcd"; }
+};
+INSTANTIATE_TEST_SUITE_P(Backends, ConfigStoreTest, ::testing::Values("sqlite", "etcd"),
+                         [](const auto &info) { return info.param; });
+
+/* What only a store file has. */
+class SqliteStoreTest : public StoreFixture {};
+
+TEST_P(ConfigStoreTest, LiveAndDesiredDocuments) {
    auto s = Open();
    EXPECT_EQ(Fetch(s.get(), "a"), std::nullopt);
    ASSERT_EQ(Put(s.get(), "a", "live-a"), kSuccess);
@@ -178,7 +247,7 @@ TEST_F(ConfigStoreTest, LiveAndDesiredDocuments) {
    EXPECT_EQ(Values(after, "value"), std::vector<std::string>{"want-u"});
 }
 
-TEST_F(ConfigStoreTest, TypedValuesAndRanges) {
+TEST_P(ConfigStoreTest, TypedValuesAndRanges) {
    Object *o = nullptr;
    ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "v", "{}", &o), kSuccess);
    ObjPtr obj(o);
@@ -266,7 +335,7 @@ TEST_F(ConfigStoreTest, TypedValuesAndRanges) {
    EXPECT_EQ(i, 3);
 }
 
-TEST_F(ConfigStoreTest, StringsNeedingEscapesSurviveReopen) {
+TEST_P(ConfigStoreTest, StringsNeedingEscapesSurviveReopen) {
    // Quotes, backslashes, every control character, DEL and 2-, 3- and
    // 4-byte UTF-8, as a value, a list element, a sub-object key and an id.
    std::string text = "q\"b\\s/";
@@ -309,7 +378,7 @@ TEST_F(ConfigStoreTest, StringsNeedingEscapesSurviveReopen) {
    }
 }
 
-TEST_F(ConfigStoreTest, NestedSubObjectsKeepCreationOrder) {
+TEST_P(ConfigStoreTest, NestedSubObjectsKeepCreationOrder) {
    Object *root = nullptr;
    ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "sw0", "{}", &root), kSuccess);
    ObjPtr rootPtr(root);
@@ -369,7 +438,7 @@ TEST_F(ConfigStoreTest, NestedSubObjectsKeepCreationOrder) {
    check(back, "after reopen");
 }
 
-TEST_F(ConfigStoreTest, SubObjectHandlesNeverDangle) {
+TEST_P(ConfigStoreTest, SubObjectHandlesNeverDangle) {
    Object *root = nullptr;
    ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "sw0", "{}", &root), kSuccess);
    ObjPtr rootPtr(root);
@@ -404,7 +473,7 @@ TEST_F(ConfigStoreTest, SubObjectHandlesNeverDangle) {
 // SetValueEmptyList on a key that holds sub-objects empties the key: every
 // instance goes at once, in memory, in the stored document and after a
 // reopen, and every handle into them answers kNotFound from then on.
-TEST_F(ConfigStoreTest, EmptyListDropsTheInstancesOfItsKey) {
+TEST_P(ConfigStoreTest, EmptyListDropsTheInstancesOfItsKey) {
    Object *root = nullptr;
    ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "sw0", "{}", &root), kSuccess);
    ObjPtr rootPtr(root);
@@ -486,7 +555,7 @@ TEST_F(ConfigStoreTest, EmptyListDropsTheInstancesOfItsKey) {
    DestroyStringArrayValue(items, count);
 }
 
-TEST_F(ConfigStoreTest, TransactionsIsolateCommitAndCancel) {
+TEST_P(ConfigStoreTest, TransactionsIsolateCommitAndCancel) {
    auto a = Open(), b = Open();
    EXPECT_EQ(CommitTransaction(a.get()), kNoTransaction);
    EXPECT_EQ(CancelTransaction(a.get()), kNoTransaction);
@@ -519,7 +588,7 @@ TEST_F(ConfigStoreTest, TransactionsIsolateCommitAndCancel) {
    EXPECT_EQ(Fetch(c.get(), "temp"), std::nullopt);
 }
 
-TEST_F(ConfigStoreTest, ReaderSeesOnlyCommittedPairs) {
+TEST_P(ConfigStoreTest, ReaderSeesOnlyCommittedPairs) {
    {
       auto s = Open();
       ASSERT_EQ(Put(s.get(), "left", "0"), kSuccess);
@@ -559,6 +628,136 @@ TEST_F(ConfigStoreTest, ReaderSeesOnlyCommittedPairs) {
    EXPECT_EQ(Fetch(w.get(), "right"), "40");
 }
 
+/* Top-level objects list in the order they were created, whether created
+   in one transaction or apart; a rewrite keeps the place, a delete loses it. */
+TEST_P(ConfigStoreTest, TopLevelObjectsKeepCreationOrder) {
+   auto ids = [](Store *s) {
+      ObjArray all;
+      EXPECT_EQ(GetInstances(s, Filter(kGroup, kObj, kComp, "").get(), &all.items, &all.count),
+                kSuccess);
+      return Values(all, "name");
+   };
+   using V = std::vector<std::string>;
+   auto s = Open();
+   ASSERT_EQ(BeginTransaction(s.get()), kSuccess);
+   for (const char *id : {"z", "a", "m"})
+      ASSERT_EQ(Put(s.get(), id, "1"), kSuccess);
+   EXPECT_EQ(ids(s.get()), (V{"z", "a", "m"}));
+   ASSERT_EQ(CommitTransaction(s.get()), kSuccess);
+   ASSERT_EQ(Put(s.get(), "q", "1"), kSuccess);
+   ASSERT_EQ(Put(s.get(), "a", "2"), kSuccess);
+   ASSERT_EQ(BeginTransaction(s.get()), kSuccess);
+   ASSERT_EQ(Put(s.get(), "n", "1"), kSuccess);
+   ASSERT_EQ(Put(s.get(), "z", "3"), kSuccess);
+   ASSERT_EQ(Put(s.get(), "b", "1"), kSuccess);
+   EXPECT_EQ(ids(s.get()), (V{"z", "a", "m", "q", "n", "b"}));
+   ASSERT_EQ(CommitTransaction(s.get()), kSuccess);
+   auto again = Open();
+   EXPECT_EQ(ids(again.get()), (V{"z", "a", "m", "q", "n", "b"}));
+   EXPECT_EQ(Fetch(again.get(), "z"), "3");
+   ASSERT_EQ(Delete(again.get(), kGroup, kObj, kComp, "m"), kSuccess);
+   ASSERT_EQ(Put(again.get(), "m", "4"), kSuccess);
+   EXPECT_EQ(ids(Open().get()), (V{"z", "a", "q", "n", "b", "m"}));
+}
+
+/* What only the replicated store has. */
+class EtcdStoreTest : public StoreFixture {
+  protected:
+   bool UseEtcd() const override { return true; }
+};
+
+/* A commit that another commit overtook on what it read writes nothing and
+   answers kBusy; hosts of one cluster never see each other's objects. */
+TEST_F(EtcdStoreTest, OvertakenCommitsWriteNothingAndHostsStayApart) {
+   auto a = Open(), b = Open();
+   ASSERT_EQ(Put(a.get(), "base", "0"), kSuccess);
+   ASSERT_EQ(BeginTransaction(a.get()), kSuccess);
+   ASSERT_EQ(BeginTransaction(b.get()), kSuccess);
+   EXPECT_EQ(Fetch(a.get(), "base"), "0");
+   EXPECT_EQ(Fetch(b.get(), "base"), "0");
+   ASSERT_EQ(Put(a.get(), "base", "a"), kSuccess);
+   ASSERT_EQ(Put(a.get(), "onlyA", "a"), kSuccess);
+   ASSERT_EQ(Put(b.get(), "base", "b"), kSuccess);
+   ASSERT_EQ(Put(b.get(), "onlyB", "b"), kSuccess);
+   ASSERT_EQ(CommitTransaction(a.get()), kSuccess);
+   EXPECT_EQ(CommitTransaction(b.get()), kBusy);
+   EXPECT_EQ(Fetch(Open().get(), "base"), "a");
+   EXPECT_EQ(Fetch(Open().get(), "onlyA"), "a");
+   EXPECT_EQ(Fetch(Open().get(), "onlyB"), std::nullopt);
+
+   // A listing is checked too: an object created meanwhile under it, or a
+   // listed one deleted meanwhile, fails the commit.
+   for (bool create : {true, false}) {
+      ASSERT_EQ(BeginTransaction(a.get()), kSuccess);
+      ObjArray all;
+      ASSERT_EQ(
+         GetInstances(a.get(), Filter(kGroup, kObj, kComp, "").get(), &all.items, &all.count),
+         kSuccess);
+      ASSERT_EQ(Put(a.get(), "late", "x"), kSuccess);
+      ASSERT_EQ(create ? Put(b.get(), "meanwhile", "m") : Delete(b.get(), kGroup, kObj, kComp,
+                                                                  "onlyA"),
+                kSuccess);
+      EXPECT_EQ(CommitTransaction(a.get()), kBusy) << create;
+      EXPECT_EQ(Fetch(b.get(), "late"), std::nullopt);
+   }
+
+   // Another host namespace of the same cluster.
+   ASSERT_EQ(BeginTransaction(a.get()), kSuccess);
+   ASSERT_EQ(Put(a.get(), "base", "a2"), kSuccess);
+   env_.Set(kHostEnv, "host-b");
+   auto hb = Open();
+   EXPECT_EQ(Fetch(hb.get(), "base"), std::nullopt);
+   ASSERT_EQ(Put(hb.get(), "base", "hb"), kSuccess);
+   ASSERT_EQ(CommitTransaction(a.get()), kSuccess);  // no conflict across hosts
+   EXPECT_EQ(Fetch(hb.get(), "base"), "hb");
+   EXPECT_EQ(Fetch(a.get(), "base"), "a2");
+   HostInfo *hosts = nullptr;
+   uint32_t n = 0;
+   ASSERT_EQ(GetHosts(hb.get(), &hosts, &n), kSuccess);
+   ASSERT_EQ(n, 2u);
+   EXPECT_STREQ(hosts[0].name, "host-a");
+   EXPECT_STREQ(hosts[1].name, "host-b");
+   const int64_t now = time(nullptr);
+   for (uint32_t i = 0; i < n; i++)
+      EXPECT_LE(std::llabs(hosts[i].savedAt - now), 60) << hosts[i].name;
+   DestroyHostList(hosts, n);
+}
+
+/* A transaction over the server's request limit is refused whole. */
+TEST_F(EtcdStoreTest, OversizedCommitWritesNothing) {
+   auto s = Open();
+   const std::string big(SharedEtcd::kRequestLimit / 3, 'x');
+   ASSERT_EQ(BeginTransaction(s.get()), kSuccess);
+   for (const char *id : {"big0", "big1", "big2", "big3"})
+      ASSERT_EQ(Put(s.get(), id, big.c_str()), kSuccess);
+   EXPECT_EQ(CommitTransaction(s.get()), kTooLarge);
+   EXPECT_EQ(Fetch(s.get(), "big0"), std::nullopt);
+   EXPECT_EQ(Fetch(s.get(), "big3"), std::nullopt);
+   ASSERT_EQ(Put(s.get(), "small", "fits"), kSuccess);  // the store still works
+   EXPECT_EQ(Fetch(s.get(), "small"), "fits");
+}
+
+/* A location the store cannot use fails GetStore at once with its code. */
+TEST(StoreLocationTest, UnusableUrlsFailFast) {
+   EnvGuard env;
+   const struct {
+      const char *url;
+      int32_t rc;
+   } cases[] = {{"http://127.0.0.1:2379/p", kBadUrl},
+                {"etcd://127.0.0.1/p", kBadUrl},
+                {"etcd://127.0.0.1:2379", kBadUrl},
+                {"etcd://127.0.0.1:2379,:5/p", kBadUrl},
+                {"etcd://127.0.0.1:1/p", kUnreachable}};  // nothing listens on port 1
+   for (const auto &c : cases) {
+      env.Set(kUrlEnv, c.url);
+      const auto start = std::chrono::steady_clock::now();
+      Store *s = nullptr;
+      EXPECT_EQ(GetStore(0, &s), c.rc) << c.url;
+      EXPECT_EQ(s, nullptr);
+      EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15)) << c.url;
+   }
+}
+
 /* Runs `work` in a child process and kills it with SIGKILL once it reports back. */
 void KillChildAfter(const std::function<bool()> &work) {
    int fds[2];
@@ -585,7 +784,7 @@ void KillChildAfter(const std::function<bool()> &work) {
    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
 }
 
-TEST_F(ConfigStoreTest, KilledWriterLeavesLastCommittedState) {
+TEST_P(ConfigStoreTest, KilledWriterLeavesLastCommittedState) {
    {
       auto s = Open();
       ASSERT_EQ(Put(s.get(), "base", "v1"), kSuccess);
@@ -641,7 +840,7 @@ int IncrementCounter() {
 
 // Processes that open a store nobody has created yet, all at the same
 // moment, wait behind each other's creation instead of failing.
-TEST_F(ConfigStoreTest, ConcurrentFirstOpensAllSucceed) {
+TEST_F(SqliteStoreTest, ConcurrentFirstOpensAllSucceed) {
    constexpr int kProcs = 6, kRounds = 30;
    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(40);
    std::vector<int> failures;
@@ -685,7 +884,7 @@ TEST_F(ConfigStoreTest, ConcurrentFirstOpensAllSucceed) {
    EXPECT_GE(round, 5);
 }
 
-TEST_F(ConfigStoreTest, PathFromEnvironmentEachTime) {
+TEST_F(SqliteStoreTest, PathFromEnvironmentEachTime) {
    std::string nested = dir_ + "/not/yet/there/store.db";
    setenv(kPathEnv, nested.c_str(), 1);
    {
@@ -703,7 +902,7 @@ TEST_F(ConfigStoreTest, PathFromEnvironmentEachTime) {
    EXPECT_EQ(Fetch(back.get(), "a"), "nested");
 }
 
-TEST_F(ConfigStoreTest, BadInputGivesCodes) {
+TEST_P(ConfigStoreTest, BadInputGivesCodes) {
    // Any failure here is neither success nor "not found".
    auto bad = [](int32_t rc) { return rc != kSuccess && rc != kNotFound; };
    auto s = Open();
@@ -743,7 +942,7 @@ TEST_F(ConfigStoreTest, BadInputGivesCodes) {
    EXPECT_EQ(ids.size(), 100u);
 }
 
-TEST_F(ConfigStoreTest, DamagedDatabaseIsReported) {
+TEST_F(SqliteStoreTest, DamagedDatabaseIsReported) {
    {
       std::ofstream f(path_, std::ios::binary);
       std::string junk(4096, '\0');
