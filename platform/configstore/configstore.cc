@@ -451,6 +451,26 @@ int32_t Delete(Store *store, const char *group, const char *object, const char *
 }
 
 
+int32_t GetInstanceId(Object *obj, char **id) {
+   return Guard([&]() -> int32_t {
+      if (obj == nullptr || id == nullptr || !IsRoot(obj)) {
+         return kBadParam;
+      }
+      *id = DupString(obj->instance);
+      return kSuccess;
+   });
+}
+
+int32_t GetStoredDocument(Object *obj, char **json) {
+   return Guard([&]() -> int32_t {
+      if (obj == nullptr || json == nullptr || !IsRoot(obj)) {
+         return kBadParam;
+      }
+      *json = DupString(detail::SerializeDocument(*obj->top));
+      return kSuccess;
+   });
+}
+
 void DestroyConfigStoreObject(Object *obj) {
    // A sub-object handle belongs to its top-level object and goes with it.
    if (obj != nullptr && IsRoot(obj)) {

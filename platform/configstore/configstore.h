@@ -130,6 +130,13 @@ CONFIGSTORE_EXPORT int32_t AppendValueInt(Object *obj, const char *key, int32_t 
 CONFIGSTORE_EXPORT int32_t RemoveValue(Object *obj, const char *key);
 CONFIGSTORE_EXPORT void DestroyStringArrayValue(char **values, uint32_t count);
 
+// The instance id of a top-level object (malloc'ed; "" for a singleton),
+// and its document as the store keeps it ({"values": {...},
+// "subobjects": {...}}), for tools that show stored objects whatever the
+// backend.  kBadParam for a sub-object handle.
+CONFIGSTORE_EXPORT int32_t GetInstanceId(Object *obj, char **id);
+CONFIGSTORE_EXPORT int32_t GetStoredDocument(Object *obj, char **json);
+
 // The hosts whose objects the store holds (a file store: its own host),
 // sorted by name, and when each last committed (seconds since the epoch,
 // 0 when unknown).  Release with DestroyHostList.

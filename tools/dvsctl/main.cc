@@ -1,6 +1,6 @@
 // main.cc -- dvsctl: command-line access to libdvs data.
 //
-// Each command family (blob, state, kernel, file, store) adds its subcommands to the
+// Each command family (blob, state, kernel, file, store, fleet) adds its subcommands to the
 // application; the chosen subcommand runs from its CLI11 callback during
 // parse().  Failures arrive here as exceptions and become a one-line
 // message on stderr and exit status 1; usage errors keep CLI11's own
@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 
 #include "blob_command.h"
+#include "fleet_command.h"
 #include "kernel_command.h"
 #include "state_command.h"
 #include "state_file_command.h"
@@ -25,6 +26,7 @@ int main(int argc, char **argv) {
    dvsctl::AddKernelCommand(app);
    dvsctl::AddFileCommand(app);
    dvsctl::AddStoreCommand(app);
+   dvsctl::AddFleetCommand(app);
 
    try {
       app.parse(argc, argv);

@@ -1,11 +1,9 @@
 // store_command.cc -- the "dvsctl store" command family.
 //
-// put and delete go through the configuration store's client library.  The
-// library reads an object value by value and hands out neither the
-// instance ids of top-level objects nor the keys of an object, so "list"
-// and "show" read those from the store's database (read-only, schema in
-// docs/configstore.md) after the library has opened it; "show" asks the
-// library's Get first, so a missing object fails with the library's code.
+// Every command goes through the configuration store's client library, so
+// it works on whichever store CONFIGSTORE_URL / CONFIGSTORE_PATH select;
+// "list" and "show" take instance ids and stored documents from the
+// library's GetInstanceId and GetStoredDocument.
 #include "store_command.h"
 
 #include <cstdlib>
@@ -15,7 +13,6 @@
 #include <vector>
 
 #include <configstore.h>
-#include <sqlite3.h>
 #include <nlohmann/json.hpp>
 
 #include "error.h"
@@ -30,8 +27,10 @@ namespace cs = configstore;
 constexpr const char *kStoreFooter =
    R"(Objects are named by group, object, component and instance id; the
 group, object and component default to the switches' node objects
-(switches/network_tds/node).  The database is the file named by
-CONFIGSTORE_PATH, else /var/lib/ostrel/configstore.db.  A failing store
+(switches/network_tds/node).  The store is the etcd cluster named by
+CONFIGSTORE_URL (etcd://HOST:PORT[,...]/PREFIX, this host's namespace
+CONFIGSTORE_HOST), else the file named by CONFIGSTORE_PATH, else
+/var/lib/ostrel/configstore.db.  A failing store
 call ends the command with exit status 1 and
 "dvsctl: <what>: configstore code N".)";
 
@@ -80,100 +79,46 @@ StorePtr OpenStore() {
    return StorePtr(store);
 }
 
-std::string DatabasePath() {
-   const char *path = std::getenv(cs::kPathEnv);
-   return path != nullptr && *path != '\0' ? path : cs::kDefaultPath;
+// Frees what the library hands out with malloc.
+struct FreeDeleter {
+   void operator()(void *p) const noexcept { std::free(p); }
+};
+using CString = std::unique_ptr<char, FreeDeleter>;
+
+// The objects of an array the library handed out, released together.
+class ObjectArray {
+  public:
+   ObjectArray() = default;
+   ~ObjectArray() {
+      for (uint32_t i = 0; i < count; i++) {
+         cs::DestroyConfigStoreObject(items[i]);
+      }
+      std::free(items);
+   }
+   ObjectArray(const ObjectArray &) = delete;
+   ObjectArray &operator=(const ObjectArray &) = delete;
+
+   cs::Object **items = nullptr;
+   uint32_t count = 0;
+};
+
+std::string InstanceId(cs::Object *obj) {
+   char *raw = nullptr;
+   CheckCode(cs::GetInstanceId(obj, &raw), "cannot read an instance id");
+   return CString(raw).get();
 }
 
-// A read-only connection to the store's database, for what the library
-// does not hand out: the instance ids of top-level objects and their
-// stored documents.  Opened after GetStore, which creates the database and
-// checks that it is a store.
-class Database {
-  public:
-   Database() : path_(DatabasePath()) {
-      if (sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-         Fail("cannot open");
-      }
-      sqlite3_busy_timeout(db_, 5000);
+// The stored document of a top-level object, parsed.
+nlohmann::ordered_json StoredDocument(cs::Object *obj, const std::string &where) {
+   char *raw = nullptr;
+   CheckCode(cs::GetStoredDocument(obj, &raw), where + ": stored document");
+   const CString text(raw);
+   nlohmann::ordered_json doc = nlohmann::ordered_json::parse(text.get(), nullptr, false);
+   if (doc.is_discarded() || !doc.is_object()) {
+      CheckCode(cs::kBadJson, where + ": stored document");
    }
-   ~Database() { sqlite3_close(db_); }
-   Database(const Database &) = delete;
-   Database &operator=(const Database &) = delete;
-
-   // The instance ids of (group, object, component) from `source`, in
-   // creation order.
-   std::vector<std::string> InstanceIds(const ObjectName &name, const char *source) {
-      Statement stmt(*this,
-                     "SELECT instance FROM objects WHERE grp = ?1 AND obj = ?2 AND comp = ?3 "
-                     "AND source = ?4 ORDER BY seq");
-      stmt.Bind(name, source, false);
-      std::vector<std::string> ids;
-      while (stmt.Step()) {
-         ids.push_back(stmt.Text());
-      }
-      return ids;
-   }
-
-   // The stored document of `name` from `source`; false when there is none.
-   bool Document(const ObjectName &name, const char *source, std::string &doc) {
-      Statement stmt(*this,
-                     "SELECT doc FROM objects WHERE grp = ?1 AND obj = ?2 AND comp = ?3 "
-                     "AND source = ?4 AND instance = ?5");
-      stmt.Bind(name, source, true);
-      if (!stmt.Step()) {
-         return false;
-      }
-      doc = stmt.Text();
-      return true;
-   }
-
-  private:
-   class Statement {
-     public:
-      Statement(Database &db, const char *sql) : db_(db) {
-         if (sqlite3_prepare_v2(db_.db_, sql, -1, &stmt_, nullptr) != SQLITE_OK) {
-            db_.Fail("cannot read");
-         }
-      }
-      ~Statement() { sqlite3_finalize(stmt_); }
-      Statement(const Statement &) = delete;
-      Statement &operator=(const Statement &) = delete;
-
-      void Bind(const ObjectName &name, const char *source, bool withId) {
-         sqlite3_bind_text(stmt_, 1, name.group.c_str(), -1, SQLITE_TRANSIENT);
-         sqlite3_bind_text(stmt_, 2, name.object.c_str(), -1, SQLITE_TRANSIENT);
-         sqlite3_bind_text(stmt_, 3, name.component.c_str(), -1, SQLITE_TRANSIENT);
-         sqlite3_bind_text(stmt_, 4, source, -1, SQLITE_STATIC);
-         if (withId) {
-            sqlite3_bind_text(stmt_, 5, name.id.c_str(), -1, SQLITE_TRANSIENT);
-         }
-      }
-      bool Step() {
-         const int rc = sqlite3_step(stmt_);
-         if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
-            db_.Fail("cannot read");
-         }
-         return rc == SQLITE_ROW;
-      }
-      std::string Text() {
-         const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(stmt_, 0));
-         return text != nullptr ? std::string(text, sqlite3_column_bytes(stmt_, 0)) : "";
-      }
-
-     private:
-      Database &db_;
-      sqlite3_stmt *stmt_ = nullptr;
-   };
-
-   [[noreturn]] void Fail(const std::string &what) {
-      throw Error(path_ + ": " + what + " the store database: " +
-                  (db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory"));
-   }
-
-   std::string path_;
-   sqlite3 *db_ = nullptr;
-};
+   return doc;
+}
 
 // The stored document ({"values": {...}, "subobjects": {KEY: [{"id": ID,
 // ...}]}}) in the plain shape "put" takes: values as members, a singleton
@@ -230,34 +175,47 @@ void AddNameOptions(CLI::App *cmd, ObjectName &name) {
 }
 
 void RunList(const ObjectName &name) {
-   // Opening the store first creates the database, or reports with the
-   // library's code one that is not a store.
    StorePtr store = OpenStore();
-   Database db;
-   for (const std::string &id : db.InstanceIds(name, cs::kSourceExternal)) {
-      std::cout << id << '\n';
+   cs::FilterSpec *raw = nullptr;
+   CheckCode(cs::CreateFilterSpecObject(name.group.c_str(), name.object.c_str(),
+                                        name.component.c_str(), "", &raw),
+             "cannot list " + name.Describe());
+   const std::unique_ptr<cs::FilterSpec, void (*)(cs::FilterSpec *)> filter(
+      raw, cs::DestroyFilterSpecObject);
+   ObjectArray objects;
+   CheckCode(cs::GetInstances(store.get(), filter.get(), &objects.items, &objects.count),
+             "cannot list " + name.Describe());
+   for (uint32_t i = 0; i < objects.count; i++) {
+      std::cout << InstanceId(objects.items[i]) << '\n';
    }
    FlushOutput(std::cout);
 }
 
 void RunShow(const ObjectName &name, bool desired, bool stored) {
-   StorePtr store = OpenStore();
-   if (!desired) {
-      cs::Object *obj = nullptr;
-      CheckCode(cs::Get(store.get(), name.group.c_str(), name.object.c_str(),
-                        name.component.c_str(), name.id.c_str(), &obj),
-                "cannot get " + name.Describe());
-      cs::DestroyConfigStoreObject(obj);
-   }
    const std::string where = std::string(desired ? "desired " : "") + name.Describe();
-   Database db;
-   std::string text;
-   if (!db.Document(name, desired ? cs::kSourceUser : cs::kSourceExternal, text)) {
-      CheckCode(cs::kNotFound, "cannot get " + where);
-   }
-   const nlohmann::ordered_json doc = nlohmann::ordered_json::parse(text, nullptr, false);
-   if (doc.is_discarded() || !doc.is_object()) {
-      CheckCode(cs::kBadJson, where + ": stored document");
+   nlohmann::ordered_json doc;
+   if (!desired) {
+      StorePtr store = OpenStore();
+      cs::Object *raw = nullptr;
+      CheckCode(cs::Get(store.get(), name.group.c_str(), name.object.c_str(),
+                        name.component.c_str(), name.id.c_str(), &raw),
+                "cannot get " + name.Describe());
+      const ObjectPtr obj(raw);
+      doc = StoredDocument(obj.get(), where);
+   } else {
+      ObjectArray objects;
+      CheckCode(cs::GetDesiredUserConfigInstances(name.group.c_str(), name.object.c_str(),
+                                                  name.component.c_str(), &objects.items,
+                                                  &objects.count),
+                "cannot get " + where);
+      uint32_t i = 0;
+      while (i < objects.count && InstanceId(objects.items[i]) != name.id) {
+         i++;
+      }
+      if (i == objects.count) {
+         CheckCode(cs::kNotFound, "cannot get " + where);
+      }
+      doc = StoredDocument(objects.items[i], where);
    }
    std::cout << (stored ? doc : PlainFromStored(doc, where)).dump(2) << '\n';
    FlushOutput(std::cout);

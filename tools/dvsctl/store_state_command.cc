@@ -361,4 +361,8 @@ void AddStoreStateSubcommands(CLI::App &store) {
    upgradeCmd->callback([upgrade] { RunUpgrade(upgrade->path, upgrade->verbose); });
 }
 
+Bytes LoadStoreHostBlob(bool desired, bool verbose) {
+   return LoadHostBlob(desired, verbose);
+}
+
 }  // namespace dvsctl

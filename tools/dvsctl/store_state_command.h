@@ -6,7 +6,15 @@
 
 #include <CLI/CLI.hpp>
 
+#include "io.h"
+
 namespace dvsctl {
+
+// The host blob the store builds for this host (CONFIGSTORE_HOST with a
+// replicated store): its live objects, or with `desired` its desired
+// configuration.  The library's messages go to stderr, with progress when
+// `verbose`.  Failures throw dvsctl::Error.
+Bytes LoadStoreHostBlob(bool desired, bool verbose);
 
 // Adds save, save-blob, load, restore and upgrade under the "store" group.
 void AddStoreStateSubcommands(CLI::App &store);
