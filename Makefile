@@ -1,5 +1,6 @@
 # Front end over CMake.
 #   make demo                 set up, build, run the main job
+#   make demo-fleet           eight simulated hosts saved to a three-member etcd cluster
 #   make test                 set up, build, run every test; then again under ASan+UBSan;
 #                             then the switch-state concurrency test under TSan
 #   make install PREFIX=dir   install headers, libraries, pkg-config file, CMake package
@@ -14,7 +15,7 @@ TSAN_BUILD ?= build-tsan
 CMAKE_COMMON = -DDVS_LOCK_RANK_CHECK=ON
 TSAN_FLAGS   = -fsanitize=thread
 
-.PHONY: all setup build build-asan build-tsan demo test test-plain test-asan test-tsan install bench clean
+.PHONY: all setup build build-asan build-tsan demo demo-fleet test test-plain test-asan test-tsan install bench clean
 
 all: build
 
@@ -45,6 +46,9 @@ build-tsan: setup $(TSAN_BUILD)/CMakeCache.txt
 
 demo: build
 	@bash tools/demo.sh $(BUILD)
+
+demo-fleet: build
+	@bash tools/demo_fleet.sh $(BUILD)
 
 test-plain: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
