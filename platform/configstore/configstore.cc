@@ -140,7 +140,14 @@ class Statement {
          sqlite3_finalize(stmt);
          return FromSqlite(rc);
       }
-      store->statements.emplace(sql, stmt);
+      // A statement that cannot be cached is finalized here: one left over
+      // would keep the connection from ever closing.
+      try {
+         store->statements.emplace(sql, stmt);
+      } catch (...) {
+         sqlite3_finalize(stmt);
+         throw;
+      }
       stmt_ = stmt;
       return kSuccess;
    }
