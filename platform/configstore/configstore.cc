@@ -129,6 +129,11 @@ class Statement {
    }
 
    int32_t Prepare(Store *store, const char *sql) {
+      // After an error SQLite may have rolled the open transaction back;
+      // nothing more may run then, or it would be written outside it.
+      if (store->inTransaction && sqlite3_get_autocommit(store->db)) {
+         return kDatabaseError;
+      }
       auto it = store->statements.find(sql);
       if (it != store->statements.end()) {
          stmt_ = it->second;
