@@ -10,6 +10,8 @@
 
 #include "common/debug_log.h"
 
+#include "configstore/store_calls.h"
+
 // The store client's handles (configstore.h).
 namespace configstore {
 struct Object;

@@ -12,7 +12,7 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
@@ -57,7 +57,7 @@ bool SaveSwitchIdentityToConfigStore(DVSwitch *dvs, void *arg) {
 }  // namespace dvs::configstore
 
 using namespace dvs::configstore;
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 extern "C" {
 

@@ -121,6 +121,7 @@ class StoreAllocFailureTest : public testing::Test {
       return allocfail::ForEachFailure([&](int n) {
          Restore();
          const int32_t rc = FailingAt(n, op);
+         SCOPED_TRACE("allocation " + std::to_string(n) + " failed");
          cleanup(rc);
          EXPECT_EQ(allocfail::Live(), 0)
             << "blocks leaked when allocation " << n << " failed, code " << rc;
@@ -330,15 +331,15 @@ std::string Uuid(int index) {
 }
 
 TEST_F(StoreAllocFailureTest, SaveAndLoad) {
-   // The store holds host A (three switches with every structured
-   // property); the save writes A's first switch changed, its second as it
-   // was, two switches of host B, and deletes A's third.
-   const dvsctl::Bytes hostA = dvsctl::BuildSampleHost({3, 6, 1});
-   const dvsctl::Bytes hostB = dvsctl::BuildSampleHost({2, 3, 2});
+   // The store holds host A (two switches with every structured property
+   // and two ports); the save writes A's first switch changed, a switch of
+   // host B, and deletes A's second.
+   const dvsctl::Bytes hostA = dvsctl::BuildSampleHost({2, 2, 1});
+   const dvsctl::Bytes hostB = dvsctl::BuildSampleHost({1, 1, 2});
    ASSERT_EQ(DVSState_SaveBufToConfigStore(hostA.data(), hostA.size()), 0);
    Keep();
    Read(hostA);
-   const std::string changed = Uuid(0), gone = Uuid(2);
+   const std::string changed = Uuid(0), gone = Uuid(1);
    ASSERT_EQ(DVSState_GlobalPropSet(changed.c_str(), DVS_PROP_SWITCH_ALIAS, "renamed", 8, 0x10),
              STATUS_OK);
    ASSERT_EQ(DVSState_SwitchRemove(gone.c_str()), STATUS_OK);

@@ -69,8 +69,14 @@ bool Untrack(void *p) {
    return true;
 }
 
+// A breakpoint here shows where the failing allocation was asked for.
+__attribute__((noinline)) bool Inject() {
+   asm volatile("");
+   return t_injected = true;
+}
+
 bool FailThisOne() {
-   return t_armed && ++t_calls == t_failAt && (t_injected = true);
+   return t_armed && ++t_calls == t_failAt && Inject();
 }
 
 void *Tracked(void *p) {
