@@ -46,12 +46,10 @@ inline int32_t GetValueLong(Object *obj, const char *key, int64_t *value) {
 inline int32_t GetValueBool(Object *obj, const char *key, bool *value) {
    return Noted(::configstore::GetValueBool(obj, key, value));
 }
-inline int32_t GetValueStringArray(Object *obj, const char *key, char ***values,
-                                   uint32_t *count) {
+inline int32_t GetValueStringArray(Object *obj, const char *key, char ***values, uint32_t *count) {
    return Noted(::configstore::GetValueStringArray(obj, key, values, count));
 }
-inline int32_t GetSubObject(Object *parent, const char *key, const char *instanceId,
-                            Object **out) {
+inline int32_t GetSubObject(Object *parent, const char *key, const char *instanceId, Object **out) {
    return Noted(::configstore::GetSubObject(parent, key, instanceId, out));
 }
 inline int32_t GetSubObjectInstances(Object *parent, FilterSpec *filter, Object ***objects,

@@ -173,7 +173,8 @@ class TreeBuilder : public nlohmann::json_sax<Json> {
       }
       return Put(std::move(arr));
    }
-   bool parse_error(std::size_t, const std::string &, const nlohmann::detail::exception &) override {
+   bool parse_error(std::size_t, const std::string &,
+                    const nlohmann::detail::exception &) override {
       return false;
    }
 

@@ -20,7 +20,8 @@ class StateAllocFailureTest : public StateTest {
 
 // Every injected failure must give STATUS_NO_MEMORY (or `other`), leave
 // the registry as it was (compared through its host blob) and leave no
-// block behind.  op runs armed; then, unarmed, after(status).  Returns how many failures were injected.
+// block behind.  op runs armed; then, unarmed, after(status).  Returns how many failures were
+// injected.
 template <class Op, class After>
 int EachFailure(Op op, After after, ReturnStatus other = STATUS_NO_MEMORY) {
    return allocfail::ForEachFailure([&](int n) {
@@ -120,19 +121,21 @@ TEST_F(StateAllocFailureTest, SwitchAndPortBlobs) {
       ASSERT_EQ(DVSState_SwitchSerialize(dvs, &b, &len), STATUS_OK);
       const std::string swBlob(static_cast<char *>(b), len);
       free(b);
-      EXPECT_GE(EachWriterFailure(swBlob, [&](void **out, uint32_t *n) {
-                   return DVSState_SwitchSerialize(dvs, out, n);
-                }),
-                8)
+      EXPECT_GE(
+         EachWriterFailure(
+            swBlob, [&](void **out, uint32_t *n) { return DVSState_SwitchSerialize(dvs, out, n); }),
+         8)
          << id;
       DVSPort *port = nullptr;
-      DVSState_PortForEach(dvs, [](DVSPort *p, void *o) { return *(DVSPort **)o = p, true; }, &port);
+      DVSState_PortForEach(
+         dvs, [](DVSPort *p, void *o) { return *(DVSPort **)o = p, true; }, &port);
       ASSERT_NE(port, nullptr);
       ASSERT_EQ(DVSState_PortSerialize(port, &(b = nullptr), &len), STATUS_OK);
       const std::string portBlob(static_cast<char *>(b), len);
       free(b);
       EXPECT_GE(EachWriterFailure(
-                   portBlob, [&](void **out, uint32_t *n) { return DVSState_PortSerialize(port, out, n); }),
+                   portBlob,
+                   [&](void **out, uint32_t *n) { return DVSState_PortSerialize(port, out, n); }),
                 1);
 
       // Read back into a registry without the switch: a failure removes the
@@ -141,10 +144,9 @@ TEST_F(StateAllocFailureTest, SwitchAndPortBlobs) {
       ASSERT_EQ(DVSState_SwitchDeserialize(id, swBlob.data(), swBlob.size()), STATUS_OK);
       const std::string want = HostBlob();
       ASSERT_EQ(DVSState_SwitchRemove(id), STATUS_OK);
-      EXPECT_GE(EachFailure([&] {
-                   return DVSState_SwitchDeserialize(id, swBlob.data(), swBlob.size());
-                }),
-                8)
+      EXPECT_GE(
+         EachFailure([&] { return DVSState_SwitchDeserialize(id, swBlob.data(), swBlob.size()); }),
+         8)
          << id;
       EXPECT_EQ(HostBlob(), want) << id;
 
@@ -155,13 +157,13 @@ TEST_F(StateAllocFailureTest, SwitchAndPortBlobs) {
                 STATUS_OK);
       const DVSPort *ref = DVSState_PortFindOnDVSwitch(dvs, "ref");
       for (const char *pid : {"by-handle", "by-id"}) {
-         EXPECT_GE(EachFailure([&] {
-                      return pid[3] == 'h' ? DVSState_PortAddDeserialize(dvs, pid, portBlob.data(),
-                                                                          portBlob.size())
-                                           : DVSState_PortDeserialize(id, pid, portBlob.data(),
-                                                                      portBlob.size());
-                   }),
-                   2)
+         EXPECT_GE(
+            EachFailure([&] {
+               return pid[3] == 'h'
+                         ? DVSState_PortAddDeserialize(dvs, pid, portBlob.data(), portBlob.size())
+                         : DVSState_PortDeserialize(id, pid, portBlob.data(), portBlob.size());
+            }),
+            2)
             << id;
          const DVSPort *added = DVSState_PortFindOnDVSwitch(dvs, pid);
          ASSERT_NE(added, nullptr) << id << " " << pid;

@@ -39,7 +39,7 @@ int ForEachFailure(Run run, int limit = 20000) {
    for (int n = 1; n <= limit; ++n) {
       run(n);
       if (!Injected())
-         return fprintf(stderr, "ALLOCPOINTS %d\n", n - 1), n - 1;
+         return n - 1;
    }
    ADD_FAILURE() << "still reaching an injected failure after " << limit << " allocations";
    return limit;
