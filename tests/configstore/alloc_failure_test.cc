@@ -153,6 +153,9 @@ class StoreAllocFailureTest : public testing::Test {
 
 // ---- the client library ---------------------------------------------------------
 
+// The next call of a chain, run only while every earlier one succeeded.
+#define STEP(call) (rc = rc == 0 ? (call) : rc)
+
 // An object with values of every kind, nested sub-objects, a change to an
 // existing object and a deletion, in one transaction.
 int32_t WriteObjects() {
@@ -161,56 +164,31 @@ int32_t WriteObjects() {
    if (rc != 0)
       return rc;
    cs::Object *o = nullptr, *base = nullptr, *sub = nullptr, *inner = nullptr;
-   rc = cs::BeginTransaction(s);
-   if (rc == 0)
-      rc = cs::CreateObject("g", "o", "c", "one", R"({"n": 5, "t": "text", "l": ["a"]})", &o);
-   if (rc == 0)
-      rc = cs::SetValueStr(o, "name", "first");
-   if (rc == 0)
-      rc = cs::SetValueInt(o, "count", -3);
-   if (rc == 0)
-      rc = cs::SetValueUint32(o, "big", 4000000000u);
-   if (rc == 0)
-      rc = cs::SetValueLong(o, "long", -5000000000);
-   if (rc == 0)
-      rc = cs::SetValueBool(o, "on", true);
-   if (rc == 0)
-      rc = cs::AppendValueString(o, "keys", "k1");
-   if (rc == 0)
-      rc = cs::AppendValueString(o, "keys", "k2");
-   if (rc == 0)
-      rc = cs::AppendValueInt(o, "nums", 7);
-   if (rc == 0)
-      rc = cs::SetValueEmptyList(o, "none");
-   if (rc == 0)
-      rc = cs::RemoveValue(o, "n");
-   if (rc == 0)
-      rc = cs::CreateSubObject(o, "ports", "p1", &sub);
-   if (rc == 0)
-      rc = cs::SetValueStr(sub, "mode", "trunk");
-   if (rc == 0)
-      rc = cs::CreateSubObject(sub, "inner", "", &inner);
-   if (rc == 0)
-      rc = cs::SetValueUint16(inner, "vlan", 10);
-   if (rc == 0)
-      rc = cs::CreateSubObject(o, "ports", "p2", &sub);
-   if (rc == 0)
-      rc = cs::DeleteSubObject(o, "ports", "p2");
-   if (rc == 0)
-      rc = cs::Set(s, o, cs::kSourceExternal);
-   if (rc == 0)
-      rc = cs::Set(s, o, cs::kSourceUser);
-   if (rc == 0)
-      rc = cs::Get(s, "g", "o", "c", "base", &base);
-   if (rc == 0)
-      rc = cs::SetValueStr(base, "name", "changed");
-   if (rc == 0)
-      rc = cs::Set(s, base, cs::kSourceExternal);
-   if (rc == 0)
-      rc = cs::Delete(s, "g", "o", "c", "old");
-   if (rc == 0)
-      rc = cs::CommitTransaction(s);
-   else
+   STEP(cs::BeginTransaction(s));
+   STEP(cs::CreateObject("g", "o", "c", "one", R"({"n": 5, "t": "text", "l": ["a"]})", &o));
+   STEP(cs::SetValueStr(o, "name", "first"));
+   STEP(cs::SetValueInt(o, "count", -3));
+   STEP(cs::SetValueUint32(o, "big", 4000000000u));
+   STEP(cs::SetValueLong(o, "long", -5000000000));
+   STEP(cs::SetValueBool(o, "on", true));
+   STEP(cs::AppendValueString(o, "keys", "k1"));
+   STEP(cs::AppendValueString(o, "keys", "k2"));
+   STEP(cs::AppendValueInt(o, "nums", 7));
+   STEP(cs::SetValueEmptyList(o, "none"));
+   STEP(cs::RemoveValue(o, "n"));
+   STEP(cs::CreateSubObject(o, "ports", "p1", &sub));
+   STEP(cs::SetValueStr(sub, "mode", "trunk"));
+   STEP(cs::CreateSubObject(sub, "inner", "", &inner));
+   STEP(cs::SetValueUint16(inner, "vlan", 10));
+   STEP(cs::CreateSubObject(o, "ports", "p2", &sub));
+   STEP(cs::DeleteSubObject(o, "ports", "p2"));
+   STEP(cs::Set(s, o, cs::kSourceExternal));
+   STEP(cs::Set(s, o, cs::kSourceUser));
+   STEP(cs::Get(s, "g", "o", "c", "base", &base));
+   STEP(cs::SetValueStr(base, "name", "changed"));
+   STEP(cs::Set(s, base, cs::kSourceExternal));
+   STEP(cs::Delete(s, "g", "o", "c", "old"));
+   if (STEP(cs::CommitTransaction(s)) != 0)
       cs::CancelTransaction(s);
    cs::DestroyConfigStoreObject(o);
    cs::DestroyConfigStoreObject(base);
@@ -235,43 +213,40 @@ int32_t ReadObjects(Trace *out) {
          out->Add("%s absent;", what);
       return r == cs::kNotFound ? 0 : r;
    };
-   rc = cs::Get(s, "g", "o", "c", "one", &o);
-   if (rc == 0 && (rc = cs::GetValueStr(o, "name", &text)) == 0)
+   if (STEP(cs::Get(s, "g", "o", "c", "one", &o)) == 0 &&
+       STEP(cs::GetValueStr(o, "name", &text)) == 0)
       out->Add("name %s;", text);
    int32_t i32 = 0;
    uint32_t u32 = 0;
    int64_t i64 = 0;
    bool b = false;
-   if (rc == 0 && (rc = cs::GetValueInt(o, "count", &i32)) == 0)
+   if (STEP(cs::GetValueInt(o, "count", &i32)) == 0)
       out->Add("count %d;", i32);
-   if (rc == 0 && (rc = cs::GetValueUint32(o, "big", &u32)) == 0)
+   if (STEP(cs::GetValueUint32(o, "big", &u32)) == 0)
       out->Add("big %u;", u32);
-   if (rc == 0 && (rc = cs::GetValueLong(o, "long", &i64)) == 0)
+   if (STEP(cs::GetValueLong(o, "long", &i64)) == 0)
       out->Add("long %lld;", static_cast<long long>(i64));
-   if (rc == 0 && (rc = cs::GetValueBool(o, "on", &b)) == 0)
+   if (STEP(cs::GetValueBool(o, "on", &b)) == 0)
       out->Add("on %d;", b);
-   if (rc == 0)
-      rc = absentOk(cs::GetValueInt(o, "n", &i32), "n");
-   if (rc == 0 && (rc = cs::GetValueStringArray(o, "keys", &keys, &nKeys)) == 0)
+   STEP(absentOk(cs::GetValueInt(o, "n", &i32), "n"));
+   if (STEP(cs::GetValueStringArray(o, "keys", &keys, &nKeys)) == 0)
       for (uint32_t i = 0; i < nKeys; i++)
          out->Add("key %s;", keys[i]);
-   if (rc == 0 && (rc = cs::GetSubObject(o, "ports", "p1", &sub)) == 0)
+   if (STEP(cs::GetSubObject(o, "ports", "p1", &sub)) == 0)
       rc = absentOk(cs::GetValueStr(sub, "mode", &(std::free(text), text = nullptr)), "mode");
    if (rc == 0 && text != nullptr)
       out->Add("mode %s;", text);
-   if (rc == 0)
-      rc = cs::CreateFilterSpecObject("ports", "", "", "", &ports);
-   if (rc == 0 && (rc = cs::GetSubObjectInstances(o, ports, &subs, &nSubs)) == 0)
+   STEP(cs::CreateFilterSpecObject("ports", "", "", "", &ports));
+   if (STEP(cs::GetSubObjectInstances(o, ports, &subs, &nSubs)) == 0)
       out->Add("ports %u;", nSubs);
-   if (rc == 0)
-      rc = cs::CreateFilterSpecObject("g", "o", "c", "", &filter);
-   if (rc == 0 && (rc = cs::GetInstances(s, filter, &objs, &n)) == 0)
+   STEP(cs::CreateFilterSpecObject("g", "o", "c", "", &filter));
+   if (STEP(cs::GetInstances(s, filter, &objs, &n)) == 0)
       for (uint32_t i = 0; rc == 0 && i < n; i++) {
          std::free(text), text = nullptr;
          if ((rc = absentOk(cs::GetValueStr(objs[i], "name", &text), "name")) == 0 && text)
             out->Add("instance %s;", text);
       }
-   if (rc == 0 && (rc = cs::GetDesiredUserConfigInstances("g", "o", "c", &user, &nUser)) == 0)
+   if (STEP(cs::GetDesiredUserConfigInstances("g", "o", "c", &user, &nUser)) == 0)
       out->Add("desired %u;", nUser);
    for (uint32_t i = 0; i < n; i++)
       cs::DestroyConfigStoreObject(objs[i]);

@@ -20,8 +20,8 @@ class StateAllocFailureTest : public StateTest {
 
 // Every injected failure must give STATUS_NO_MEMORY (or `other`), leave
 // the registry as it was (compared through its host blob) and leave no
-// block behind.  op runs armed; then, unarmed, after(status).  Returns how many failures were
-// injected.
+// block behind.  op runs armed, then after(status) unarmed.  Returns how
+// many failures were injected.
 template <class Op, class After>
 int EachFailure(Op op, After after, ReturnStatus other = STATUS_NO_MEMORY) {
    return allocfail::ForEachFailure([&](int n) {
