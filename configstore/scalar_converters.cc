@@ -12,7 +12,7 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
@@ -148,6 +148,9 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, DVSDataHandle props, con
       if (dvsconfigstore_debug >= 0) {
          puts(layout.allocMessage);
       }
+      // A row skipped here still fails the load as a whole: the blob
+      // would lack the property.
+      gStoreOutOfMemory = true;
       rc = layout.allocFailureResult;
    } else {
       memcpy(buf, &count, sizeof count);
