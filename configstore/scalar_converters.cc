@@ -148,9 +148,8 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, DVSDataHandle props, con
       if (dvsconfigstore_debug >= 0) {
          puts(layout.allocMessage);
       }
-      // A row skipped here still fails the load as a whole: the blob
-      // would lack the property.
-      gStoreOutOfMemory = true;
+      // The resource-pool key list is skipped without failing the load;
+      // the uplink lists fail it through their result.
       rc = layout.allocFailureResult;
    } else {
       memcpy(buf, &count, sizeof count);

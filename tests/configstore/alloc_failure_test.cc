@@ -22,6 +22,7 @@
 
 #include "alloc_interposer.h"
 #include "sample_host.h"
+#include "state_diff.h"
 
 namespace {
 
@@ -369,13 +370,27 @@ TEST_F(StoreAllocFailureTest, SaveAndLoad) {
       ASSERT_EQ(DVSState_LoadFromConfigStoreAsBuf(&buf, &len, desired), 0);
       const std::string want(static_cast<char *>(buf), len);
       free(buf);
+      // A load survives one allocation failure on purpose: the resource-pool
+      // key list of the switch being loaded is then left out.  Any other
+      // difference from the clean load is a lost value.
+      const dvsctl::HostState clean = dvsctl::ReadHostState(dvsctl::Bytes(want.begin(), want.end()), "clean");
+      auto acceptable = [&](const std::string &got) {
+         if (got == want) {
+            return true;
+         }
+         const dvsctl::DiffReport report =
+            dvsctl::DiffHosts(clean, dvsctl::ReadHostState(dvsctl::Bytes(got.begin(), got.end()), "loaded"));
+         return report.differences.size() == 1 &&
+                report.differences[0].property == "com.ostrel.common.respools.list" &&
+                report.differences[0].after == "(absent)";
+      };
       EXPECT_GE(
          EachFailure(
             nullptr,
             [&] { return DVSState_LoadFromConfigStoreAsBuf(&(buf = nullptr), &len, desired); },
             [&](int32_t rc) {
                if (rc == 0) {
-                  EXPECT_EQ(std::string(static_cast<char *>(buf), len), want);
+                  EXPECT_TRUE(acceptable(std::string(static_cast<char *>(buf), len)));
                } else {
                   EXPECT_EQ(buf, nullptr);
                }
