@@ -84,15 +84,12 @@ bool ValueTooShort(const void *value, uint32_t valueLen, size_t need, const Conv
    return true;
 }
 
-// Empties the VLAN object before it is written: its range list and any
-// ranges and ids an earlier save left, so that what is written is all the
-// object says.
+// Empties the VLAN object before it is written: the emptied range list
+// drops every range an earlier save left, and the ids go too, so that what
+// is written is all the object says (a plain VLAN saved over a private one
+// must not load back as private).
 int32_t ClearVlan(cs::Object *vlan) {
    int32_t rc = cs::SetValueEmptyList(vlan, kTrunkRanges);
-   if (rc != cs::kSuccess) {
-      return rc;
-   }
-   rc = DeleteInstances(vlan, kTrunkRanges);
    if (rc == cs::kSuccess) {
       rc = AbsentIsSuccess(cs::RemoveValue(vlan, kVlanIdKey));
    }

@@ -140,7 +140,9 @@ int32_t SavePvlanMap(cs::Object *obj, const char *key, const void *value, uint32
          return kConverterBadValue;
       }
    }
-   int32_t rc = DeleteInstances(obj, key);
+   // The emptied list drops every instance of an earlier save; an empty
+   // value leaves it empty.
+   int32_t rc = cs::SetValueEmptyList(obj, key);
    for (uint32_t i = 0; i < count && rc == cs::kSuccess; i++) {
       rc = SaveEntry(obj, key, EntryAt(value, i));
    }

@@ -11,7 +11,9 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -207,11 +209,13 @@ bool MakeParentDirs(const std::string &path) {
    return ::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// Created inside BEGIN IMMEDIATE by the first connection to an empty file;
+// IF NOT EXISTS and OR IGNORE keep it harmless should it ever run twice.
 const char *const kCreateSchema =
-   "CREATE TABLE meta("
+   "CREATE TABLE IF NOT EXISTS meta("
    " key TEXT PRIMARY KEY,"
    " value TEXT NOT NULL);"
-   "CREATE TABLE objects("
+   "CREATE TABLE IF NOT EXISTS objects("
    " seq INTEGER PRIMARY KEY AUTOINCREMENT,"
    " grp TEXT NOT NULL,"
    " obj TEXT NOT NULL,"
@@ -220,9 +224,9 @@ const char *const kCreateSchema =
    " source TEXT NOT NULL CHECK(source IN ('EXTERNAL', 'USER')),"
    " doc TEXT NOT NULL,"
    " UNIQUE(grp, obj, comp, instance, source));"
-   "CREATE INDEX objects_by_kind ON objects(grp, obj, comp, source, seq);"
-   "INSERT INTO meta(key, value) VALUES('schema_version', '1');"
-   "INSERT INTO meta(key, value) VALUES('format', 'configstore');"
+   "CREATE INDEX IF NOT EXISTS objects_by_kind ON objects(grp, obj, comp, source, seq);"
+   "INSERT OR IGNORE INTO meta(key, value) VALUES('schema_version', '1');"
+   "INSERT OR IGNORE INTO meta(key, value) VALUES('format', 'configstore');"
    "PRAGMA user_version = 1;";
 
 // Checks that the database is a store of our version, creating the schema
@@ -275,27 +279,70 @@ int32_t PrepareSchema(sqlite3 *db) {
    return found == 2 ? kSuccess : kCorrupt;
 }
 
+using Clock = std::chrono::steady_clock;
+
+// Runs one step of opening a store again while it fails with kBusy and the
+// deadline has not passed.  SQLite waits in the busy handler for most
+// locks, but answers SQLITE_BUSY at once where waiting could deadlock: a
+// journal mode change, or a connection that holds a read lock and asks
+// for the write lock, while another process is creating the same store.
+// Those steps are safe to repeat from the start.
+template <typename Step>
+int32_t RetryWhileBusy(Clock::time_point deadline, Step &&step) {
+   for (int attempt = 0;; ++attempt) {
+      const int32_t rc = step();
+      if (rc != kBusy || Clock::now() >= deadline) {
+         return rc;
+      }
+      sqlite3_sleep(std::min(1 << std::min(attempt, 4), 10));  // 1, 2, 4, 8, 10 ms
+   }
+}
+
+// Switches the database to WAL (a no-op once any connection has).  A reply
+// other than "wal" means the mode could not be changed yet: busy.
+int32_t UseWal(sqlite3 *db) {
+   sqlite3_stmt *stmt = nullptr;
+   int rc = sqlite3_prepare_v2(db, "PRAGMA journal_mode = WAL", -1, &stmt, nullptr);
+   bool wal = false;
+   if (rc == SQLITE_OK) {
+      rc = sqlite3_step(stmt);
+      if (rc == SQLITE_ROW) {
+         const unsigned char *mode = sqlite3_column_text(stmt, 0);
+         wal = mode != nullptr && sqlite3_stricmp(reinterpret_cast<const char *>(mode), "wal") == 0;
+         rc = SQLITE_OK;
+      }
+   }
+   sqlite3_finalize(stmt);
+   const int32_t result = FromSqlite(rc);
+   return result == kSuccess && !wal ? kBusy : result;
+}
+
+// Opens the connection and readies the store.  Every step is safe against
+// other processes opening, creating or switching the same file at the same
+// moment: each waits behind the others within the busy timeout.
 int32_t OpenStore(Store **out) {
    const char *env = std::getenv(kPathEnv);
    std::string path = Empty(env) ? std::string(kDefaultPath) : std::string(env);
    if (!MakeParentDirs(path)) {
       return kDatabaseError;
    }
+   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
    auto store = std::make_unique<Store>();
    int rc =
       sqlite3_open_v2(path.c_str(), &store->db,
                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
    int32_t result = FromSqlite(rc);
    if (result == kSuccess) {
+      // Before any statement: every lock below waits for other connections.
       sqlite3_busy_timeout(store->db, kBusyTimeoutMs);
       sqlite3_extended_result_codes(store->db, 0);
-      result = Exec(store->db, "PRAGMA journal_mode = WAL");
+      result = RetryWhileBusy(deadline, [&] { return UseWal(store->db); });
    }
    if (result == kSuccess) {
       result = Exec(store->db, "PRAGMA synchronous = FULL");
    }
    if (result == kSuccess) {
-      result = PrepareSchema(store->db);
+      result = RetryWhileBusy(deadline, [&] { return PrepareSchema(store->db); });
    }
    if (result != kSuccess) {
       sqlite3_close_v2(store->db);
@@ -979,9 +1026,24 @@ int32_t SetValueBool(Object *obj, const char *key, bool value) {
    });
 }
 
+// A key set to an empty list holds nothing: the sub-objects under the same
+// key (instances and singleton) go with everything below them, and every
+// handle into them answers kNotFound from now on.
 int32_t SetValueEmptyList(Object *obj, const char *key) {
-   return Guard(
-      [&]() -> int32_t { return PutValue(obj, key, [](Value &v) { v.kind = Kind::kEmptyList; }); });
+   return Guard([&]() -> int32_t {
+      if (obj == nullptr || Empty(key)) {
+         return kBadParam;
+      }
+      NodePtr node = Live(obj);
+      if (!node) {
+         return kNotFound;
+      }
+      Value &v = node->PutValue(key);  // the only step that can fail
+      v = Value{};
+      v.kind = Kind::kEmptyList;
+      node->RemoveSub(key);
+      return kSuccess;
+   });
 }
 
 namespace {

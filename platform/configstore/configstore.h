@@ -16,6 +16,13 @@
 // one by one first); string arrays are released with
 // DestroyStringArrayValue.  Sub-object handles belong to their root object
 // and are released with it.
+//
+// SetValueEmptyList also empties the sub-object key of the same name: every
+// sub-object under it goes at once, with everything below it.  A handle to
+// a sub-object that is gone (DeleteSubObject, DeleteSubObjectInstances,
+// SetValueEmptyList on its key, or any of these on an ancestor) stays
+// valid memory until its root is destroyed, but every call on it answers
+// kNotFound and reaches nothing.
 #ifndef CONFIGSTORE_H
 #define CONFIGSTORE_H
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -387,10 +388,8 @@ TEST_F(ConfigStoreTest, SubObjectHandlesNeverDangle) {
 
    // A handle to a deleted sub-object answers, but no longer reaches the tree.
    char *v = nullptr;
-   int32_t rc = GetValueStr(doomed, "alias", &v);
-   EXPECT_TRUE(rc == kSuccess || rc == kNotFound) << rc;
-   free(v);
-   SetValueStr(doomed, "alias", "ghost");
+   EXPECT_EQ(GetValueStr(doomed, "alias", &v), kNotFound);
+   EXPECT_EQ(SetValueStr(doomed, "alias", "ghost"), kNotFound);
    EXPECT_EQ(GetSubObject(root, "port", "first", &tmp), kNotFound);
 
    // Many fetches, never released by the caller: LeakSanitizer must stay quiet.
@@ -399,10 +398,92 @@ TEST_F(ConfigStoreTest, SubObjectHandlesNeverDangle) {
 
    ASSERT_EQ(DeleteSubObjectInstances(root, Filter("port", "", "", "").get()), kSuccess);
    EXPECT_TRUE(SubKeys(root, "port").empty());
-   rc = GetValueStr(keep, "alias", &v);
-   EXPECT_TRUE(rc == kSuccess || rc == kNotFound) << rc;
-   if (rc == kSuccess)
+   EXPECT_EQ(GetValueStr(keep, "alias", &v), kNotFound);
+}
+
+// SetValueEmptyList on a key that holds sub-objects empties the key: every
+// instance goes at once, in memory, in the stored document and after a
+// reopen, and every handle into them answers kNotFound from then on.
+TEST_F(ConfigStoreTest, EmptyListDropsTheInstancesOfItsKey) {
+   Object *root = nullptr;
+   ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "sw0", "{}", &root), kSuccess);
+   ObjPtr rootPtr(root);
+   Object *settings = nullptr, *a = nullptr, *b = nullptr, *deep = nullptr, *other = nullptr;
+   ASSERT_EQ(CreateSubObject(root, "settings", nullptr, &settings), kSuccess);
+   for (const char *id : {"a", "b", "c"}) {
+      Object *inst = nullptr;
+      ASSERT_EQ(CreateSubObject(settings, "pvlans", id, &inst), kSuccess);
+      ASSERT_EQ(SetValueUint16(inst, "primary_id", 10), kSuccess);
+   }
+   ASSERT_EQ(CreateSubObject(settings, "pvlans", "a", &a), kSuccess);  // existing one
+   ASSERT_EQ(GetSubObject(settings, "pvlans", "b", &b), kSuccess);
+   ASSERT_EQ(CreateSubObject(a, "extra", "x", &deep), kSuccess);
+   ASSERT_EQ(CreateSubObject(settings, "other", "o", &other), kSuccess);
+   ObjArray listed;  // elements belong to the tree: only the array is freed
+   ASSERT_EQ(GetSubObjectInstances(settings, Filter("pvlans", "", "", "").get(), &listed.items,
+                                   &listed.count),
+             kSuccess);
+   std::vector<Object *> dead = {a, b, deep};
+   dead.insert(dead.end(), listed.items, listed.items + listed.count);
+   listed.count = 0;
+   auto s = Open();
+   ASSERT_EQ(Set(s.get(), root, kSourceExternal), kSuccess);
+
+   ASSERT_EQ(SetValueEmptyList(settings, "pvlans"), kSuccess);
+   EXPECT_TRUE(SubKeys(settings, "pvlans").empty());
+   EXPECT_EQ(SubKeys(settings, "other"), std::vector<std::string>{"o"});
+   for (Object *h : dead) {
+      char *v = nullptr;
+      uint16_t n = 0;
+      Object *sub = nullptr;
+      ObjArray subs;
+      EXPECT_EQ(GetValueStr(h, "key", &v), kNotFound);
       free(v);
+      EXPECT_EQ(GetValueUint16(h, "primary_id", &n), kNotFound);
+      EXPECT_EQ(SetValueUint16(h, "primary_id", 11), kNotFound);
+      EXPECT_EQ(SetValueEmptyList(h, "list"), kNotFound);
+      EXPECT_EQ(CreateSubObject(h, "extra", "y", &sub), kNotFound);
+      EXPECT_EQ(
+         GetSubObjectInstances(h, Filter("extra", "", "", "").get(), &subs.items, &subs.count),
+         kNotFound);
+      DestroyConfigStoreObject(h);  // a no-op for a sub-object handle
+   }
+   // A re-created instance is new and empty; the old handle stays dead.
+   Object *again = nullptr;
+   uint16_t n = 0;
+   ASSERT_EQ(CreateSubObject(settings, "pvlans", "a", &again), kSuccess);
+   EXPECT_NE(again, a);
+   EXPECT_EQ(GetValueUint16(again, "primary_id", &n), kNotFound);
+   EXPECT_EQ(GetValueUint16(a, "primary_id", &n), kNotFound);
+   ASSERT_EQ(SetValueUint16(again, "primary_id", 20), kSuccess);
+
+   ASSERT_EQ(Set(s.get(), root, kSourceExternal), kSuccess);
+   auto reopened = Open();
+   Object *back = nullptr, *bs = nullptr, *ba = nullptr;
+   ASSERT_EQ(Get(reopened.get(), kGroup, kObj, kComp, "sw0", &back), kSuccess);
+   ObjPtr backPtr(back);
+   ASSERT_EQ(GetSubObject(back, "settings", "", &bs), kSuccess);
+   EXPECT_EQ(SubKeys(bs, "pvlans"), std::vector<std::string>{"a"});
+   EXPECT_EQ(SubKeys(bs, "other"), std::vector<std::string>{"o"});
+   ASSERT_EQ(GetSubObject(bs, "pvlans", "a", &ba), kSuccess);
+   EXPECT_EQ(GetValueUint16(ba, "primary_id", &n), kSuccess);
+   EXPECT_EQ(n, 20);
+   EXPECT_TRUE(SubKeys(ba, "extra").empty());
+
+   // Emptied and written with nothing re-created: an empty list, no instances.
+   ASSERT_EQ(SetValueEmptyList(bs, "pvlans"), kSuccess);
+   EXPECT_EQ(GetValueUint16(ba, "primary_id", &n), kNotFound);
+   ASSERT_EQ(Set(reopened.get(), back, kSourceExternal), kSuccess);
+   Object *last = nullptr, *ls = nullptr;
+   ASSERT_EQ(Get(Open().get(), kGroup, kObj, kComp, "sw0", &last), kSuccess);
+   ObjPtr lastPtr(last);
+   ASSERT_EQ(GetSubObject(last, "settings", "", &ls), kSuccess);
+   EXPECT_TRUE(SubKeys(ls, "pvlans").empty());
+   char **items = nullptr;
+   uint32_t count = 9;
+   ASSERT_EQ(GetValueStringArray(ls, "pvlans", &items, &count), kSuccess);
+   EXPECT_EQ(count, 0u);
+   DestroyStringArrayValue(items, count);
 }
 
 TEST_F(ConfigStoreTest, TransactionsIsolateCommitAndCancel) {
@@ -530,6 +611,78 @@ TEST_F(ConfigStoreTest, KilledWriterLeavesLastCommittedState) {
    EXPECT_EQ(Fetch(s.get(), "base"), "v3");
    EXPECT_EQ(Fetch(s.get(), "extra"), "e");
    ASSERT_EQ(Put(s.get(), "after", "ok"), kSuccess);  // the store is still writable
+}
+
+/* One increment of the counter object in its own connection and transaction;
+   0, or 16 x the failing step + its code. */
+int IncrementCounter() {
+   Store *s = nullptr;
+   Object *o = nullptr;
+   int64_t n = 0;
+   int32_t rc = GetStore(0, &s);
+   if (rc != kSuccess)
+      return 16 + rc;
+   StorePtr store(s);
+   if ((rc = BeginTransaction(s)) != kSuccess)
+      return 32 + rc;
+   rc = Get(s, kGroup, kObj, kComp, "counter", &o);
+   if (rc == kNotFound)
+      rc = CreateObject(kGroup, kObj, kComp, "counter", "{}", &o);
+   if (rc != kSuccess)
+      return 48 + rc;
+   ObjPtr obj(o);
+   rc = GetValueLong(o, "n", &n);
+   if ((rc != kSuccess && rc != kNotFound) || SetValueLong(o, "n", n + 1) != kSuccess)
+      return 64 + rc;
+   if ((rc = Set(s, o, kSourceExternal)) != kSuccess)
+      return 80 + rc;
+   return (rc = CommitTransaction(s)) != kSuccess ? 96 + rc : 0;
+}
+
+// Processes that open a store nobody has created yet, all at the same
+// moment, wait behind each other's creation instead of failing.
+TEST_F(ConfigStoreTest, ConcurrentFirstOpensAllSucceed) {
+   constexpr int kProcs = 6, kRounds = 30;
+   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(40);
+   std::vector<int> failures;
+   int round = 0;
+   for (; round < kRounds && std::chrono::steady_clock::now() < deadline; round++) {
+      const std::string path = dir_ + "/r" + std::to_string(round) + "/store.db";
+      setenv(kPathEnv, path.c_str(), 1);
+      int gate[2];
+      ASSERT_EQ(pipe(gate), 0);
+      std::vector<pid_t> pids;
+      for (int i = 0; i < kProcs; i++) {
+         pid_t pid = fork();
+         ASSERT_GE(pid, 0);
+         if (pid == 0) {
+            alarm(30);  // never outlive a stuck parent
+            close(gate[1]);
+            char c;
+            _exit(read(gate[0], &c, 1) == 0 ? IncrementCounter() : 127);  // 0: gate opened
+         }
+         pids.push_back(pid);
+      }
+      close(gate[0]);
+      close(gate[1]);  // opens the gate for all at once
+      for (pid_t pid : pids) {
+         int status = 0;
+         ASSERT_EQ(waitpid(pid, &status, 0), pid);
+         int code = WIFEXITED(status) ? WEXITSTATUS(status) : 200 + WTERMSIG(status);
+         if (code != 0)
+            failures.push_back(code);
+      }
+      auto s = Open();
+      Object *o = nullptr;
+      int64_t n = 0;
+      ASSERT_EQ(Get(s.get(), kGroup, kObj, kComp, "counter", &o), kSuccess) << "round " << round;
+      ObjPtr obj(o);
+      ASSERT_EQ(GetValueLong(o, "n", &n), kSuccess);
+      EXPECT_EQ(n, kProcs - static_cast<int64_t>(failures.size())) << "round " << round;
+      ASSERT_TRUE(failures.empty()) << "round " << round << ": first failure " << failures[0]
+                                    << " (16 x step + code), " << failures.size() << " in all";
+   }
+   EXPECT_GE(round, 5);
 }
 
 TEST_F(ConfigStoreTest, PathFromEnvironmentEachTime) {
