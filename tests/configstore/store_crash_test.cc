@@ -105,7 +105,7 @@ class StoreCrashTest : public testing::Test {
       }
       // Two variants of each of two concurrent writers' hosts.
       for (uint32_t i = 0; i < 4; ++i) {
-         writers_.push_back(MakeHost(3 + i % 2, 200, 21 + i));
+         writers_.push_back(MakeHost(3 + i % 2, 150, 21 + i));
       }
    }
    void SetUp() override {
