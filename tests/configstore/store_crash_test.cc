@@ -181,16 +181,16 @@ TEST_F(StoreCrashTest, KilledSaveLeavesTheLastCommittedHost) {
       // between its commit and its report.
       stored = StoredHost(hosts, &why);
       ASSERT_TRUE(stored == last || stored == (last + 1) % 3)
-         << "round " << round << ": the store holds host " << stored
-         << " after host " << last << " was reported committed\n"
+         << "round " << round << ": the store holds host " << stored << " after host " << last
+         << " was reported committed\n"
          << why;
       unreported += stored != last;
    }
    killloop::Report("store save", std::to_string(round) + " kills, " + std::to_string(commits) +
                                      " saves reported, " + std::to_string(unreported) +
                                      " committed but not reported, " + std::to_string(saveMs) +
-                                     " ms per save, " +
-                                     std::to_string(killloop::Seconds(started)) + " s");
+                                     " ms per save, " + std::to_string(killloop::Seconds(started)) +
+                                     " s");
    EXPECT_GE(round, std::min(rounds, 5));
 }
 

@@ -281,8 +281,7 @@ TEST_F(StateFileTest, KilledWriterLeavesOneWholePayload) {
       seen.insert(found);
    }
    killloop::Report("state file", std::to_string(round) + " kills (" +
-                                     std::to_string(midReplacement) +
-                                     " inside a replacement) in " +
+                                     std::to_string(midReplacement) + " inside a replacement) in " +
                                      std::to_string(killloop::Seconds(started)) + " s");
    EXPECT_GE(round, std::min(rounds, 20));
    EXPECT_EQ(seen.size(), 3u);  // the kills did land among replacements
