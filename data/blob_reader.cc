@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "data/data_trace.h"
+#include "data/property_list.h"
 #include "data/record_layout.h"
 
 namespace dvs::data {
@@ -16,6 +17,7 @@ namespace {
 struct Record {
    uint32_t serialLen;
    const char *name;
+   size_t nameLen;
    uint32_t flag;
    uint32_t dataLen;
    const uint8_t *data;
@@ -68,10 +70,12 @@ ReturnStatus ReadRecord(const uint8_t *p, uint32_t serialLen, Record *rec) {
    }
    rec->serialLen = serialLen;
    rec->name = reinterpret_cast<const char *>(p + kRecordNameOffset);
-   if (std::memchr(rec->name, '\0', DVSDATA_NAME_MAX) == nullptr) {
+   const void *nul = std::memchr(rec->name, '\0', DVSDATA_NAME_MAX);
+   if (nul == nullptr) {
       DATA_TRACE(0, "bad data: property name not terminated in record of length %u\n", serialLen);
       return STATUS_BAD_PARAM;
    }
+   rec->nameLen = static_cast<size_t>(static_cast<const char *>(nul) - rec->name);
    rec->flag = LoadU32(p + kRecordFlagOffset);
    rec->dataLen = LoadU32(p + kRecordDataLenOffset);
    if (rec->dataLen > serialLen - kRecordDataOffset) {
@@ -173,7 +177,7 @@ DVS_EXPORT ReturnStatus DVSData_DeserializeWithPropType(DVSDataHandle *h, const 
    ReturnStatus status =
       WalkRecords(bytes, length, &stopped, [&](const Record &rec, ReturnStatus *st) {
          if ((rec.flag & typeMask) != 0) {
-            *st = DVSData_Append(list, rec.name, rec.data, rec.dataLen, rec.flag);
+            *st = AppendNamed(list, rec.name, rec.nameLen, rec.data, rec.dataLen, rec.flag);
          }
          return false;
       });

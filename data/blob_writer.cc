@@ -4,8 +4,10 @@
 // marker.
 #include <cstring>
 
+#include "data/blob_build.h"
 #include "data/data_trace.h"
 #include "data/record_layout.h"
+#include "data/word_sum.h"
 
 namespace dvs::data {
 namespace {
@@ -72,19 +74,6 @@ uint32_t FilteredSize(DVSDataHandle h, const Filter &filter) {
    return size;
 }
 
-void WriteHeader(uint8_t *blob, uint32_t length) {
-   StoreU32(blob + kBlobLengthOffset, length);
-   StoreU32(blob + kBlobChecksumOffset, 0);
-   StoreU16(blob + kBlobVersionOffset, DVSDATA_BLOB_VERSION);
-   StoreU16(blob + kBlobReservedOffset, 0);
-}
-
-// Writes the end marker at `end` and seals the blob with its checksum.
-void Finish(uint8_t *blob, uint32_t end) {
-   StoreU32(blob + end, 0);
-   StoreU32(blob + kBlobChecksumOffset, DVSDataChecksum(blob));
-}
-
 // Gets the output buffer: the caller's (when it is large enough) or a new
 // one from the list's allocator.
 ReturnStatus TakeBuffer(DVSDataHandle h, void **blob, uint32_t *len, uint32_t need,
@@ -106,19 +95,13 @@ ReturnStatus TakeBuffer(DVSDataHandle h, void **blob, uint32_t *len, uint32_t ne
    return STATUS_OK;
 }
 
-ReturnStatus Write(DVSDataHandle h, void **blob, uint32_t *len, const Filter &filter) {
-   if (h == nullptr || blob == nullptr || len == nullptr) {
-      return STATUS_BAD_PARAM;
-   }
-   const uint32_t need = FilteredSize(h, filter);
-   DATA_TRACE(2, "allocating buffer size %d\n", static_cast<int>(need));
-   bool allocated = false;
-   if (ReturnStatus status = TakeBuffer(h, blob, len, need, &allocated); status != STATUS_OK) {
-      return status;
-   }
-   auto *out = static_cast<uint8_t *>(*blob);
-   WriteHeader(out, need);
-
+// Writes the list's blob of `need` bytes (its FilteredSize) at out; see
+// WriteListBlob.
+ReturnStatus WriteInto(DVSDataHandle h, const Filter &filter, uint8_t *out, uint32_t need,
+                       uint32_t *wordSum) {
+   // Every record image is a whole number of words at a word offset, so the
+   // checksum is summed while the records are copied.
+   uint32_t sum = WriteBlobHeader(out, need);
    uint32_t pos = DVSDATA_HEADER_SIZE;
    uint32_t remaining = h->serialSize - DVSDATA_HEADER_SIZE;
    const DVSDataEntry *e = h->head;
@@ -131,28 +114,113 @@ ReturnStatus Write(DVSDataHandle h, void **blob, uint32_t *len, const Filter &fi
          }
          DATA_TRACE(2, "serializing %s: %u/%u data/serial bytes\n", e->name, e->dataLen,
                     e->serialLen);
-         std::memcpy(out + pos, RecordImage(e), e->serialLen);
+         sum += CopySumWords(out + pos, RecordImage(e), e->serialLen / 4);
          pos += e->serialLen;
       }
       remaining -= e->serialLen;
    }
    if (e == nullptr && remaining == kEndMarkerSize && pos == need - kEndMarkerSize) {
-      Finish(out, pos);
+      WriteEndMarker(out, pos);
+      *wordSum = SealWithWordSum(out, need, sum);
       return STATUS_OK;
    }
-
    DATA_TRACE(0,
               "DVSData length changed during serialization, buflen = %u, lenRemaining = %u, "
               "name %s, size %u\n",
               need, remaining, e != nullptr ? e->name : "NULL", e != nullptr ? e->serialLen : 0);
-   if (allocated) {
-      h->freeFn(*blob);
-      *blob = nullptr;
-   }
    return STATUS_LIMIT_EXCEEDED;
 }
 
+ReturnStatus Write(DVSDataHandle h, void **blob, uint32_t *len, const Filter &filter) {
+   if (h == nullptr || blob == nullptr || len == nullptr) {
+      return STATUS_BAD_PARAM;
+   }
+   const uint32_t need = FilteredSize(h, filter);
+   DATA_TRACE(2, "allocating buffer size %d\n", static_cast<int>(need));
+   bool allocated = false;
+   if (ReturnStatus status = TakeBuffer(h, blob, len, need, &allocated); status != STATUS_OK) {
+      return status;
+   }
+   uint32_t wordSum = 0;
+   const ReturnStatus status = WriteInto(h, filter, static_cast<uint8_t *>(*blob), need, &wordSum);
+   if (status != STATUS_OK && allocated) {
+      h->freeFn(*blob);
+      *blob = nullptr;
+   }
+   return status;
+}
+
 }  // namespace
+
+uint32_t ListBlobSize(DVSDataHandle h, uint32_t typeMask) {
+   return FilteredSize(h, Filter::ExcludingType(typeMask));
+}
+
+ReturnStatus WriteListBlob(DVSDataHandle h, uint32_t typeMask, uint8_t *out, uint32_t size,
+                           uint32_t *wordSum) {
+   return WriteInto(h, Filter::ExcludingType(typeMask), out, size, wordSum);
+}
+
+void WarnOldVersion(uint32_t version) {
+   // Old switch versions are only warned about; their blobs look the same.
+   if (version <= 3) {
+      DATA_TRACE(0, "DVS version %d is smaller than 6.0.\n", static_cast<int>(version));
+   }
+}
+
+uint32_t WriteBlobHeader(uint8_t *blob, uint32_t length) {
+   StoreU32(blob + kBlobLengthOffset, length);
+   StoreU32(blob + kBlobChecksumOffset, 0);
+   StoreU16(blob + kBlobVersionOffset, DVSDATA_BLOB_VERSION);
+   StoreU16(blob + kBlobReservedOffset, 0);
+   return SumWords(blob, DVSDATA_HEADER_SIZE / 4);
+}
+
+void WriteEndMarker(uint8_t *blob, uint32_t end) {
+   StoreU32(blob + end, 0);
+}
+
+uint32_t SealWithWordSum(uint8_t *blob, uint32_t length, uint32_t wordSum) {
+   // The checksum leaves out the words before kChecksumStart; they were
+   // summed with the rest, so take them off again.  The checksum field is
+   // still zero here and adds nothing to either sum.
+   const uint32_t headWords = length < kChecksumStart ? length / 4 : kChecksumStart / 4;
+   const uint32_t checksum = wordSum - SumWords(blob, headWords);
+   StoreU32(blob + kBlobChecksumOffset, checksum);
+   return wordSum + checksum;
+}
+
+uint32_t WriteRecordHead(uint8_t *record, const char *name, uint32_t flag, uint32_t dataLen) {
+   StoreU32(record + kRecordSerialLenOffset, RecordLength(dataLen));
+   // As the list stores names: cut to 127 characters, the rest zeros.
+   const size_t nameLen = strnlen(name, DVSDATA_NAME_MAX - 1);
+   std::memcpy(record + kRecordNameOffset, name, nameLen);
+   std::memset(record + kRecordNameOffset + nameLen, 0, DVSDATA_NAME_MAX - nameLen);
+   StoreU32(record + kRecordFlagOffset, flag);
+   StoreU32(record + kRecordDataLenOffset, dataLen);
+   return SumWords(record, kRecordDataOffset / 4);
+}
+
+uint32_t WriteRecord(uint8_t *record, const char *name, uint32_t flag, const void *data,
+                     uint32_t dataLen) {
+   uint32_t sum = WriteRecordHead(record, name, flag, dataLen);
+   uint8_t *value = record + kRecordDataOffset;
+   const uint32_t whole = dataLen / 4 * 4;
+   sum += CopySumWords(value, static_cast<const uint8_t *>(data), whole / 4);
+   // The last, partial value word and the padding: zeros around the rest.
+   const uint32_t tailLen = RecordLength(dataLen) - kRecordDataOffset - whole;
+   std::memset(value + whole, 0, tailLen);
+   if (dataLen > whole) {
+      std::memcpy(value + whole, static_cast<const uint8_t *>(data) + whole, dataLen - whole);
+   }
+   return sum + SumWords(value + whole, tailLen / 4);
+}
+
+void ZeroRecordPadding(uint8_t *record, uint32_t dataLen) {
+   std::memset(record + kRecordDataOffset + dataLen, 0,
+               RecordLength(dataLen) - kRecordDataOffset - dataLen);
+}
+
 }  // namespace dvs::data
 
 using namespace dvs::data;
@@ -175,10 +243,7 @@ DVS_EXPORT ReturnStatus DVSData_Serialize(DVSDataHandle h, void **blob, uint32_t
 
 DVS_EXPORT ReturnStatus DVSData_SerializeExNamedProp(DVSDataHandle h, void **blob, uint32_t *len,
                                                      uint32_t version, const char *exName) {
-   // Old switch versions are only warned about; their blobs look the same.
-   if (version <= 3) {
-      DATA_TRACE(0, "DVS version %d is smaller than 6.0.\n", static_cast<int>(version));
-   }
+   WarnOldVersion(version);
    return Write(h, blob, len, Filter::ExcludingName(exName));
 }
 
@@ -214,11 +279,12 @@ DVS_EXPORT ReturnStatus DVSData_SerializeEntry(DVSDataHandle h, const char *name
    if (out == nullptr) {
       return STATUS_NO_MEMORY;
    }
-   WriteHeader(out, need);
-   std::memcpy(out + DVSDATA_HEADER_SIZE, RecordImage(e), e->serialLen);
+   uint32_t sum = WriteBlobHeader(out, need);
+   sum += CopySumWords(out + DVSDATA_HEADER_SIZE, RecordImage(e), e->serialLen / 4);
+   WriteEndMarker(out, need - kEndMarkerSize);
+   SealWithWordSum(out, need, sum);
    *blob = out;
    *len = need;
-   Finish(out, need - kEndMarkerSize);
    return STATUS_OK;
 }
 
