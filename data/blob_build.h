@@ -16,8 +16,13 @@
 namespace dvs::data {
 
 // Size of the blob of the list written without filter (typeMask 0) or
-// leaving out properties whose flag shares a bit with typeMask.
+// leaving out properties whose flag shares a bit with typeMask.  Sizing
+// ahead of writing is not traced; the write traces its filter tests.
 uint32_t ListBlobSize(DVSDataHandle h, uint32_t typeMask);
+
+// Copies the record images of all the list's entries to out, back to back
+// (h->serialSize - 16 bytes), and returns their word sum.
+uint32_t CopyListRecords(DVSDataHandle h, uint8_t *out);
 
 // Writes that blob, of `size` bytes as ListBlobSize gave it, at out.  On
 // success *wordSum receives the sum of all its words.  A list that does not

@@ -5,6 +5,7 @@
 // bytes it was given.
 #include <cstring>
 
+#include "data/blob_view.h"
 #include "data/data_trace.h"
 #include "data/property_list.h"
 #include "data/record_layout.h"
@@ -135,7 +136,35 @@ ReturnStatus WalkRecords(const uint8_t *blob, uint32_t length, bool *stopped, Vi
    return RecordTooLong(serialLen);
 }
 
+// The list reader's checks of the header: lengths, version, checksum.
+ReturnStatus CheckHeader(const uint8_t *bytes, uint32_t len, uint32_t *length) {
+   if (ReturnStatus status = CheckLengths(bytes, len, length); status != STATUS_OK) {
+      return status;
+   }
+   if (Version(bytes) != DVSDATA_BLOB_VERSION) {
+      DATA_TRACE(0, "Bad data: expected header version %d, actual %d\n", DVSDATA_BLOB_VERSION,
+                 static_cast<int>(Version(bytes)));
+      return STATUS_BAD_PARAM;
+   }
+   return CheckChecksum(bytes);
+}
+
 }  // namespace
+
+ReturnStatus CheckBlob(const void *blob, uint32_t len) {
+   if (blob == nullptr) {
+      return STATUS_BAD_PARAM;
+   }
+   const auto *bytes = static_cast<const uint8_t *>(blob);
+   uint32_t length = 0;
+   if (ReturnStatus status = CheckHeader(bytes, len, &length); status != STATUS_OK) {
+      return status;
+   }
+   bool stopped = false;
+   return WalkRecords(bytes, length, &stopped,
+                      [](const Record &, ReturnStatus *) { return false; });
+}
+
 }  // namespace dvs::data
 
 using namespace dvs::data;
@@ -155,15 +184,7 @@ DVS_EXPORT ReturnStatus DVSData_DeserializeWithPropType(DVSDataHandle *h, const 
    }
    const auto *bytes = static_cast<const uint8_t *>(blob);
    uint32_t length = 0;
-   if (ReturnStatus status = CheckLengths(bytes, len, &length); status != STATUS_OK) {
-      return status;
-   }
-   if (Version(bytes) != DVSDATA_BLOB_VERSION) {
-      DATA_TRACE(0, "Bad data: expected header version %d, actual %d\n", DVSDATA_BLOB_VERSION,
-                 static_cast<int>(Version(bytes)));
-      return STATUS_BAD_PARAM;
-   }
-   if (ReturnStatus status = CheckChecksum(bytes); status != STATUS_OK) {
+   if (ReturnStatus status = CheckHeader(bytes, len, &length); status != STATUS_OK) {
       return status;
    }
 

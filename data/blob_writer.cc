@@ -29,18 +29,23 @@ class Filter {
 
    bool IsNone() const { return kind_ == Kind::kNone; }
 
-   // Whether the entry is written.  Each test is traced at level 1.
-   bool Keeps(const DVSDataEntry *e) const {
+   // Whether the entry is written.  Each test is traced at level 1 unless
+   // the caller only sizes a blob ahead of writing it.
+   bool Keeps(const DVSDataEntry *e, bool traced = true) const {
       switch (kind_) {
          case Kind::kNone:
             return true;
          case Kind::kName:
-            DATA_TRACE(1, "Entry %s, length %u exName %s\n", e->name, e->dataLen, substring_);
+            if (traced) {
+               DATA_TRACE(1, "Entry %s, length %u exName %s\n", e->name, e->dataLen, substring_);
+            }
             return std::strstr(e->name, substring_) == nullptr ||
                    std::strstr(e->name, kPersistedVolatileProp) != nullptr;
          case Kind::kType:
-            DATA_TRACE(1, "Property type entry %s, length %u flag %x/%x\n", e->name, e->dataLen,
-                       e->flag, mask_);
+            if (traced) {
+               DATA_TRACE(1, "Property type entry %s, length %u flag %x/%x\n", e->name,
+                          e->dataLen, e->flag, mask_);
+            }
             return (e->flag & mask_) == 0;
       }
       return true;
@@ -59,14 +64,14 @@ class Filter {
 // Size of the blob that Write produces with this filter.  The walk is
 // bounded by serialSize like the writer's, so both agree on which entries
 // they consider.
-uint32_t FilteredSize(DVSDataHandle h, const Filter &filter) {
+uint32_t FilteredSize(DVSDataHandle h, const Filter &filter, bool traced = true) {
    if (filter.IsNone()) {
       return h->serialSize;
    }
    uint32_t size = DVSDATA_MIN_BLOB_SIZE;
    uint32_t remaining = h->serialSize - DVSDATA_HEADER_SIZE;
    for (const DVSDataEntry *e = h->head; e != nullptr && e->serialLen < remaining; e = e->next) {
-      if (filter.Keeps(e)) {
+      if (filter.Keeps(e, traced)) {
          size += RecordLength(e->dataLen);
       }
       remaining -= e->serialLen;
@@ -153,7 +158,16 @@ ReturnStatus Write(DVSDataHandle h, void **blob, uint32_t *len, const Filter &fi
 }  // namespace
 
 uint32_t ListBlobSize(DVSDataHandle h, uint32_t typeMask) {
-   return FilteredSize(h, Filter::ExcludingType(typeMask));
+   return FilteredSize(h, Filter::ExcludingType(typeMask), false);
+}
+
+uint32_t CopyListRecords(DVSDataHandle h, uint8_t *out) {
+   uint32_t sum = 0;
+   for (const DVSDataEntry *e = h->head; e != nullptr; e = e->next) {
+      sum += CopySumWords(out, RecordImage(e), e->serialLen / 4);
+      out += e->serialLen;
+   }
+   return sum;
 }
 
 ReturnStatus WriteListBlob(DVSDataHandle h, uint32_t typeMask, uint8_t *out, uint32_t size,
