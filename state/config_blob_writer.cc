@@ -241,8 +241,28 @@ ReturnStatus CheckedSwitchBlobSize(const DVSwitch *dvs, uint32_t *size) {
    return STATUS_OK;
 }
 
+// The output buffer, as the list writers take it: the caller's when *blob
+// is set and *len says it is large enough, else a new one of the exact
+// size from the process allocator.
+ReturnStatus TakeOutput(void **blob, uint32_t *len, uint32_t size, bool *allocated) {
+   *allocated = false;
+   if (*blob != nullptr) {
+      if (size > *len) {
+         return STATUS_LIMIT_EXCEEDED;
+      }
+      return STATUS_OK;
+   }
+   if ((*blob = std::malloc(size)) == nullptr) {
+      *len = size;  // as the list writers leave it
+      return STATUS_NO_MEMORY;
+   }
+   *allocated = true;
+   return STATUS_OK;
+}
+
 // Writes the host blob into a buffer of the exact size, switch by switch.
-// On failure the message names the switch and the buffer is released.
+// On failure the message names the switch and a buffer taken here is
+// released.
 ReturnStatus WriteHostBlob(void **blob, uint32_t *len) {
    uint32_t switchSizes[DVS_MAX_SWITCHES] = {};
    uint64_t total = DVSDATA_MIN_BLOB_SIZE;
@@ -263,10 +283,11 @@ ReturnStatus WriteHostBlob(void **blob, uint32_t *len) {
       }
    }
    const auto size = static_cast<uint32_t>(total);
-   auto *out = static_cast<uint8_t *>(std::malloc(size));
-   if (out == nullptr) {
-      return STATUS_NO_MEMORY;
+   bool allocated = false;
+   if (ReturnStatus status = TakeOutput(blob, len, size, &allocated); status != STATUS_OK) {
+      return status;
    }
+   auto *out = static_cast<uint8_t *>(*blob);
 
    uint32_t sum = dvs::data::WriteBlobHeader(out, size);
    uint32_t pos = DVSDATA_HEADER_SIZE;
@@ -283,7 +304,10 @@ ReturnStatus WriteHostBlob(void **blob, uint32_t *len) {
          // Whatever went wrong, the host blob reports it as one status.
          STATE_TRACE(0, "DVSStateConfigSerializeCB DVS %s failed %s\n", dvs->id,
                      HYP_ReturnStatusToString(status));
-         std::free(out);
+         if (allocated) {
+            std::free(out);
+            *blob = nullptr;
+         }
          return STATUS_EXISTS;
       }
       dvs::data::ZeroRecordPadding(record, switchSizes[i]);
@@ -293,7 +317,6 @@ ReturnStatus WriteHostBlob(void **blob, uint32_t *len) {
    }
    dvs::data::WriteEndMarker(out, pos);
    dvs::data::SealWithWordSum(out, size, sum);
-   *blob = out;
    *len = size;
    return STATUS_OK;
 }
@@ -323,17 +346,20 @@ DVS_EXPORT ReturnStatus DVSState_SwitchSerialize(DVSwitch *dvs, void **blob, uin
    if (status != STATUS_OK) {
       return status;
    }
-   auto *out = static_cast<uint8_t *>(std::malloc(size));
-   if (out == nullptr) {
-      return STATUS_NO_MEMORY;
-   }
-   uint32_t sum = 0;
-   status = WriteSwitchBlob(dvs, out, size, &sum);
+   bool allocated = false;
+   status = TakeOutput(blob, len, size, &allocated);
    if (status != STATUS_OK) {
-      std::free(out);
       return status;
    }
-   *blob = out;
+   uint32_t sum = 0;
+   status = WriteSwitchBlob(dvs, static_cast<uint8_t *>(*blob), size, &sum);
+   if (status != STATUS_OK) {
+      if (allocated) {
+         std::free(*blob);
+         *blob = nullptr;
+      }
+      return status;
+   }
    *len = size;
    return STATUS_OK;
 }
