@@ -106,7 +106,8 @@ ReturnStatus WriteInto(DVSDataHandle h, const Filter &filter, uint8_t *out, uint
                        uint32_t *wordSum) {
    // Every record image is a whole number of words at a word offset, so the
    // checksum is summed while the records are copied.
-   uint32_t sum = WriteBlobHeader(out, need);
+   WordSum sum;
+   sum.Add(WriteBlobHeader(out, need));
    uint32_t pos = DVSDATA_HEADER_SIZE;
    uint32_t remaining = h->serialSize - DVSDATA_HEADER_SIZE;
    const DVSDataEntry *e = h->head;
@@ -119,14 +120,14 @@ ReturnStatus WriteInto(DVSDataHandle h, const Filter &filter, uint8_t *out, uint
          }
          DATA_TRACE(2, "serializing %s: %u/%u data/serial bytes\n", e->name, e->dataLen,
                     e->serialLen);
-         sum += CopySumWords(out + pos, RecordImage(e), e->serialLen / 4);
+         sum.Copy(out + pos, RecordImage(e), e->serialLen / 4);
          pos += e->serialLen;
       }
       remaining -= e->serialLen;
    }
    if (e == nullptr && remaining == kEndMarkerSize && pos == need - kEndMarkerSize) {
       WriteEndMarker(out, pos);
-      *wordSum = SealWithWordSum(out, need, sum);
+      *wordSum = SealWithWordSum(out, need, sum.Total());
       return STATUS_OK;
    }
    DATA_TRACE(0,
@@ -162,12 +163,12 @@ uint32_t ListBlobSize(DVSDataHandle h, uint32_t typeMask) {
 }
 
 uint32_t CopyListRecords(DVSDataHandle h, uint8_t *out) {
-   uint32_t sum = 0;
+   WordSum sum;
    for (const DVSDataEntry *e = h->head; e != nullptr; e = e->next) {
-      sum += CopySumWords(out, RecordImage(e), e->serialLen / 4);
+      sum.Copy(out, RecordImage(e), e->serialLen / 4);
       out += e->serialLen;
    }
-   return sum;
+   return sum.Total();
 }
 
 ReturnStatus WriteListBlob(DVSDataHandle h, uint32_t typeMask, uint8_t *out, uint32_t size,
