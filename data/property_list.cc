@@ -37,18 +37,22 @@ DVSDataEntry *NewEntryWithName(DVSDataHandle h, const char *name, size_t nameLen
       return nullptr;
    }
    auto *entry = static_cast<DVSDataEntry *>(block);
+   uint8_t *image = static_cast<uint8_t *>(block) + kImageStart;
+   // The name's tail and the padding are cleared: equal lists then give
+   // byte-identical blobs.  Fixed-size clears compile to a few stores: the
+   // whole name field, and the record's last eight bytes, which hold all
+   // of the 3 to 6 padding bytes (the fields and value are written after).
+   std::memset(entry->name, 0, sizeof entry->name);
+   StoreU32(image + serialLen - 8, 0);
+   StoreU32(image + serialLen - 4, 0);
    entry->next = nullptr;
    entry->serialLen = serialLen;
-   // The name's tail and the padding are cleared: equal lists then give
-   // byte-identical blobs.
    std::memcpy(entry->name, name, nameLen);
-   std::memset(entry->name + nameLen, 0, sizeof entry->name - nameLen);
    entry->flag = flag;
    entry->dataLen = dataLen;
    if (dataLen != 0) {
       std::memcpy(entry->data, data, dataLen);
    }
-   std::memset(entry->data + dataLen, 0, serialLen - kRecordDataOffset - dataLen);
    return entry;
 }
 
