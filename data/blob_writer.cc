@@ -43,8 +43,8 @@ class Filter {
                    std::strstr(e->name, kPersistedVolatileProp) != nullptr;
          case Kind::kType:
             if (traced) {
-               DATA_TRACE(1, "Property type entry %s, length %u flag %x/%x\n", e->name,
-                          e->dataLen, e->flag, mask_);
+               DATA_TRACE(1, "Property type entry %s, length %u flag %x/%x\n", e->name, e->dataLen,
+                          e->flag, mask_);
             }
             return (e->flag & mask_) == 0;
       }

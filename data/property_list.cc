@@ -26,8 +26,8 @@ bool PointsInto(const void *p, const DVSDataEntry *entry) {
 // characters (at most 127) and of the value.  The copies are made before
 // the caller touches the list, so name and value may point into an entry
 // that the caller is about to release.
-DVSDataEntry *NewEntryWithName(DVSDataHandle h, const char *name, size_t nameLen,
-                               const void *data, uint32_t dataLen, uint32_t flag) {
+DVSDataEntry *NewEntryWithName(DVSDataHandle h, const char *name, size_t nameLen, const void *data,
+                               uint32_t dataLen, uint32_t flag) {
    if (dataLen > kMaxDataLen) {
       return nullptr;
    }

@@ -34,8 +34,8 @@ ReturnStatus ReadU32(DVSDataEntry *entry, uint32_t *out) {
 // each of these names.  Every other kept record, in blob order, is a port.
 struct SwitchParts {
    enum Part { kHostList, kGlobalList, kVersion, kClassName, kMaxPorts, kCount };
-   static constexpr const char *kNames[kCount] = {"hostPropList", "globalPropList",
-                                                  "switchVersion", "className", "maxPorts"};
+   static constexpr const char *kNames[kCount] = {"hostPropList", "globalPropList", "switchVersion",
+                                                  "className", "maxPorts"};
    const dvs::data::RecordView *Get(Part part) const { return found[part] ? &recs[part] : nullptr; }
    bool IsPart(const dvs::data::RecordView &rec) const {
       for (int i = 0; i < kCount; i++) {
@@ -51,19 +51,17 @@ struct SwitchParts {
 };
 
 void FindSwitchParts(const void *blob, SwitchParts *parts) {
-   dvs::data::ForEachCheckedRecord(blob, DVSDATA_DESERIALIZE_MASK,
-                                   [&](const dvs::data::RecordView &rec) {
-                                      for (int i = 0; i < SwitchParts::kCount; i++) {
-                                         if (!parts->found[i] &&
-                                             dvs::data::NamesEqual(rec.name,
-                                                                   SwitchParts::kNames[i])) {
-                                            parts->recs[i] = rec;
-                                            parts->found[i] = true;
-                                            break;
-                                         }
-                                      }
-                                      return STATUS_OK;
-                                   });
+   dvs::data::ForEachCheckedRecord(
+      blob, DVSDATA_DESERIALIZE_MASK, [&](const dvs::data::RecordView &rec) {
+         for (int i = 0; i < SwitchParts::kCount; i++) {
+            if (!parts->found[i] && dvs::data::NamesEqual(rec.name, SwitchParts::kNames[i])) {
+               parts->recs[i] = rec;
+               parts->found[i] = true;
+               break;
+            }
+         }
+         return STATUS_OK;
+      });
 }
 
 // Reads a 4-byte unsigned value; a value of any other size is malformed.

@@ -11,8 +11,8 @@
 // switch-level records go through a small list of their own, which keeps
 // their encoding and failure reports in one place.
 #include <cstdlib>
-#include <initializer_list>
 #include <cstring>
+#include <initializer_list>
 
 #include "data/blob_build.h"
 #include "data/record_layout.h"
@@ -172,8 +172,7 @@ ReturnStatus WritePortRecord(const DVSwitch *dvs, const DVSPort *port, uint8_t *
 // Writes the switch blob of `size` bytes (as SwitchBlobSize gave it) at
 // out, with the messages of a switch serialization, and returns the word
 // sum of the sealed blob.
-ReturnStatus WriteSwitchBlob(const DVSwitch *dvs, uint8_t *out, uint32_t size,
-                             uint32_t *wordSum) {
+ReturnStatus WriteSwitchBlob(const DVSwitch *dvs, uint8_t *out, uint32_t size, uint32_t *wordSum) {
    STATE_TRACE(1, "DVSState_SwitchSerialize %s\n", dvs->id);
    DVSDataHandle head = nullptr;
    ReturnStatus status = DVSData_Alloc(&head, std::malloc, std::free);
@@ -298,8 +297,8 @@ ReturnStatus WriteHostBlob(void **blob, uint32_t *len) {
       }
       uint8_t *record = out + pos;
       uint32_t switchSum = 0;
-      const ReturnStatus status = WriteSwitchBlob(
-         dvs, record + dvs::data::kRecordDataOffset, switchSizes[i], &switchSum);
+      const ReturnStatus status =
+         WriteSwitchBlob(dvs, record + dvs::data::kRecordDataOffset, switchSizes[i], &switchSum);
       if (status != STATUS_OK) {
          // Whatever went wrong, the host blob reports it as one status.
          STATE_TRACE(0, "DVSStateConfigSerializeCB DVS %s failed %s\n", dvs->id,

@@ -82,7 +82,8 @@ DVS_EXPORT DVSPort *DVSState_FindPortByIDAndType(DVSwitch *dvs, const char *port
    // Through the index: the lowest slot holding that id and type, which is
    // the port a walk in slot order would meet first.
    const PortIndex *index = PortIndexOf(dvs);
-   const uint32_t slot = index != nullptr ? index->Find(dvs->ports, portId, type) : PortIndex::kNone;
+   const uint32_t slot =
+      index != nullptr ? index->Find(dvs->ports, portId, type) : PortIndex::kNone;
    return slot != PortIndex::kNone ? dvs->ports[slot] : nullptr;
 }
 

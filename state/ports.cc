@@ -47,7 +47,8 @@ ReturnStatus PortRemove(DVSwitch *dvs, const char *portId, uint32_t type) {
    }
    STATE_TRACE(1, "DVSState_PortRemove %s, %s\n", dvs->id, portId);
    PortIndex *index = PortIndexOf(dvs);
-   const uint32_t slot = index != nullptr ? index->Find(dvs->ports, portId, type) : PortIndex::kNone;
+   const uint32_t slot =
+      index != nullptr ? index->Find(dvs->ports, portId, type) : PortIndex::kNone;
    if (slot == PortIndex::kNone) {
       return STATUS_NOT_FOUND;
    }

@@ -263,12 +263,13 @@ TEST_F(ConfigBlobTest, HostBlobWithPortsMatchesItsComposition) {
    AddPort("s1", "p1", DVS_PORT_SHADOW, shadow);
    ports.emplace_back("p1", Blob(shadow, 0x20));
    const auto head = [](uint32_t ver, uint32_t max, const std::string &global) {
-      return Props{{"switchVersion", U32(ver)},
-                   {"className", std::string(ver == 7 ? "etherswitch" : "myclass")
-                                    .append(ver == 7 ? 117 : 121, '\0')},
-                   {"maxPorts", U32(max)},
-                   {"globalPropList", global},
-                   {"hostPropList", Blob({})}};
+      return Props{
+         {"switchVersion", U32(ver)},
+         {"className",
+          std::string(ver == 7 ? "etherswitch" : "myclass").append(ver == 7 ? 117 : 121, '\0')},
+         {"maxPorts", U32(max)},
+         {"globalPropList", global},
+         {"hostPropList", Blob({})}};
    };
    Props sw1 = head(7, DVSState_SwitchFind("s1")->newMaxPorts, Blob({}));
    sw1.insert(sw1.end(), ports.begin(), ports.end());

@@ -322,11 +322,11 @@ TEST_F(RegistryTest, PortTableMatchesASlotModel) {
       if (rng() % 3 != 0) {
          const int free = lowest("", 0);
          const int limit = int(d->maxPorts);
-         const ReturnStatus want =
-            d->numPorts == d->maxPorts                             ? STATUS_LIMIT_EXCEEDED
-            : type != DVS_PORT_ZOMBIE && at >= 0 && at < limit    ? STATUS_EXISTS
-            : free < 0 || free >= limit                            ? STATUS_LIMIT_EXCEEDED
-                                                                    : STATUS_OK;
+         const ReturnStatus want = d->numPorts == d->maxPorts ? STATUS_LIMIT_EXCEEDED
+                                   : type != DVS_PORT_ZOMBIE && at >= 0 && at < limit
+                                      ? STATUS_EXISTS
+                                   : free < 0 || free >= limit ? STATUS_LIMIT_EXCEEDED
+                                                               : STATUS_OK;
          DVSDataHandle h = NewList();
          DVSPort *out = nullptr;
          ASSERT_EQ(DVSStatePortAdd(d, id.c_str(), h, type, &out), want) << op;
