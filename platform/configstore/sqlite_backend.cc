@@ -73,6 +73,8 @@ class Statement {
          sqlite3_finalize(stmt);
          return FromSqlite(rc);
       }
+      // A statement that cannot be cached is finalized here: one left over
+      // would keep the connection from ever closing.
       try {
          cache.emplace(sql, stmt);
       } catch (...) {
@@ -277,9 +279,14 @@ class SqliteBackend final : public Backend {
       return rc;
    }
 
-   int32_t Begin() override { return Exec(db_, sql::kBegin); }
+   int32_t Begin() override {
+      const int32_t rc = Exec(db_, sql::kBegin);
+      in_txn_ = rc == kSuccess;
+      return rc;
+   }
 
    int32_t Commit() override {
+      in_txn_ = false;
       if (sqlite3_get_autocommit(db_)) {
          return kDatabaseError;  // SQLite already rolled it back after an error
       }
@@ -291,13 +298,14 @@ class SqliteBackend final : public Backend {
    }
 
    int32_t Cancel() override {
+      in_txn_ = false;
       return sqlite3_get_autocommit(db_) ? kSuccess : Exec(db_, sql::kRollback);
    }
 
    int32_t Read(const ObjectName &name, const char *source, std::string *doc) override {
       const std::string src = source;
       Statement stmt;
-      int32_t rc = stmt.Prepare(db_, statements_, sql::kSelectOne);
+      int32_t rc = Prepare(stmt, sql::kSelectOne);
       if (rc != kSuccess || (rc = stmt.BindAll({&name.group, &name.object, &name.component,
                                                 &name.instance, &src})) != kSuccess) {
          return rc;
@@ -316,7 +324,7 @@ class SqliteBackend final : public Backend {
    int32_t Write(const ObjectName &name, const char *source, const std::string &doc) override {
       const std::string src = source;
       Statement stmt;
-      int32_t rc = stmt.Prepare(db_, statements_, sql::kUpsert);
+      int32_t rc = Prepare(stmt, sql::kUpsert);
       if (rc != kSuccess ||
           (rc = stmt.BindAll({&name.group, &name.object, &name.component, &name.instance,
                               &src})) != kSuccess ||
@@ -328,7 +336,7 @@ class SqliteBackend final : public Backend {
 
    int32_t Remove(const ObjectName &name) override {
       Statement stmt;
-      int32_t rc = stmt.Prepare(db_, statements_, sql::kDeleteRows);
+      int32_t rc = Prepare(stmt, sql::kDeleteRows);
       if (rc != kSuccess || (rc = stmt.BindAll({&name.group, &name.object, &name.component,
                                                 &name.instance})) != kSuccess) {
          return rc;
@@ -345,7 +353,7 @@ class SqliteBackend final : public Backend {
       const std::string src = source;
       const bool one = !name.instance.empty();
       Statement stmt;
-      int32_t rc = stmt.Prepare(db_, statements_, one ? sql::kSelectInstance : sql::kSelectAll);
+      int32_t rc = Prepare(stmt, one ? sql::kSelectInstance : sql::kSelectAll);
       if (rc != kSuccess ||
           (rc = stmt.BindAll({&name.group, &name.object, &name.component, &src})) != kSuccess ||
           (one && (rc = stmt.Bind(5, name.instance)) != kSuccess)) {
@@ -374,7 +382,17 @@ class SqliteBackend final : public Backend {
    }
 
   private:
+   // After an error SQLite may have rolled the open transaction back;
+   // nothing more may run then, or it would be written outside it.
+   int32_t Prepare(Statement &stmt, const char *sql) {
+      if (in_txn_ && sqlite3_get_autocommit(db_)) {
+         return kDatabaseError;
+      }
+      return stmt.Prepare(db_, statements_, sql);
+   }
+
    std::string path_;
+   bool in_txn_ = false;
    sqlite3 *db_ = nullptr;
    StatementCache statements_;
 };
