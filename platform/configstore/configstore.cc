@@ -251,8 +251,8 @@ int32_t ReadInstances(Store *store, const detail::ObjectName &name, const char *
    found.reserve(docs.size());
    for (detail::StoredDocument &d : docs) {
       NodePtr node = detail::ParseDocument(d.doc);
-      found.push_back(NewRoot(std::move(node), name.group, name.object, name.component,
-                              std::move(d.instance)));
+      found.push_back(
+         NewRoot(std::move(node), name.group, name.object, name.component, std::move(d.instance)));
    }
    Object **array = NewObjectArray(found.size());
    for (size_t i = 0; i < found.size(); ++i) {
@@ -363,8 +363,8 @@ int32_t GetHosts(Store *store, HostInfo **hosts, uint32_t *count) {
       }
       std::sort(found.begin(), found.end(),
                 [](const auto &x, const auto &y) { return x.name < y.name; });
-      auto *array = static_cast<HostInfo *>(std::calloc(found.empty() ? 1 : found.size(),
-                                                        sizeof(HostInfo)));
+      auto *array =
+         static_cast<HostInfo *>(std::calloc(found.empty() ? 1 : found.size(), sizeof(HostInfo)));
       if (array == nullptr) {
          return kNoMemory;
       }
@@ -415,7 +415,6 @@ int32_t Get(Store *store, const char *group, const char *object, const char *com
    });
 }
 
-
 int32_t CreateObject(const char *group, const char *object, const char *component,
                      const char *instanceId, const char *json, Object **out) {
    return Guard([&]() -> int32_t {
@@ -449,7 +448,6 @@ int32_t Delete(Store *store, const char *group, const char *object, const char *
       return store->backend->Remove(NameOf(group, object, component, instanceId));
    });
 }
-
 
 int32_t GetInstanceId(Object *obj, char **id) {
    return Guard([&]() -> int32_t {
@@ -533,7 +531,6 @@ int32_t GetDesiredUserConfigInstances(const char *group, const char *object, con
                            count);
    });
 }
-
 
 int32_t GetSubObjectInstances(Object *parent, FilterSpec *filter, Object ***objects,
                               uint32_t *count) {

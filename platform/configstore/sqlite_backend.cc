@@ -326,8 +326,8 @@ class SqliteBackend final : public Backend {
       Statement stmt;
       int32_t rc = Prepare(stmt, sql::kUpsert);
       if (rc != kSuccess ||
-          (rc = stmt.BindAll({&name.group, &name.object, &name.component, &name.instance,
-                              &src})) != kSuccess ||
+          (rc = stmt.BindAll({&name.group, &name.object, &name.component, &name.instance, &src})) !=
+             kSuccess ||
           (rc = stmt.BindNoCopy(6, doc)) != kSuccess) {
          return rc;
       }

@@ -46,9 +46,7 @@ auto AsHost(const std::string &host, Body &&body) {
    const std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
    struct Restore {
       const std::optional<std::string> &saved;
-      ~Restore() {
-         saved ? setenv(cs::kHostEnv, saved->c_str(), 1) : unsetenv(cs::kHostEnv);
-      }
+      ~Restore() { saved ? setenv(cs::kHostEnv, saved->c_str(), 1) : unsetenv(cs::kHostEnv); }
    } restore{saved};
    setenv(cs::kHostEnv, host.c_str(), 1);
    return body();
@@ -124,7 +122,8 @@ void RunHosts(bool json) {
       for (const HostRow &row : rows) {
          nlohmann::ordered_json switches = nlohmann::ordered_json::array();
          for (const HostSwitch &sw : row.state.switches) {
-            switches.push_back({{"id", sw.id}, {"class", sw.className}, {"ports", sw.ports.size()}});
+            switches.push_back(
+               {{"id", sw.id}, {"class", sw.className}, {"ports", sw.ports.size()}});
          }
          out.push_back({{"host", row.name},
                         {"savedAt", row.savedAt},
@@ -137,7 +136,8 @@ void RunHosts(bool json) {
       return;
    }
    std::cout << std::left << std::setw(20) << "HOST" << std::setw(22) << "SAVED" << std::setw(10)
-             << "SWITCHES" << "PORTS\n";
+             << "SWITCHES"
+             << "PORTS\n";
    for (const HostRow &row : rows) {
       std::cout << std::left << std::setw(20) << row.name << std::setw(22) << UtcText(row.savedAt)
                 << std::setw(10) << row.state.switches.size() << PortCount(row.state) << '\n';
@@ -157,7 +157,8 @@ struct DiffArgs {
 
 void RunDiff(const DiffArgs &args) {
    const HostState before = HostLive(args.host, false);
-   const HostState after = args.other.empty() ? HostLive(args.host, true) : HostLive(args.other, false);
+   const HostState after =
+      args.other.empty() ? HostLive(args.host, true) : HostLive(args.other, false);
    const DiffReport report = DiffHosts(before, after);
    if (args.json) {
       std::cout << RenderDiffJson(report, args.summary)

@@ -204,10 +204,10 @@ void RunShow(const ObjectName &name, bool desired, bool stored) {
       doc = StoredDocument(obj.get(), where);
    } else {
       ObjectArray objects;
-      CheckCode(cs::GetDesiredUserConfigInstances(name.group.c_str(), name.object.c_str(),
-                                                  name.component.c_str(), &objects.items,
-                                                  &objects.count),
-                "cannot get " + where);
+      CheckCode(
+         cs::GetDesiredUserConfigInstances(name.group.c_str(), name.object.c_str(),
+                                           name.component.c_str(), &objects.items, &objects.count),
+         "cannot get " + where);
       uint32_t i = 0;
       while (i < objects.count && InstanceId(objects.items[i]) != name.id) {
          i++;

@@ -8,8 +8,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <ctime>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -694,9 +694,9 @@ TEST_F(EtcdStoreTest, OvertakenCommitsWriteNothingAndHostsStayApart) {
          GetInstances(a.get(), Filter(kGroup, kObj, kComp, "").get(), &all.items, &all.count),
          kSuccess);
       ASSERT_EQ(Put(a.get(), "late", "x"), kSuccess);
-      ASSERT_EQ(create ? Put(b.get(), "meanwhile", "m") : Delete(b.get(), kGroup, kObj, kComp,
-                                                                  "onlyA"),
-                kSuccess);
+      ASSERT_EQ(
+         create ? Put(b.get(), "meanwhile", "m") : Delete(b.get(), kGroup, kObj, kComp, "onlyA"),
+         kSuccess);
       EXPECT_EQ(CommitTransaction(a.get()), kBusy) << create;
       EXPECT_EQ(Fetch(b.get(), "late"), std::nullopt);
    }
