@@ -1,4 +1,6 @@
-// document.cc -- the object tree and its JSON forms.
+// document.cc -- the object tree and the plain JSON of CreateObject (the
+// stored document is read by document_reader.cc, written by
+// document_writer.cc).
 #include "document.h"
 
 #include <algorithm>
@@ -161,61 +163,6 @@ Value ValueFromJson(const Json &j) {
    return v;
 }
 
-// ---- stored document --------------------------------------------------------
-
-void FillFromDocument(Node &node, const Json &j, int depth) {
-   if (depth > kMaxDepth) {
-      throw DocumentError("nested too deeply");
-   }
-   if (!j.is_object()) {
-      throw DocumentError("a document is a JSON object");
-   }
-   for (auto it = j.begin(); it != j.end(); ++it) {
-      const std::string &name = it.key();
-      const Json &member = it.value();
-      if (name == "values") {
-         if (!member.is_object()) {
-            throw DocumentError("\"values\" is an object");
-         }
-         for (auto v = member.begin(); v != member.end(); ++v) {
-            if (v.key().empty()) {
-               throw DocumentError("empty value name");
-            }
-            node.PutValue(v.key()) = ValueFromJson(v.value());
-         }
-      } else if (name == "subobjects") {
-         if (!member.is_object()) {
-            throw DocumentError("\"subobjects\" is an object");
-         }
-         for (auto s = member.begin(); s != member.end(); ++s) {
-            if (s.key().empty() || !s.value().is_array()) {
-               throw DocumentError("a sub-object key holds an array of entries");
-            }
-            for (const auto &entry : s.value()) {
-               if (!entry.is_object()) {
-                  throw DocumentError("a sub-object entry is an object");
-               }
-               std::string childId;
-               auto idIt = entry.find("id");
-               if (idIt != entry.end()) {
-                  if (!idIt->is_string()) {
-                     throw DocumentError("an instance id is a string");
-                  }
-                  childId = idIt->get<std::string>();
-               }
-               if (node.FindChild(s.key(), childId)) {
-                  throw DocumentError("duplicate sub-object instance");
-               }
-               // The entry's "id" member is skipped by the loop above.
-               FillFromDocument(*node.AddChild(s.key(), childId), entry, depth + 1);
-            }
-         }
-      } else if (name != "id" || depth == 0) {
-         throw DocumentError("unknown document member");
-      }
-   }
-}
-
 // ---- plain JSON of CreateObject -------------------------------------------------
 
 void FillFromPlain(Node &node, const Json &j, int depth, bool skipKey) {
@@ -264,13 +211,6 @@ void FillFromPlain(Node &node, const Json &j, int depth, bool skipKey) {
 }
 
 }  // namespace
-
-NodePtr ParseDocument(const std::string &text) {
-   Json j = Json::parse(text);
-   auto node = std::make_shared<Node>();
-   FillFromDocument(*node, j, 0);
-   return node;
-}
 
 NodePtr ParsePlainObject(const std::string &text) {
    Json j = Json::parse(text);

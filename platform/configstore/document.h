@@ -76,7 +76,8 @@ constexpr int kMaxDepth = 512;
 // The stored document of a node (see docs/configstore.md); throws
 // DocumentError for a string that is not valid UTF-8.  In document_writer.cc.
 std::string SerializeDocument(const Node &node);
-// Parses a stored document; throws DocumentError or a json exception.
+// Parses a stored document; throws DocumentError, or std::bad_alloc when
+// memory runs out.  In document_reader.cc.
 NodePtr ParseDocument(const std::string &text);
 // Parses the plain JSON text given to CreateObject: an object whose
 // members are values, nested objects (singleton sub-objects) and arrays of
