@@ -13,6 +13,49 @@ namespace detail {
 
 using Json = nlohmann::ordered_json;
 
+// ---- sub-object keys --------------------------------------------------------
+
+NodePtr SubKey::Find(const std::string &childId) const {
+   if (!byId_.empty()) {
+      auto it = byId_.find(childId);
+      return it == byId_.end() ? nullptr : it->second;
+   }
+   for (const NodePtr &entry : entries) {
+      if (entry->id == childId) {
+         return entry;
+      }
+   }
+   return nullptr;
+}
+
+void SubKey::Add(NodePtr child) {
+   entries.push_back(std::move(child));
+   if (!byId_.empty()) {
+      byId_.emplace(entries.back()->id, entries.back());
+   } else if (entries.size() > kIndexFrom) {
+      byId_.reserve(entries.size() * 2);
+      for (const NodePtr &entry : entries) {
+         byId_.emplace(entry->id, entry);
+      }
+   }
+}
+
+bool SubKey::Remove(const std::string &childId) {
+   auto it = std::find_if(entries.begin(), entries.end(),
+                          [&](const NodePtr &n) { return n->id == childId; });
+   if (it == entries.end()) {
+      return false;
+   }
+   entries.erase(it);
+   byId_.erase(childId);
+   return true;
+}
+
+void SubKey::Clear() {
+   entries.clear();
+   byId_.clear();
+}
+
 // ---- tree -----------------------------------------------------------------
 
 Value *Node::FindValue(const std::string &key) {
@@ -53,11 +96,7 @@ SubKey *Node::FindSub(const std::string &key) {
 
 NodePtr Node::FindChild(const std::string &key, const std::string &childId) {
    SubKey *sub = FindSub(key);
-   if (sub == nullptr) {
-      return nullptr;
-   }
-   auto it = sub->byId.find(childId);
-   return it == sub->byId.end() ? nullptr : it->second;
+   return sub == nullptr ? nullptr : sub->Find(childId);
 }
 
 NodePtr Node::AddChild(const std::string &key, const std::string &childId) {
@@ -66,29 +105,20 @@ NodePtr Node::AddChild(const std::string &key, const std::string &childId) {
       subs.emplace_back();
       sub = &subs.back();
       sub->key = key;
-   } else if (NodePtr existing = FindChild(key, childId)) {
+   } else if (NodePtr existing = sub->Find(childId)) {
       return existing;
    }
    auto child = std::make_shared<Node>();
    child->id = childId;
-   sub->entries.push_back(child);
-   sub->byId.emplace(childId, child);
+   sub->Add(child);
    return child;
 }
 
 bool Node::RemoveChild(const std::string &key, const std::string &childId) {
    SubKey *sub = FindSub(key);
-   if (sub == nullptr) {
+   if (sub == nullptr || !sub->Remove(childId)) {
       return false;
    }
-   auto it = sub->byId.find(childId);
-   if (it == sub->byId.end()) {
-      return false;
-   }
-   Node *target = it->second.get();
-   sub->byId.erase(it);
-   sub->entries.erase(std::find_if(sub->entries.begin(), sub->entries.end(),
-                                   [&](const NodePtr &n) { return n.get() == target; }));
    if (sub->entries.empty()) {
       RemoveSub(key);
    }

@@ -43,11 +43,24 @@ struct Value {
 struct Node;
 using NodePtr = std::shared_ptr<Node>;
 
-// The entries of one sub-object key, in creation order.
+// The entries of one sub-object key, in creation order.  Most keys hold a
+// singleton or a few instances, found by a scan; a key that grows past
+// kIndexFrom entries also keeps an index by instance id.
 struct SubKey {
+   static constexpr size_t kIndexFrom = 8;
+
    std::string key;
    std::vector<NodePtr> entries;
-   std::unordered_map<std::string, NodePtr> byId;
+
+   NodePtr Find(const std::string &id) const;
+   // Adds a child whose id no entry has.
+   void Add(NodePtr child);
+   // Removes the entry of `id`; false when there is none.
+   bool Remove(const std::string &id);
+   void Clear();
+
+  private:
+   std::unordered_map<std::string, NodePtr> byId_;  // empty until kIndexFrom
 };
 
 struct Node {

@@ -150,11 +150,10 @@ void ReadEntry(SubKey &sub, od::value entry, int depth) {
    }
    auto child = std::make_shared<Node>();
    ReadNode(*child, object, depth, true, &child->id);
-   if (sub.byId.count(child->id) != 0) {
+   if (sub.Find(child->id) != nullptr) {
       throw DocumentError("duplicate sub-object instance");
    }
-   sub.byId.emplace(child->id, child);
-   sub.entries.push_back(std::move(child));
+   sub.Add(std::move(child));
 }
 
 void ReadSubobjects(Node &node, od::object subobjects, int depth) {
@@ -171,8 +170,7 @@ void ReadSubobjects(Node &node, od::object subobjects, int depth) {
          sub = &node.subs.back();
          sub->key = key;
       } else {
-         sub->entries.clear();  // a repeated key: its last array counts
-         sub->byId.clear();
+         sub->Clear();  // a repeated key: its last array counts
       }
       for (auto entry : entries) {
          ReadEntry(*sub, Get<od::value>(entry), depth + 1);
