@@ -3,6 +3,9 @@
 #include <benchmark/benchmark.h>
 #include <dvsstate.h>
 
+#include "memory_reference.h"
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -65,5 +68,101 @@ void BM_ConfigDeserialize(benchmark::State &state) {
    free(blob);
 }
 BENCHMARK(BM_ConfigDeserialize)->Args({4, 64})->Args({16, 256});
+
+// Host blobs at the host's port limit, each row beside a memcpy of the
+// blob's bytes.  Every port carries an alias, a VLAN and (props - 2)
+// further properties of 48 bytes.
+namespace hostlimit {
+
+void BuildPorts(int switches, int portsPerSwitch, int props) {
+   const std::string filler(48, 'f');
+   for (int s = 0; s < switches; ++s) {
+      const std::string sw = "limit-sw" + std::to_string(s);
+      Must(DVSState_SwitchAdd(sw.c_str(), "etherswitch", 0, 100));
+      Must(DVSState_GlobalPropSet(sw.c_str(), "com.ostrel.common.alias", sw.c_str(),
+                                  static_cast<uint32_t>(sw.size() + 1), 0x20));
+      for (int p = 0; p < portsPerSwitch; ++p) {
+         DVSDataHandle data = nullptr;
+         Must(DVSData_Alloc(&data, malloc, free));
+         const std::string alias = "vm-port-" + std::to_string(p);
+         const uint32_t vlan = static_cast<uint32_t>(p);
+         Must(DVSData_Append(data, "com.ostrel.common.port.alias", alias.c_str(),
+                             static_cast<uint32_t>(alias.size() + 1), 0x20));
+         Must(DVSData_Append(data, "com.ostrel.etherswitch.vlan", &vlan, sizeof vlan, 0x20));
+         for (int k = 2; k < props; ++k) {
+            const std::string name = "com.ostrel.bench.port.prop" + std::to_string(k);
+            Must(DVSData_Append(data, name.c_str(), filler.data(),
+                                static_cast<uint32_t>(filler.size()), 0x20));
+         }
+         Must(DVSState_PortAdd(sw.c_str(), std::to_string(p).c_str(), data));
+      }
+   }
+}
+
+// Writes the host blob and reads it back into an empty registry.
+void BM_HostBlobRoundTrip(benchmark::State &state) {
+   Must(DVSState_ConfigReset());
+   BuildPorts(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)),
+              static_cast<int>(state.range(2)));
+   void *probe = nullptr;
+   uint32_t len = 0;
+   Must(DVSState_ConfigSerialize(&probe, &len));
+   free(probe);
+   dvsbench::MemoryReference ref(len);
+   double bestWrite = 1e9, bestRead = 1e9;
+   for (auto _ : state) {
+      ref.TimeCopy();
+      void *blob = nullptr;
+      auto t0 = dvsbench::MemoryReference::Clock::now();
+      Must(DVSState_ConfigSerialize(&blob, &len));
+      const double write = dvsbench::MemoryReference::Seconds(t0);
+      Must(DVSState_ConfigReset());
+      t0 = dvsbench::MemoryReference::Clock::now();
+      Must(DVSState_ConfigDeserialize(blob, len));
+      const double read = dvsbench::MemoryReference::Seconds(t0);
+      free(blob);
+      bestWrite = std::min(bestWrite, write);
+      bestRead = std::min(bestRead, read);
+      ref.RecordOperation(state, write + read);
+   }
+   ref.Report(state);
+   state.counters["write_ms"] = bestWrite * 1e3;
+   state.counters["read_ms"] = bestRead * 1e3;
+   Must(DVSState_ConfigReset());
+}
+BENCHMARK(BM_HostBlobRoundTrip)
+   ->Args({32, 128, 20})
+   ->Args({1, 64, 20})
+   ->Args({1, 512, 20})
+   ->Args({1, 4096, 20})
+   ->Unit(benchmark::kMillisecond)
+   ->UseManualTime();
+
+// Reads a host blob into an empty registry.
+void BM_HostBlobRead(benchmark::State &state) {
+   Must(DVSState_ConfigReset());
+   BuildPorts(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)),
+              static_cast<int>(state.range(2)));
+   void *blob = nullptr;
+   uint32_t len = 0;
+   Must(DVSState_ConfigSerialize(&blob, &len));
+   dvsbench::MemoryReference ref(len);
+   for (auto _ : state) {
+      Must(DVSState_ConfigReset());
+      ref.TimeCopy();
+      ref.TimeOperation(state, [&] { Must(DVSState_ConfigDeserialize(blob, len)); });
+   }
+   ref.Report(state);
+   free(blob);
+   Must(DVSState_ConfigReset());
+}
+BENCHMARK(BM_HostBlobRead)
+   ->Args({1, 64, 2})
+   ->Args({1, 512, 2})
+   ->Args({1, 4096, 2})
+   ->Unit(benchmark::kMillisecond)
+   ->UseManualTime();
+
+}  // namespace hostlimit
 
 }  // namespace

@@ -7,10 +7,7 @@
 #include <algorithm>
 
 #include "data/record_layout.h"
-
-namespace {
-constexpr int32_t kChecksumStart = 32;
-}
+#include "data/word_sum.h"
 
 extern "C" DVS_EXPORT uint32_t DVSDataChecksum(const void *blob) {
    if (blob == nullptr) {
@@ -25,10 +22,11 @@ extern "C" DVS_EXPORT uint32_t DVSDataChecksum(const void *blob) {
    const int64_t wordEnd = length / 4 * 4;
 
    uint32_t sum = 0;
-   for (int64_t offset = kChecksumStart; offset + 4 <= wordEnd; offset += 4) {
-      sum += dvs::data::LoadU32(bytes + offset);
+   const int64_t start = dvs::data::kChecksumStart;
+   if (wordEnd > start) {
+      sum = dvs::data::SumWords(bytes + start, static_cast<size_t>((wordEnd - start) / 4));
    }
-   for (int64_t offset = std::max<int64_t>(wordEnd, kChecksumStart); offset < length; ++offset) {
+   for (int64_t offset = std::max<int64_t>(wordEnd, start); offset < length; ++offset) {
       sum += bytes[offset];
    }
    return sum;

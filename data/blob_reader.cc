@@ -5,7 +5,9 @@
 // bytes it was given.
 #include <cstring>
 
+#include "data/blob_view.h"
 #include "data/data_trace.h"
+#include "data/property_list.h"
 #include "data/record_layout.h"
 
 namespace dvs::data {
@@ -16,6 +18,7 @@ namespace {
 struct Record {
    uint32_t serialLen;
    const char *name;
+   size_t nameLen;
    uint32_t flag;
    uint32_t dataLen;
    const uint8_t *data;
@@ -68,10 +71,12 @@ ReturnStatus ReadRecord(const uint8_t *p, uint32_t serialLen, Record *rec) {
    }
    rec->serialLen = serialLen;
    rec->name = reinterpret_cast<const char *>(p + kRecordNameOffset);
-   if (std::memchr(rec->name, '\0', DVSDATA_NAME_MAX) == nullptr) {
+   const void *nul = std::memchr(rec->name, '\0', DVSDATA_NAME_MAX);
+   if (nul == nullptr) {
       DATA_TRACE(0, "bad data: property name not terminated in record of length %u\n", serialLen);
       return STATUS_BAD_PARAM;
    }
+   rec->nameLen = static_cast<size_t>(static_cast<const char *>(nul) - rec->name);
    rec->flag = LoadU32(p + kRecordFlagOffset);
    rec->dataLen = LoadU32(p + kRecordDataLenOffset);
    if (rec->dataLen > serialLen - kRecordDataOffset) {
@@ -131,7 +136,35 @@ ReturnStatus WalkRecords(const uint8_t *blob, uint32_t length, bool *stopped, Vi
    return RecordTooLong(serialLen);
 }
 
+// The list reader's checks of the header: lengths, version, checksum.
+ReturnStatus CheckHeader(const uint8_t *bytes, uint32_t len, uint32_t *length) {
+   if (ReturnStatus status = CheckLengths(bytes, len, length); status != STATUS_OK) {
+      return status;
+   }
+   if (Version(bytes) != DVSDATA_BLOB_VERSION) {
+      DATA_TRACE(0, "Bad data: expected header version %d, actual %d\n", DVSDATA_BLOB_VERSION,
+                 static_cast<int>(Version(bytes)));
+      return STATUS_BAD_PARAM;
+   }
+   return CheckChecksum(bytes);
+}
+
 }  // namespace
+
+ReturnStatus CheckBlob(const void *blob, uint32_t len) {
+   if (blob == nullptr) {
+      return STATUS_BAD_PARAM;
+   }
+   const auto *bytes = static_cast<const uint8_t *>(blob);
+   uint32_t length = 0;
+   if (ReturnStatus status = CheckHeader(bytes, len, &length); status != STATUS_OK) {
+      return status;
+   }
+   bool stopped = false;
+   return WalkRecords(bytes, length, &stopped,
+                      [](const Record &, ReturnStatus *) { return false; });
+}
+
 }  // namespace dvs::data
 
 using namespace dvs::data;
@@ -151,15 +184,7 @@ DVS_EXPORT ReturnStatus DVSData_DeserializeWithPropType(DVSDataHandle *h, const 
    }
    const auto *bytes = static_cast<const uint8_t *>(blob);
    uint32_t length = 0;
-   if (ReturnStatus status = CheckLengths(bytes, len, &length); status != STATUS_OK) {
-      return status;
-   }
-   if (Version(bytes) != DVSDATA_BLOB_VERSION) {
-      DATA_TRACE(0, "Bad data: expected header version %d, actual %d\n", DVSDATA_BLOB_VERSION,
-                 static_cast<int>(Version(bytes)));
-      return STATUS_BAD_PARAM;
-   }
-   if (ReturnStatus status = CheckChecksum(bytes); status != STATUS_OK) {
+   if (ReturnStatus status = CheckHeader(bytes, len, &length); status != STATUS_OK) {
       return status;
    }
 
@@ -173,7 +198,7 @@ DVS_EXPORT ReturnStatus DVSData_DeserializeWithPropType(DVSDataHandle *h, const 
    ReturnStatus status =
       WalkRecords(bytes, length, &stopped, [&](const Record &rec, ReturnStatus *st) {
          if ((rec.flag & typeMask) != 0) {
-            *st = DVSData_Append(list, rec.name, rec.data, rec.dataLen, rec.flag);
+            *st = AppendNamed(list, rec.name, rec.nameLen, rec.data, rec.dataLen, rec.flag);
          }
          return false;
       });

@@ -4,8 +4,10 @@
 // marker.
 #include <cstring>
 
+#include "data/blob_build.h"
 #include "data/data_trace.h"
 #include "data/record_layout.h"
+#include "data/word_sum.h"
 
 namespace dvs::data {
 namespace {
@@ -27,18 +29,23 @@ class Filter {
 
    bool IsNone() const { return kind_ == Kind::kNone; }
 
-   // Whether the entry is written.  Each test is traced at level 1.
-   bool Keeps(const DVSDataEntry *e) const {
+   // Whether the entry is written.  Each test is traced at level 1 unless
+   // the caller only sizes a blob ahead of writing it.
+   bool Keeps(const DVSDataEntry *e, bool traced = true) const {
       switch (kind_) {
          case Kind::kNone:
             return true;
          case Kind::kName:
-            DATA_TRACE(1, "Entry %s, length %u exName %s\n", e->name, e->dataLen, substring_);
+            if (traced) {
+               DATA_TRACE(1, "Entry %s, length %u exName %s\n", e->name, e->dataLen, substring_);
+            }
             return std::strstr(e->name, substring_) == nullptr ||
                    std::strstr(e->name, kPersistedVolatileProp) != nullptr;
          case Kind::kType:
-            DATA_TRACE(1, "Property type entry %s, length %u flag %x/%x\n", e->name, e->dataLen,
-                       e->flag, mask_);
+            if (traced) {
+               DATA_TRACE(1, "Property type entry %s, length %u flag %x/%x\n", e->name, e->dataLen,
+                          e->flag, mask_);
+            }
             return (e->flag & mask_) == 0;
       }
       return true;
@@ -57,32 +64,19 @@ class Filter {
 // Size of the blob that Write produces with this filter.  The walk is
 // bounded by serialSize like the writer's, so both agree on which entries
 // they consider.
-uint32_t FilteredSize(DVSDataHandle h, const Filter &filter) {
+uint32_t FilteredSize(DVSDataHandle h, const Filter &filter, bool traced = true) {
    if (filter.IsNone()) {
       return h->serialSize;
    }
    uint32_t size = DVSDATA_MIN_BLOB_SIZE;
    uint32_t remaining = h->serialSize - DVSDATA_HEADER_SIZE;
    for (const DVSDataEntry *e = h->head; e != nullptr && e->serialLen < remaining; e = e->next) {
-      if (filter.Keeps(e)) {
+      if (filter.Keeps(e, traced)) {
          size += RecordLength(e->dataLen);
       }
       remaining -= e->serialLen;
    }
    return size;
-}
-
-void WriteHeader(uint8_t *blob, uint32_t length) {
-   StoreU32(blob + kBlobLengthOffset, length);
-   StoreU32(blob + kBlobChecksumOffset, 0);
-   StoreU16(blob + kBlobVersionOffset, DVSDATA_BLOB_VERSION);
-   StoreU16(blob + kBlobReservedOffset, 0);
-}
-
-// Writes the end marker at `end` and seals the blob with its checksum.
-void Finish(uint8_t *blob, uint32_t end) {
-   StoreU32(blob + end, 0);
-   StoreU32(blob + kBlobChecksumOffset, DVSDataChecksum(blob));
 }
 
 // Gets the output buffer: the caller's (when it is large enough) or a new
@@ -106,19 +100,14 @@ ReturnStatus TakeBuffer(DVSDataHandle h, void **blob, uint32_t *len, uint32_t ne
    return STATUS_OK;
 }
 
-ReturnStatus Write(DVSDataHandle h, void **blob, uint32_t *len, const Filter &filter) {
-   if (h == nullptr || blob == nullptr || len == nullptr) {
-      return STATUS_BAD_PARAM;
-   }
-   const uint32_t need = FilteredSize(h, filter);
-   DATA_TRACE(2, "allocating buffer size %d\n", static_cast<int>(need));
-   bool allocated = false;
-   if (ReturnStatus status = TakeBuffer(h, blob, len, need, &allocated); status != STATUS_OK) {
-      return status;
-   }
-   auto *out = static_cast<uint8_t *>(*blob);
-   WriteHeader(out, need);
-
+// Writes the list's blob of `need` bytes (its FilteredSize) at out; see
+// WriteListBlob.
+ReturnStatus WriteInto(DVSDataHandle h, const Filter &filter, uint8_t *out, uint32_t need,
+                       uint32_t *wordSum) {
+   // Every record image is a whole number of words at a word offset, so the
+   // checksum is summed while the records are copied.
+   WordSum sum;
+   sum.Add(WriteBlobHeader(out, need));
    uint32_t pos = DVSDATA_HEADER_SIZE;
    uint32_t remaining = h->serialSize - DVSDATA_HEADER_SIZE;
    const DVSDataEntry *e = h->head;
@@ -131,28 +120,122 @@ ReturnStatus Write(DVSDataHandle h, void **blob, uint32_t *len, const Filter &fi
          }
          DATA_TRACE(2, "serializing %s: %u/%u data/serial bytes\n", e->name, e->dataLen,
                     e->serialLen);
-         std::memcpy(out + pos, RecordImage(e), e->serialLen);
+         sum.Copy(out + pos, RecordImage(e), e->serialLen / 4);
          pos += e->serialLen;
       }
       remaining -= e->serialLen;
    }
    if (e == nullptr && remaining == kEndMarkerSize && pos == need - kEndMarkerSize) {
-      Finish(out, pos);
+      WriteEndMarker(out, pos);
+      *wordSum = SealWithWordSum(out, need, sum.Total());
       return STATUS_OK;
    }
-
    DATA_TRACE(0,
               "DVSData length changed during serialization, buflen = %u, lenRemaining = %u, "
               "name %s, size %u\n",
               need, remaining, e != nullptr ? e->name : "NULL", e != nullptr ? e->serialLen : 0);
-   if (allocated) {
-      h->freeFn(*blob);
-      *blob = nullptr;
-   }
    return STATUS_LIMIT_EXCEEDED;
 }
 
+ReturnStatus Write(DVSDataHandle h, void **blob, uint32_t *len, const Filter &filter) {
+   if (h == nullptr || blob == nullptr || len == nullptr) {
+      return STATUS_BAD_PARAM;
+   }
+   const uint32_t need = FilteredSize(h, filter);
+   DATA_TRACE(2, "allocating buffer size %d\n", static_cast<int>(need));
+   bool allocated = false;
+   if (ReturnStatus status = TakeBuffer(h, blob, len, need, &allocated); status != STATUS_OK) {
+      return status;
+   }
+   uint32_t wordSum = 0;
+   const ReturnStatus status = WriteInto(h, filter, static_cast<uint8_t *>(*blob), need, &wordSum);
+   if (status != STATUS_OK && allocated) {
+      h->freeFn(*blob);
+      *blob = nullptr;
+   }
+   return status;
+}
+
 }  // namespace
+
+uint32_t ListBlobSize(DVSDataHandle h, uint32_t typeMask) {
+   return FilteredSize(h, Filter::ExcludingType(typeMask), false);
+}
+
+uint32_t CopyListRecords(DVSDataHandle h, uint8_t *out) {
+   WordSum sum;
+   for (const DVSDataEntry *e = h->head; e != nullptr; e = e->next) {
+      sum.Copy(out, RecordImage(e), e->serialLen / 4);
+      out += e->serialLen;
+   }
+   return sum.Total();
+}
+
+ReturnStatus WriteListBlob(DVSDataHandle h, uint32_t typeMask, uint8_t *out, uint32_t size,
+                           uint32_t *wordSum) {
+   return WriteInto(h, Filter::ExcludingType(typeMask), out, size, wordSum);
+}
+
+void WarnOldVersion(uint32_t version) {
+   // Old switch versions are only warned about; their blobs look the same.
+   if (version <= 3) {
+      DATA_TRACE(0, "DVS version %d is smaller than 6.0.\n", static_cast<int>(version));
+   }
+}
+
+uint32_t WriteBlobHeader(uint8_t *blob, uint32_t length) {
+   StoreU32(blob + kBlobLengthOffset, length);
+   StoreU32(blob + kBlobChecksumOffset, 0);
+   StoreU16(blob + kBlobVersionOffset, DVSDATA_BLOB_VERSION);
+   StoreU16(blob + kBlobReservedOffset, 0);
+   return SumWords(blob, DVSDATA_HEADER_SIZE / 4);
+}
+
+void WriteEndMarker(uint8_t *blob, uint32_t end) {
+   StoreU32(blob + end, 0);
+}
+
+uint32_t SealWithWordSum(uint8_t *blob, uint32_t length, uint32_t wordSum) {
+   // The checksum leaves out the words before kChecksumStart; they were
+   // summed with the rest, so take them off again.  The checksum field is
+   // still zero here and adds nothing to either sum.
+   const uint32_t headWords = length < kChecksumStart ? length / 4 : kChecksumStart / 4;
+   const uint32_t checksum = wordSum - SumWords(blob, headWords);
+   StoreU32(blob + kBlobChecksumOffset, checksum);
+   return wordSum + checksum;
+}
+
+uint32_t WriteRecordHead(uint8_t *record, const char *name, uint32_t flag, uint32_t dataLen) {
+   StoreU32(record + kRecordSerialLenOffset, RecordLength(dataLen));
+   // As the list stores names: cut to 127 characters, the rest zeros.
+   const size_t nameLen = strnlen(name, DVSDATA_NAME_MAX - 1);
+   std::memcpy(record + kRecordNameOffset, name, nameLen);
+   std::memset(record + kRecordNameOffset + nameLen, 0, DVSDATA_NAME_MAX - nameLen);
+   StoreU32(record + kRecordFlagOffset, flag);
+   StoreU32(record + kRecordDataLenOffset, dataLen);
+   return SumWords(record, kRecordDataOffset / 4);
+}
+
+uint32_t WriteRecord(uint8_t *record, const char *name, uint32_t flag, const void *data,
+                     uint32_t dataLen) {
+   uint32_t sum = WriteRecordHead(record, name, flag, dataLen);
+   uint8_t *value = record + kRecordDataOffset;
+   const uint32_t whole = dataLen / 4 * 4;
+   sum += CopySumWords(value, static_cast<const uint8_t *>(data), whole / 4);
+   // The last, partial value word and the padding: zeros around the rest.
+   const uint32_t tailLen = RecordLength(dataLen) - kRecordDataOffset - whole;
+   std::memset(value + whole, 0, tailLen);
+   if (dataLen > whole) {
+      std::memcpy(value + whole, static_cast<const uint8_t *>(data) + whole, dataLen - whole);
+   }
+   return sum + SumWords(value + whole, tailLen / 4);
+}
+
+void ZeroRecordPadding(uint8_t *record, uint32_t dataLen) {
+   std::memset(record + kRecordDataOffset + dataLen, 0,
+               RecordLength(dataLen) - kRecordDataOffset - dataLen);
+}
+
 }  // namespace dvs::data
 
 using namespace dvs::data;
@@ -175,10 +258,7 @@ DVS_EXPORT ReturnStatus DVSData_Serialize(DVSDataHandle h, void **blob, uint32_t
 
 DVS_EXPORT ReturnStatus DVSData_SerializeExNamedProp(DVSDataHandle h, void **blob, uint32_t *len,
                                                      uint32_t version, const char *exName) {
-   // Old switch versions are only warned about; their blobs look the same.
-   if (version <= 3) {
-      DATA_TRACE(0, "DVS version %d is smaller than 6.0.\n", static_cast<int>(version));
-   }
+   WarnOldVersion(version);
    return Write(h, blob, len, Filter::ExcludingName(exName));
 }
 
@@ -214,11 +294,12 @@ DVS_EXPORT ReturnStatus DVSData_SerializeEntry(DVSDataHandle h, const char *name
    if (out == nullptr) {
       return STATUS_NO_MEMORY;
    }
-   WriteHeader(out, need);
-   std::memcpy(out + DVSDATA_HEADER_SIZE, RecordImage(e), e->serialLen);
+   uint32_t sum = WriteBlobHeader(out, need);
+   sum += CopySumWords(out + DVSDATA_HEADER_SIZE, RecordImage(e), e->serialLen / 4);
+   WriteEndMarker(out, need - kEndMarkerSize);
+   SealWithWordSum(out, need, sum);
    *blob = out;
    *len = need;
-   Finish(out, need - kEndMarkerSize);
    return STATUS_OK;
 }
 

@@ -6,6 +6,13 @@
 
 #include "common/debug_log.h"
 
-#define DATA_TRACE(level, ...) ::dvs::DebugLog(dvsdata_debug, (level), __VA_ARGS__)
+// The level is tested here, so that a silent trace in a per-record loop
+// costs a compare rather than a call.
+#define DATA_TRACE(level, ...)                                 \
+   do {                                                        \
+      if (dvsdata_debug >= (level)) {                          \
+         ::dvs::DebugLog(dvsdata_debug, (level), __VA_ARGS__); \
+      }                                                        \
+   } while (0)
 
 #endif  // DVS_DATA_DATA_TRACE_H

@@ -3,7 +3,6 @@
 // keeps serialSize equal to the size of its whole-list blob at all times.
 #include "data/property_list.h"
 
-#include <cstdio>
 #include <cstring>
 
 #include "data/data_trace.h"
@@ -23,11 +22,12 @@ bool PointsInto(const void *p, const DVSDataEntry *entry) {
    return q >= begin && q < end;
 }
 
-// Builds a detached entry holding a copy of name and value.  The copies are
-// made before the caller touches the list, so name and value may point into
-// an entry that the caller is about to release.
-DVSDataEntry *NewEntry(DVSDataHandle h, const char *name, const void *data, uint32_t dataLen,
-                       uint32_t flag) {
+// Builds a detached entry holding a copy of the name's first nameLen
+// characters (at most 127) and of the value.  The copies are made before
+// the caller touches the list, so name and value may point into an entry
+// that the caller is about to release.
+DVSDataEntry *NewEntryWithName(DVSDataHandle h, const char *name, size_t nameLen, const void *data,
+                               uint32_t dataLen, uint32_t flag) {
    if (dataLen > kMaxDataLen) {
       return nullptr;
    }
@@ -36,19 +36,30 @@ DVSDataEntry *NewEntry(DVSDataHandle h, const char *name, const void *data, uint
    if (block == nullptr) {
       return nullptr;
    }
-   // Clear the whole block: the name's tail and the padding then read as
-   // zeros, which keeps the blobs of equal lists byte-identical.
-   std::memset(block, 0, kImageStart + serialLen);
    auto *entry = static_cast<DVSDataEntry *>(block);
+   uint8_t *image = static_cast<uint8_t *>(block) + kImageStart;
+   // The name's tail and the padding are cleared: equal lists then give
+   // byte-identical blobs.  Fixed-size clears compile to a few stores: the
+   // whole name field, and the record's last eight bytes, which hold all
+   // of the 3 to 6 padding bytes (the fields and value are written after).
+   std::memset(entry->name, 0, sizeof entry->name);
+   StoreU32(image + serialLen - 8, 0);
+   StoreU32(image + serialLen - 4, 0);
    entry->next = nullptr;
    entry->serialLen = serialLen;
-   std::snprintf(entry->name, sizeof entry->name, "%s", name);
+   std::memcpy(entry->name, name, nameLen);
    entry->flag = flag;
    entry->dataLen = dataLen;
    if (dataLen != 0) {
       std::memcpy(entry->data, data, dataLen);
    }
    return entry;
+}
+
+// As above for a NUL-terminated name, cut to 127 characters.
+DVSDataEntry *NewEntry(DVSDataHandle h, const char *name, const void *data, uint32_t dataLen,
+                       uint32_t flag) {
+   return NewEntryWithName(h, name, strnlen(name, DVSDATA_NAME_MAX - 1), data, dataLen, flag);
 }
 
 void LinkAtTail(DVSDataHandle h, DVSDataEntry *entry) {
@@ -106,6 +117,14 @@ ReturnStatus AppendPrepared(DVSDataHandle h, const char *name, uint32_t dataLen,
 }
 
 }  // namespace
+
+ReturnStatus AppendNamed(DVSDataHandle h, const char *name, size_t nameLen, const void *data,
+                         uint32_t dataLen, uint32_t flag) {
+   DVSDataEntry *entry = FitsInBlob(h->serialSize, dataLen)
+                            ? NewEntryWithName(h, name, nameLen, data, dataLen, flag)
+                            : nullptr;
+   return AppendPrepared(h, name, dataLen, entry);
+}
 
 DVSDataEntry *FindEntry(DVSDataHandle h, const char *name, DVSDataEntry **prev) {
    DVSDataEntry *before = nullptr;

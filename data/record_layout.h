@@ -17,6 +17,8 @@ constexpr uint32_t kBlobChecksumOffset = 4;
 constexpr uint32_t kBlobVersionOffset = 8;
 constexpr uint32_t kBlobReservedOffset = 10;
 constexpr uint32_t kEndMarkerSize = 4;
+// The checksum sums the blob from this offset on.
+constexpr uint32_t kChecksumStart = 32;
 
 // Offsets inside a record image (relative to its serialLen field).
 constexpr uint32_t kRecordSerialLenOffset = 0;

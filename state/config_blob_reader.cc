@@ -2,11 +2,14 @@
 // lists and their ports in the registry from the blobs the writers made.
 // The blobs come from the kernel, the state file and the configuration
 // store, so every value taken from them is checked for its size before it
-// is used; the property-blob reader already guarantees that each record
-// lies inside its blob and that each name is terminated.
+// is used.  Each blob is checked whole by the property-blob checks first,
+// which guarantee that each record lies inside its blob and that each name
+// is terminated; the host and switch blobs are then read in place, and
+// only the property lists that the registry keeps are built.
 #include <cstdlib>
 #include <cstring>
 
+#include "data/blob_view.h"
 #include "state/state_internal.h"
 
 namespace dvs::state {
@@ -27,33 +30,63 @@ ReturnStatus ReadU32(DVSDataEntry *entry, uint32_t *out) {
    return STATUS_OK;
 }
 
-// Looks up a 4-byte unsigned value by name.
-ReturnStatus LookupU32(DVSDataHandle list, const char *name, uint32_t *out) {
-   DVSDataEntry *entry = nullptr;
-   const ReturnStatus status = DVSData_Lookup(list, name, &entry);
-   if (status != STATUS_OK) {
-      return status;
+// The switch blob's records that are not ports: the first kept record of
+// each of these names.  Every other kept record, in blob order, is a port.
+struct SwitchParts {
+   enum Part { kHostList, kGlobalList, kVersion, kClassName, kMaxPorts, kCount };
+   static constexpr const char *kNames[kCount] = {"hostPropList", "globalPropList", "switchVersion",
+                                                  "className", "maxPorts"};
+   const dvs::data::RecordView *Get(Part part) const { return found[part] ? &recs[part] : nullptr; }
+   bool IsPart(const dvs::data::RecordView &rec) const {
+      for (int i = 0; i < kCount; i++) {
+         if (found[i] && recs[i].data == rec.data) {
+            return true;
+         }
+      }
+      return false;
    }
-   return ReadU32(entry, out);
+
+   dvs::data::RecordView recs[kCount] = {};
+   bool found[kCount] = {};
+};
+
+void FindSwitchParts(const void *blob, SwitchParts *parts) {
+   dvs::data::ForEachCheckedRecord(
+      blob, DVSDATA_DESERIALIZE_MASK, [&](const dvs::data::RecordView &rec) {
+         for (int i = 0; i < SwitchParts::kCount; i++) {
+            if (!parts->found[i] && dvs::data::NamesEqual(rec.name, SwitchParts::kNames[i])) {
+               parts->recs[i] = rec;
+               parts->found[i] = true;
+               break;
+            }
+         }
+         return STATUS_OK;
+      });
 }
 
-// Takes a nested property list out of the switch list: decodes the value
-// of `name` into `*out` and removes the record.  A switch blob without the
-// record gets an empty list, so that the switch always holds a valid one.
-ReturnStatus TakeNestedList(DVSDataHandle switchList, const char *name, DVSDataHandle *out) {
-   DVSDataEntry *entry = nullptr;
-   if (DVSData_Lookup(switchList, name, &entry) != STATUS_OK) {
+// Reads a 4-byte unsigned value; a value of any other size is malformed.
+ReturnStatus ReadU32(const dvs::data::RecordView &rec, uint32_t *out) {
+   if (rec.dataLen != sizeof(uint32_t)) {
+      return STATUS_BAD_PARAM;
+   }
+   std::memcpy(out, rec.data, sizeof(uint32_t));
+   return STATUS_OK;
+}
+
+// Decodes a nested property list of the switch blob into `*out`.  A switch
+// blob without it gets an empty list, so that the switch always holds a
+// valid one.
+ReturnStatus TakeNestedList(const dvs::data::RecordView *rec, DVSDataHandle *out) {
+   if (rec == nullptr) {
       return DVSData_Alloc(out, std::malloc, std::free);
    }
-   void *data = nullptr;
-   const uint32_t dataLen = DVSData_Data(entry, &data);
    DVSDataHandle decoded = nullptr;
-   const ReturnStatus status = DVSData_Deserialize(&decoded, data, dataLen, std::malloc, std::free);
+   const ReturnStatus status =
+      DVSData_Deserialize(&decoded, rec->data, rec->dataLen, std::malloc, std::free);
    if (status != STATUS_OK) {
       return status;
    }
    *out = decoded;
-   DVSData_Remove(switchList, name);
    return STATUS_OK;
 }
 
@@ -64,33 +97,34 @@ struct SwitchSettings {
    uint32_t maxPorts = 0;
 };
 
-ReturnStatus ReadSettings(DVSDataHandle switchList, SwitchSettings *settings) {
-   ReturnStatus status = LookupU32(switchList, "switchVersion", &settings->version);
+ReturnStatus ReadSettings(const SwitchParts &parts, SwitchSettings *settings) {
+   const dvs::data::RecordView *version = parts.Get(SwitchParts::kVersion);
+   ReturnStatus status =
+      version != nullptr ? ReadU32(*version, &settings->version) : STATUS_NOT_FOUND;
    if (status != STATUS_OK) {
       STATE_TRACE(0, "Failed to find switchVersion, status:%d\n\n", static_cast<int>(status));
       return status;
    }
 
-   DVSDataEntry *entry = nullptr;
-   status = DVSData_Lookup(switchList, "className", &entry);
-   if (status != STATUS_OK) {
-      return status;
+   const dvs::data::RecordView *className = parts.Get(SwitchParts::kClassName);
+   if (className == nullptr) {
+      return STATUS_NOT_FOUND;
    }
    // The class name is text of at most 127 characters within the value;
    // a terminator inside the value is not relied upon.
-   void *data = nullptr;
-   const uint32_t dataLen = DVSData_Data(entry, &data);
-   const size_t limit =
-      dataLen < sizeof settings->className - 1 ? dataLen : sizeof settings->className - 1;
-   std::memcpy(settings->className, data, strnlen(static_cast<const char *>(data), limit));
+   const uint32_t limit = className->dataLen < sizeof settings->className - 1
+                             ? className->dataLen
+                             : sizeof settings->className - 1;
+   const auto *text = reinterpret_cast<const char *>(className->data);
+   std::memcpy(settings->className, text, strnlen(text, limit));
 
-   return LookupU32(switchList, "maxPorts", &settings->maxPorts);
+   const dvs::data::RecordView *maxPorts = parts.Get(SwitchParts::kMaxPorts);
+   return maxPorts != nullptr ? ReadU32(*maxPorts, &settings->maxPorts) : STATUS_NOT_FOUND;
 }
 
 // What a switch restore holds until it hands it on to the switch.
 struct SwitchRestore {
    char id[kIdBufferSize] = {};
-   DVSDataHandle switchList = nullptr;
    DVSDataHandle hostList = nullptr;
    DVSDataHandle globalList = nullptr;
 
@@ -101,13 +135,14 @@ struct SwitchRestore {
    ~SwitchRestore() {
       DVSData_Free(hostList);
       DVSData_Free(globalList);
-      DVSData_Free(switchList);
    }
 };
 
 // Installs the decoded lists on the switch and adds every port record of
-// the switch list.  Stops at the first port that cannot be added.
-ReturnStatus RestoreIntoSwitch(DVSwitch *dvs, SwitchRestore *restore) {
+// the switch blob, straight from the blob.  Stops at the first port that
+// cannot be added.
+ReturnStatus RestoreIntoSwitch(DVSwitch *dvs, SwitchRestore *restore, const void *blob,
+                               const SwitchParts &parts) {
    DVSData_Free(dvs->hostPropList);
    DVSData_Free(dvs->globalPropList);
    dvs->hostPropList = restore->hostList;
@@ -115,17 +150,13 @@ ReturnStatus RestoreIntoSwitch(DVSwitch *dvs, SwitchRestore *restore) {
    restore->hostList = nullptr;
    restore->globalList = nullptr;
 
-   DVSDataEntry *entry = nullptr;
-   while (DVSData_Next(restore->switchList, entry, &entry) == STATUS_OK) {
-      void *data = nullptr;
-      const uint32_t dataLen = DVSData_Data(entry, &data);
-      const ReturnStatus status =
-         DVSState_PortAddDeserialize(dvs, DVSData_Name(entry), data, dataLen);
-      if (status != STATUS_OK) {
-         return status;
-      }
-   }
-   return STATUS_OK;
+   return dvs::data::ForEachCheckedRecord(
+      blob, DVSDATA_DESERIALIZE_MASK, [&](const dvs::data::RecordView &rec) {
+         if (parts.IsPart(rec)) {
+            return STATUS_OK;
+         }
+         return DVSState_PortAddDeserialize(dvs, rec.name, rec.data, rec.dataLen);
+      });
 }
 
 }  // namespace
@@ -137,8 +168,9 @@ extern "C" {
 
 DVS_EXPORT ReturnStatus DVSState_ConfigDeserialize(const void *blob, uint32_t len) {
    STATE_TRACE(1, "DVSState_ConfigDeserialize\n");
-   DVSDataHandle list = nullptr;
-   ReturnStatus status = DVSData_Deserialize(&list, blob, len, std::malloc, std::free);
+   // The whole host blob is checked before anything is restored; its
+   // switch records are then read in place.
+   ReturnStatus status = dvs::data::CheckBlob(blob, len);
    if (status != STATUS_OK) {
       STATE_TRACE(0, "DVSState_ConfigDeserialize failed %s\n", HYP_ReturnStatusToString(status));
       return status;
@@ -146,22 +178,17 @@ DVS_EXPORT ReturnStatus DVSState_ConfigDeserialize(const void *blob, uint32_t le
 
    // Nobody sees the registry half restored.
    StateLockGuard guard;
-   DVSDataEntry *entry = nullptr;
-   while (DVSData_Next(list, entry, &entry) == STATUS_OK) {
-      void *data = nullptr;
-      const uint32_t dataLen = DVSData_Data(entry, &data);
-      status = DVSState_SwitchDeserialize(DVSData_Name(entry), data, dataLen);
-      if (status != STATUS_OK) {
-         // A host blob is taken whole or not at all: a failure empties the
-         // registry, including the switches that were there before.
-         STATE_TRACE(0, "DVSState_SwitchDeserialize failed %s\n", HYP_ReturnStatusToString(status));
-         DVSState_ConfigReset();
-         DVSData_Free(list);
-         return status;
-      }
+   status = dvs::data::ForEachCheckedRecord(
+      blob, DVSDATA_DESERIALIZE_MASK, [](const dvs::data::RecordView &rec) {
+         return DVSState_SwitchDeserialize(rec.name, rec.data, rec.dataLen);
+      });
+   if (status != STATUS_OK) {
+      // A host blob is taken whole or not at all: a failure empties the
+      // registry, including the switches that were there before.
+      STATE_TRACE(0, "DVSState_SwitchDeserialize failed %s\n", HYP_ReturnStatusToString(status));
+      DVSState_ConfigReset();
    }
-   DVSData_Free(list);
-   return STATUS_OK;
+   return status;
 }
 
 DVS_EXPORT ReturnStatus DVSState_SwitchDeserialize(const char *swId, const void *blob,
@@ -173,23 +200,24 @@ DVS_EXPORT ReturnStatus DVSState_SwitchDeserialize(const char *swId, const void 
    const char *id = restore.id;
    STATE_TRACE(1, "Deserialize DVS %s\n", id);
 
-   ReturnStatus status =
-      DVSData_Deserialize(&restore.switchList, blob, len, std::malloc, std::free);
-   if (status != STATUS_OK) {
-      restore.switchList = nullptr;
-      return status;
-   }
-   status = TakeNestedList(restore.switchList, "hostPropList", &restore.hostList);
+   // The switch blob is checked whole, then read in place.
+   ReturnStatus status = dvs::data::CheckBlob(blob, len);
    if (status != STATUS_OK) {
       return status;
    }
-   status = TakeNestedList(restore.switchList, "globalPropList", &restore.globalList);
+   SwitchParts parts;
+   FindSwitchParts(blob, &parts);
+   status = TakeNestedList(parts.Get(SwitchParts::kHostList), &restore.hostList);
+   if (status != STATUS_OK) {
+      return status;
+   }
+   status = TakeNestedList(parts.Get(SwitchParts::kGlobalList), &restore.globalList);
    if (status != STATUS_OK) {
       return status;
    }
 
    SwitchSettings settings;
-   status = ReadSettings(restore.switchList, &settings);
+   status = ReadSettings(parts, &settings);
    if (status != STATUS_OK) {
       return status;
    }
@@ -210,15 +238,12 @@ DVS_EXPORT ReturnStatus DVSState_SwitchDeserialize(const char *swId, const void 
    }
    // An existing switch keeps its class, limits and version.
 
-   DVSData_Remove(restore.switchList, "className");
-   DVSData_Remove(restore.switchList, "maxPorts");
-   DVSData_Remove(restore.switchList, "switchVersion");
    DVSwitch *dvs = DVSState_SwitchFind(id);
    if (dvs == nullptr) {
       STATE_TRACE(0, "DVS %s acquire failed\n", id);
       status = STATUS_NOT_FOUND;
    } else {
-      status = RestoreIntoSwitch(dvs, &restore);
+      status = RestoreIntoSwitch(dvs, &restore, blob, parts);
    }
 
    if (status != STATUS_OK && created) {

@@ -1,9 +1,11 @@
-// Finding and walking ports.  Every search visits only occupied slots,
-// asking the switch's bitmap for the next set bit, so the order is slot
-// order (slots are reused lowest-first, so not necessarily the order of
-// adding) and ties go to the lowest slot.
+// Finding and walking ports.  Finds by id go through the switch's port
+// index; walks and finds by alias visit only occupied slots, asking the
+// switch's bitmap for the next set bit.  Either way the order is slot order
+// (slots are reused lowest-first, so not necessarily the order of adding)
+// and ties go to the lowest slot.
 #include <cstring>
 
+#include "state/port_index.h"
 #include "state/state_internal.h"
 
 using namespace dvs::state;
@@ -77,9 +79,12 @@ DVS_EXPORT DVSPort *DVSState_FindPortByIDAndType(DVSwitch *dvs, const char *port
    if (dvs == nullptr || portId == nullptr) {
       return nullptr;
    }
-   return ScanPorts(dvs, [&](const DVSPort *port) {
-      return port->portType == type && std::strcmp(port->id, portId) == 0;
-   });
+   // Through the index: the lowest slot holding that id and type, which is
+   // the port a walk in slot order would meet first.
+   const PortIndex *index = PortIndexOf(dvs);
+   const uint32_t slot =
+      index != nullptr ? index->Find(dvs->ports, portId, type) : PortIndex::kNone;
+   return slot != PortIndex::kNone ? dvs->ports[slot] : nullptr;
 }
 
 DVS_EXPORT DVSPort *DVSState_PortFindOnDVSwitch(DVSwitch *dvs, const char *portId) {

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "state/port_index.h"
 #include "state/state_internal.h"
 
 namespace dvs::state {
@@ -45,25 +46,22 @@ ReturnStatus PortRemove(DVSwitch *dvs, const char *portId, uint32_t type) {
       return STATUS_BAD_PARAM;
    }
    STATE_TRACE(1, "DVSState_PortRemove %s, %s\n", dvs->id, portId);
-   for (uint32_t bit = BitVector_NextBit(dvs->portBitmap, 0); bit != BITVECTOR_NOT_FOUND;
-        bit = BitVector_NextBit(dvs->portBitmap, bit + 1)) {
-      DVSPort *port = dvs->ports[bit];
-      if (port == nullptr) {
-         return STATUS_NOT_FOUND;
-      }
-      if (port->portType != type || std::strcmp(port->id, portId) != 0) {
-         continue;
-      }
-      // portId may point into this record: it is not used past this point.
-      DVSData_Free(port->data);
-      std::free(port);
-      dvs->ports[bit] = nullptr;
-      BitVector_Clear(dvs->portBitmap, bit);
-      uwNumActivePortsOnHost--;
-      dvs->numPorts--;
-      return STATUS_OK;
+   PortIndex *index = PortIndexOf(dvs);
+   const uint32_t slot =
+      index != nullptr ? index->Find(dvs->ports, portId, type) : PortIndex::kNone;
+   if (slot == PortIndex::kNone) {
+      return STATUS_NOT_FOUND;
    }
-   return STATUS_NOT_FOUND;
+   // portId may point into this record: it is not used past this point.
+   DVSPort *port = dvs->ports[slot];
+   index->Erase(port, slot);
+   DVSData_Free(port->data);
+   std::free(port);
+   dvs->ports[slot] = nullptr;
+   BitVector_Clear(dvs->portBitmap, slot);
+   uwNumActivePortsOnHost--;
+   dvs->numPorts--;
+   return STATUS_OK;
 }
 
 }  // namespace dvs::state
@@ -102,25 +100,25 @@ DVS_EXPORT ReturnStatus DVSStatePortAdd(DVSwitch *dvs, const char *portId, DVSDa
       return STATUS_LIMIT_EXCEEDED;
    }
 
-   // Only the first maxPorts slots are used.  The same id may exist once per
-   // type, except that zombie ports may repeat.
+   // Only the first maxPorts slots are used, lowest free first.  The same id
+   // may exist once per type, except that zombie ports may repeat; a port
+   // left beyond a lowered limit does not count as a duplicate.
    const uint32_t usable = dvs->maxPorts < SlotCapacity(dvs) ? dvs->maxPorts : SlotCapacity(dvs);
-   uint32_t freeSlot = usable;
-   for (uint32_t i = 0; i < usable; i++) {
-      DVSPort *existing = dvs->ports[i];
-      if (existing == nullptr) {
-         if (freeSlot == usable) {
-            freeSlot = i;
-         }
-      } else if (type != DVS_PORT_ZOMBIE && existing->portType == type &&
-                 std::strcmp(existing->id, portId) == 0) {
+   PortIndex *index = PortIndexOf(dvs);
+   if (index == nullptr) {
+      return STATUS_LIMIT_EXCEEDED;
+   }
+   if (type != DVS_PORT_ZOMBIE) {
+      const uint32_t dup = index->Find(dvs->ports, portId, type);
+      if (dup != PortIndex::kNone && dup < usable) {
          if (port != nullptr) {
-            *port = existing;
+            *port = dvs->ports[dup];
          }
          return STATUS_EXISTS;
       }
    }
-   if (freeSlot == usable) {
+   const uint32_t freeSlot = index->LowestFree();
+   if (freeSlot == PortIndex::kNone || freeSlot >= usable) {
       return STATUS_LIMIT_EXCEEDED;
    }
    if (data == nullptr) {
@@ -139,6 +137,7 @@ DVS_EXPORT ReturnStatus DVSStatePortAdd(DVSwitch *dvs, const char *portId, DVSDa
    added->dvs = dvs;
    added->portType = type;
    BitVector_Set(dvs->portBitmap, freeSlot);
+   index->Insert(added, freeSlot);
    if (port != nullptr) {
       *port = added;
    }

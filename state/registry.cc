@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "state/port_index.h"
 #include "state/state_internal.h"
 
 extern "C" {
@@ -80,16 +81,21 @@ void FreeSwitchRecord(DVSwitch *dvs) {
 // A zeroed record with `numSlots` port slots, its bitmap and two empty
 // property lists; on failure nothing is left allocated.
 ReturnStatus NewSwitchRecord(uint32_t numSlots, DVSwitch **out) {
-   // Only a 32-bit size_t can overflow here.
-   constexpr size_t kMaxSlots = (SIZE_MAX - sizeof(DVSwitch)) / sizeof(DVSPort *);
-   if (size_t{numSlots} > kMaxSlots) {
+   // The port index follows the slots in the same block (port_index.h).
+   const size_t indexBytes = PortIndex::BytesFor(numSlots);
+   constexpr size_t kMaxSlots = (SIZE_MAX / 2 - sizeof(DVSwitch)) / sizeof(DVSPort *);
+   if (size_t{numSlots} > kMaxSlots || indexBytes == 0) {
       return STATUS_NO_MEMORY;
    }
-   const size_t bytes = sizeof(DVSwitch) + size_t{numSlots} * sizeof(DVSPort *);
-   auto *dvs = static_cast<DVSwitch *>(std::calloc(1, bytes));
+   const size_t slotBytes = sizeof(DVSwitch) + size_t{numSlots} * sizeof(DVSPort *);
+   if (indexBytes > SIZE_MAX - slotBytes) {
+      return STATUS_NO_MEMORY;
+   }
+   auto *dvs = static_cast<DVSwitch *>(std::calloc(1, slotBytes + indexBytes));
    if (dvs == nullptr) {
       return STATUS_NO_MEMORY;
    }
+   PortIndex::InitAt(dvs->ports + numSlots, numSlots);
    dvs->portBitmap = BitVector_Alloc(numSlots);
    if (dvs->portBitmap == nullptr) {
       FreeSwitchRecord(dvs);

@@ -10,7 +10,14 @@
 #include "common/debug_log.h"
 
 // Switch-state messages, gated by dvs_debug.
-#define STATE_TRACE(level, ...) ::dvs::DebugLog(dvs_debug, (level), __VA_ARGS__)
+// The level is tested here, so that a silent trace in a per-port loop
+// costs a compare rather than a call.
+#define STATE_TRACE(level, ...)                            \
+   do {                                                    \
+      if (dvs_debug >= (level)) {                          \
+         ::dvs::DebugLog(dvs_debug, (level), __VA_ARGS__); \
+      }                                                    \
+   } while (0)
 
 namespace dvs::state {
 

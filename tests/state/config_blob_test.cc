@@ -242,4 +242,44 @@ TEST_F(ConfigBlobTest, RoundTripThroughResetGivesTheSameBlob) {
    EXPECT_EQ(HostBlob(), first);
 }
 
+// Host blobs with ports, composed record by record from the layout: values
+// of every length modulo four, a port left out, a shadow sharing an id, and
+// a version 99 switch whose nested list is filtered.  The blob reads back
+// into the same registry.
+TEST_F(ConfigBlobTest, HostBlobWithPortsMatchesItsComposition) {
+   ASSERT_EQ(DVSState_SwitchAdd("s1", "etherswitch", 0, 7), STATUS_OK);
+   ASSERT_EQ(DVSState_SwitchAdd("s2", "myclass", 4, 99), STATUS_OK);
+   ASSERT_EQ(DVSState_GlobalPropSet("s2", "a", "x", 1, 0x10), STATUS_OK);
+   ASSERT_EQ(DVSState_GlobalPropSet("s2", "b", "yy", 2, 0x20), STATUS_OK);
+   Props ports;
+   for (int n = 0; n < 7; n++) {
+      const Props data{{"k", std::string(n, char('a' + n))}, {"vlan", U32(n)}};
+      AddPort("s1", Fmt("p%d", n).c_str(), DVS_PORT_ACTIVE, data);
+      ports.emplace_back(Fmt("p%d", n), Blob(data, 0x20));
+      if (n == 2)
+         AddPort("s1", "gone", DVS_PORT_ACTIVE)->portType = 0;
+   }
+   const Props shadow{{"k", "s"}, {DVS_PROP_PORT_TYPE, U32(DVS_PORT_SHADOW)}};
+   AddPort("s1", "p1", DVS_PORT_SHADOW, shadow);
+   ports.emplace_back("p1", Blob(shadow, 0x20));
+   const auto head = [](uint32_t ver, uint32_t max, const std::string &global) {
+      return Props{
+         {"switchVersion", U32(ver)},
+         {"className",
+          std::string(ver == 7 ? "etherswitch" : "myclass").append(ver == 7 ? 117 : 121, '\0')},
+         {"maxPorts", U32(max)},
+         {"globalPropList", global},
+         {"hostPropList", Blob({})}};
+   };
+   Props sw1 = head(7, DVSState_SwitchFind("s1")->newMaxPorts, Blob({}));
+   sw1.insert(sw1.end(), ports.begin(), ports.end());
+   const std::string want =
+      Blob({{"s1", Blob(sw1)}, {"s2", Blob(head(99, 4, Blob({{"a", "x"}})))}});
+   EXPECT_EQ(HostBlob(), want);
+   ASSERT_EQ(DVSState_ConfigReset(), STATUS_OK);
+   ASSERT_EQ(Read(want), STATUS_OK);
+   EXPECT_EQ(Ports(DVSState_SwitchFind("s1")),
+             (Ids{"p0/1", "p1/1", "p2/1", "p3/1", "p4/1", "p5/1", "p6/1", "p1/2"}));
+}
+
 }  // namespace

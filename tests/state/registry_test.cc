@@ -1,6 +1,8 @@
 // The switch registry, the port tables and the property operations.  This
 // executable runs with a host-wide limit of 100 ports, set through the host
 // library before the first add (the limit is read once per process).
+#include <random>
+
 #include "state_test_support.h"
 
 using namespace statetest;
@@ -289,6 +291,74 @@ TEST_F(RegistryTest, SwitchAndPortProperties) {
                          DVSState_SwitchRemove("nope");
                       }),
              "");
+}
+
+}  // namespace
+
+namespace {
+
+// Random adds and removes of a few ids of every type, checked against a
+// plain model of the slot table: the lowest free slot is taken, a
+// duplicate counts only below the switch limit, finds and removals go to
+// the lowest slot, and walks follow the slots.
+TEST_F(RegistryTest, PortTableMatchesASlotModel) {
+   DVSwitch *d = Add("m", "myclass", 40);
+   std::vector<std::pair<std::string, uint32_t>> model(100);  // type 0: free
+   auto lowest = [&](const std::string &id, uint32_t type) {
+      for (size_t s = 0; s < model.size(); s++)
+         if (model[s].second == type && model[s].first == id)
+            return int(s);
+      return -1;
+   };
+   std::mt19937 rng(7);
+   for (int op = 0; op < 3000; op++) {
+      if (op == 1500) {  // a lowered limit leaves the ports above it in place
+         d->newMaxPorts = 25;
+         DVS_UpdateMaxPorts(d);
+      }
+      const std::string id = "port" + std::to_string(rng() % 12);
+      const uint32_t type = 1 + rng() % 4;
+      const int at = lowest(id, type);
+      if (rng() % 3 != 0) {
+         const int free = lowest("", 0);
+         const int limit = int(d->maxPorts);
+         const ReturnStatus want = d->numPorts == d->maxPorts ? STATUS_LIMIT_EXCEEDED
+                                   : type != DVS_PORT_ZOMBIE && at >= 0 && at < limit
+                                      ? STATUS_EXISTS
+                                   : free < 0 || free >= limit ? STATUS_LIMIT_EXCEEDED
+                                                               : STATUS_OK;
+         DVSDataHandle h = NewList();
+         DVSPort *out = nullptr;
+         ASSERT_EQ(DVSStatePortAdd(d, id.c_str(), h, type, &out), want) << op;
+         if (want == STATUS_OK)
+            model[free] = {id, type};
+         else
+            DVSData_Free(h);
+         if (want != STATUS_LIMIT_EXCEEDED) {
+            EXPECT_EQ(out, d->ports[want == STATUS_OK ? free : at]) << op;
+         }
+      } else {
+         typedef ReturnStatus (*Remove)(const char *, const char *);
+         const Remove fns[] = {nullptr, DVSState_PortRemove, DVSState_PortRemoveShadow,
+                               DVSState_PortRemoveZombie, DVSState_LocalCachePortRemove};
+         ASSERT_EQ(fns[type]("m", id.c_str()), at >= 0 ? STATUS_OK : STATUS_NOT_FOUND) << op;
+         if (at >= 0)
+            model[at] = {"", 0};
+      }
+      Ids walk;
+      for (size_t s = 0; s < model.size(); s++)
+         if (model[s].second != 0)
+            walk.push_back(model[s].first + "/" + std::to_string(model[s].second));
+      ASSERT_EQ(Ports(d), walk) << op;
+      for (int k = 0; k < 12; k++)
+         for (uint32_t t = 1; t <= 4; t++) {
+            const std::string other = "port" + std::to_string(k);
+            const int s = lowest(other, t);
+            ASSERT_EQ(DVSState_FindPortByIDAndType(d, other.c_str(), t),
+                      s >= 0 ? d->ports[s] : nullptr)
+               << op;
+         }
+   }
 }
 
 }  // namespace
