@@ -33,20 +33,27 @@ def run(bench, repetitions, out):
     cmd = [bench, "--benchmark_filter=BM_Host(Store|Bare)|VsMemcpy",
            "--benchmark_repetitions=%d" % repetitions,
            "--benchmark_out=" + out, "--benchmark_out_format=json"]
-    subprocess.run(cmd, check=True, stdout=subprocess.DEVNULL)
+    done = subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    if done.returncode != 0:
+        sys.stderr.write(done.stderr.decode(errors="replace"))
+        sys.exit("report: %s failed" % bench)
 
 
 def best_times(results):
-    """Lowest real time (ms) and the counters of each benchmark name."""
+    """Lowest real time (ms), lowest CPU time (ms) and the counters of each
+    benchmark name."""
     best = {}
     for b in results["benchmarks"]:
         if b.get("run_type") != "iteration":
             continue
         name = b["run_name"].replace("/real_time", "").replace("/manual_time", "")
         scale = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}[b["time_unit"]]
-        ms = b["real_time"] * scale
-        if name not in best or ms < best[name][0]:
-            best[name] = (ms, b)
+        ms, cpu = b["real_time"] * scale, b["cpu_time"] * scale
+        if name not in best:
+            best[name] = (ms, cpu, b)
+        else:
+            old = best[name]
+            best[name] = (min(ms, old[0]), min(cpu, old[1]), b if ms < old[0] else old[2])
     return best
 
 
@@ -58,21 +65,22 @@ def rows(best):
             a = best.get("%s/%d" % (op, ports))
             r = best.get("%s/%d" % (ref, ports))
             if a and r:
-                out.append((work, ports, a[0], refname, r[0], target))
-    for name, (ms, b) in sorted(best.items()):
+                out.append((work, ports, a[0], refname, r[0], a[1] / r[1], target))
+    for name, (ms, cpu, b) in sorted(best.items()):
         m = MEMORY_ROWS.match(name)
         if m and "memcpy_us" in b and "best_us" in b:
             out.append(("in memory: " + m.group(1), int(m.group(2)), b["best_us"] / 1e3,
-                        "memcpy of as many bytes", b["memcpy_us"] / 1e3, None))
+                        "memcpy of as many bytes", b["memcpy_us"] / 1e3, None, None))
     return out
 
 
 def print_table(table):
-    head = ("work", "size", "time ms", "reference", "ref ms", "ratio", "target")
+    head = ("work", "size", "time ms", "reference", "ref ms", "ratio", "cpu ratio", "target")
     lines = [head]
-    for work, size, ms, refname, refms, target in table:
+    for work, size, ms, refname, refms, cpuratio, target in table:
         ratio = ms / refms if refms > 0 else float("inf")
-        lines.append((work, str(size), "%.3f" % ms, refname, "%.3f" % refms, "%.1fx" % ratio,
+        lines.append((work, str(size), "%.4g" % ms, refname, "%.4g" % refms, "%.1fx" % ratio,
+                      "%.1fx" % cpuratio if cpuratio else "-",
                       "<= %.1fx" % target if target else "-"))
     widths = [max(len(l[i]) for l in lines) for i in range(len(head))]
     for i, l in enumerate(lines):
@@ -126,6 +134,8 @@ def main():
             run(args.bench, args.repetitions, path)
         with open(path) as f:
             best = best_times(json.load(f))
+    print("size: ports per host (store rows, 32 switches) or properties per list (in memory);")
+    print("times are the best of the runs; ratio = time / reference, cpu ratio the same in CPU time")
     print_table(rows(best))
     if args.svg:
         plot(best, args.svg)
