@@ -10,6 +10,8 @@
 
 #include "common/debug_log.h"
 
+#include "configstore/store_calls.h"
+
 // The store client's handles (configstore.h).
 namespace configstore {
 struct Object;
@@ -101,9 +103,10 @@ bool OpenSwitchObject(ConfigSaveCtx *ctx, DVSwitch *dvs, ::configstore::Object *
 bool FinishSwitchSave(ConfigSaveCtx *ctx, DVSwitch *dvs, ::configstore::Object *obj, int32_t rc);
 
 // Writes "max_ports", "name" (the alias, else the id) and "uuid" of dvs on
-// obj, without checking the results; "SaveDVS: <name>" is printed at
-// messageLevel.
-void WriteSwitchIdentity(::configstore::Object *obj, DVSwitch *dvs, int32_t messageLevel);
+// obj; "SaveDVS: <name>" is printed at messageLevel.  Returns 0 or the code
+// of the first write that failed (a switch object without its identity
+// must not be stored).
+int32_t WriteSwitchIdentity(::configstore::Object *obj, DVSwitch *dvs, int32_t messageLevel);
 
 // DVSState_SwitchForEach callbacks over a ConfigSaveCtx; true stops the walk.
 bool SaveSwitchToConfigStore(DVSwitch *dvs, void *ctx);

@@ -7,7 +7,7 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 int32_t DeleteInstances(cs::Object *obj, const char *key) {
    cs::FilterSpec *filter = nullptr;

@@ -11,6 +11,8 @@
 
 #include <cstdint>
 
+#include "configstore/store_calls.h"
+
 namespace dvs::configstore {
 
 // What a converter may need beyond its own value: the class of the table

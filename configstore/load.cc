@@ -11,7 +11,7 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
@@ -196,13 +196,17 @@ int32_t CollectSwitchObjects(cs::Store *store, cs::FilterSpec *filter, bool desi
    for (uint32_t i = 0; i < liveObjs->count; i++) {
       Text portset;
       if (cs::GetValueStr(liveObjs->objects[i], "portset_name", &portset.s) == cs::kSuccess) {
-         cs::SetValueStr(desiredObjs->objects[i], "portset_name", portset.s);
+         rc = cs::SetValueStr(desiredObjs->objects[i], "portset_name", portset.s);
+         if (rc != cs::kSuccess) {
+            return rc;
+         }
       }
    }
    return cs::kSuccess;
 }
 
 int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
+   gStoreOutOfMemory = false;
    cs::FilterSpec *filter = nullptr;
    int32_t rc =
       cs::CreateFilterSpecObject(kSwitchGroup, kSwitchObject, kSwitchComponent, "", &filter);
@@ -226,6 +230,11 @@ int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
                           uuid.s != nullptr ? uuid.s : "(null)");
       }
    }
+   // A read that ran out of memory may have been taken for an absent
+   // value: the blob would silently lack it.
+   if (rc == cs::kSuccess && gStoreOutOfMemory) {
+      rc = cs::kNoMemory;
+   }
    if (rc == cs::kSuccess) {
       void *out = nullptr;
       uint32_t outLen = 0;
@@ -244,7 +253,7 @@ int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
 }  // namespace dvs::configstore
 
 using namespace dvs::configstore;
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 extern "C" {
 

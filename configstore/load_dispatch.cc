@@ -11,7 +11,7 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 

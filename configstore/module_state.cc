@@ -12,6 +12,7 @@ bool gIsZltSwitch = false;
 uint32_t gSwitchVersion = 0;
 ::configstore::Object *gSwitchObject = nullptr;
 int64_t gConfigStoreTimeMs = 0;
+bool gStoreOutOfMemory = false;
 
 uint32_t SwitchClassKind(const char *className) {
    if (className == nullptr) {

@@ -16,7 +16,7 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
@@ -73,42 +73,55 @@ class ExistingObjects {
       cs::DestroyFilterSpecObject(filter_);
    }
 
-   // The object of swId, when the store has one.
-   void CollectOne(cs::Store *store, const char *swId) {
-      if (cs::Get(store, kSwitchGroup, kSwitchObject, kSwitchComponent, swId, &single_) ==
-          cs::kSuccess) {
+   // The object of swId, when the store has one.  Returns 0 or the code of
+   // a failed read: a run that cannot tell which objects exist must not
+   // commit, or it would leave a stale one behind.
+   int32_t CollectOne(cs::Store *store, const char *swId) {
+      const int32_t rc =
+         cs::Get(store, kSwitchGroup, kSwitchObject, kSwitchComponent, swId, &single_);
+      if (rc == cs::kSuccess) {
          objects_ = &single_;
          count_ = 1;
       }
+      return rc == cs::kNotFound ? cs::kSuccess : rc;
    }
 
-   // Every switch object; failures leave the list empty.
-   void CollectAll(cs::Store *store) {
-      if (cs::CreateFilterSpecObject(kSwitchGroup, kSwitchObject, kSwitchComponent, "", &filter_) !=
-          cs::kSuccess) {
-         return;
+   // Every switch object; 0 or the code of the failed read.
+   int32_t CollectAll(cs::Store *store) {
+      int32_t rc =
+         cs::CreateFilterSpecObject(kSwitchGroup, kSwitchObject, kSwitchComponent, "", &filter_);
+      if (rc != cs::kSuccess) {
+         return rc;
       }
       const int64_t start = MonotonicMs();
-      if (cs::GetInstances(store, filter_, &objects_, &count_) != cs::kSuccess) {
+      rc = cs::GetInstances(store, filter_, &objects_, &count_);
+      if (rc != cs::kSuccess) {
          objects_ = nullptr;
          count_ = 0;
       }
       syslog(LOG_DEBUG, "DVSState_SaveBufToConfigStore_ByInstance GetInstances time: %lldms",
              static_cast<long long>(MonotonicMs() - start));
+      return rc;
    }
 
-   // Deletes the objects whose "uuid" names no switch of the registry.
-   void DeleteStale(cs::Store *store) {
+   // Deletes the objects whose "uuid" names no switch of the registry; an
+   // object without one is left alone.  0 or the first failure's code.
+   int32_t DeleteStale(cs::Store *store) {
       for (uint32_t i = 0; i < count_; i++) {
          char *uuid = nullptr;
-         if (cs::GetValueStr(objects_[i], "uuid", &uuid) != cs::kSuccess) {
+         int32_t rc = cs::GetValueStr(objects_[i], "uuid", &uuid);
+         if (rc == cs::kNotFound) {
             continue;
          }
-         if (DVSState_SwitchFind(uuid) == nullptr) {
-            cs::Delete(store, kSwitchGroup, kSwitchObject, kSwitchComponent, uuid);
+         if (rc == cs::kSuccess && DVSState_SwitchFind(uuid) == nullptr) {
+            rc = cs::Delete(store, kSwitchGroup, kSwitchObject, kSwitchComponent, uuid);
          }
          std::free(uuid);
+         if (rc != cs::kSuccess && rc != cs::kNotFound) {
+            return rc;
+         }
       }
+      return cs::kSuccess;
    }
 
   private:
@@ -136,10 +149,13 @@ bool SaveSwitchToConfigStore(DVSwitch *dvs, void *arg) {
    cs::Object *product = nullptr;
    int32_t rc = GetOrCreateSubObject(true, obj, "product", "", &product);
    if (rc == cs::kSuccess) {
-      cs::SetValueStr(product, "forwarding_class", DVS_ClassName(dvs));
-      WriteSwitchIdentity(obj, dvs, 1);
+      rc = cs::SetValueStr(product, "forwarding_class", DVS_ClassName(dvs));
+   }
+   if (rc == cs::kSuccess) {
+      rc = WriteSwitchIdentity(obj, dvs, 1);
       gConfigStoreTimeMs += MonotonicMs() - start;
-
+   }
+   if (rc == cs::kSuccess) {
       rc = SavePropList(obj, dvs->globalPropList, PROP_CLASS_GLOBAL, "SaveGlobalProp: %s\n");
       if (rc == cs::kSuccess) {
          rc = SavePropList(obj, dvs->hostPropList, PROP_CLASS_HOST, "SaveHostProp: %s\n");
@@ -162,7 +178,7 @@ bool SaveSwitchToConfigStore(DVSwitch *dvs, void *arg) {
 }  // namespace dvs::configstore
 
 using namespace dvs::configstore;
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 extern "C" {
 
@@ -200,7 +216,10 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
    }
    rc = cs::BeginTransaction(store);
    if (rc != cs::kSuccess) {
-      return rc;  // the lock stays held here too, and the store open
+      // The lock stays held here too; the connection, which nobody else
+      // can reach, is closed.
+      cs::DestroyStore(store);
+      return rc;
    }
    CONFIGSTORE_PROGRESS("Ready to save dvs list\n");
 
@@ -208,15 +227,17 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
    bool failed = false;
    {
       ExistingObjects existing;
-      if (swId != nullptr) {
-         existing.CollectOne(store, swId);
-      } else {
-         existing.CollectAll(store);
-      }
+      const int32_t collected =
+         swId != nullptr ? existing.CollectOne(store, swId) : existing.CollectAll(store);
       gConfigStoreTimeMs += MonotonicMs() - start;
 
-      auto *ctx = static_cast<ConfigSaveCtx *>(std::calloc(1, sizeof(ConfigSaveCtx)));
-      if (ctx == nullptr) {
+      ConfigSaveCtx *ctx = nullptr;
+      if (collected != cs::kSuccess) {
+         CONFIGSTORE_FAIL("Failed to save dvs to configstore\n");
+         result = collected;
+         failed = true;
+      } else if ((ctx = static_cast<ConfigSaveCtx *>(std::calloc(1, sizeof(ConfigSaveCtx)))) ==
+                 nullptr) {
          CONFIGSTORE_FAIL("Failed to alloc memory for DVSUplinkPorts\n");
          result = kConfigStoreOwnFailure;
          failed = true;
@@ -233,8 +254,10 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
 
          if (ctx->status == cs::kSuccess) {
             start = MonotonicMs();
-            existing.DeleteStale(store);
-            result = cs::CommitTransaction(store);
+            result = existing.DeleteStale(store);
+            if (result == cs::kSuccess) {
+               result = cs::CommitTransaction(store);
+            }
             failed = result != cs::kSuccess;
             gConfigStoreTimeMs += MonotonicMs() - start;
             if (!failed) {

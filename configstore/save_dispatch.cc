@@ -8,7 +8,7 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 int32_t SaveConfigProp(::configstore::Object *obj, const char *name, const void *value,
                        uint32_t valueLen, uint32_t propClass, uint64_t /* propFlag */) {

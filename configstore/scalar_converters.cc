@@ -12,7 +12,7 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
@@ -148,6 +148,8 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, DVSDataHandle props, con
       if (dvsconfigstore_debug >= 0) {
          puts(layout.allocMessage);
       }
+      // The resource-pool key list is skipped without failing the load;
+      // the uplink lists fail it through their result.
       rc = layout.allocFailureResult;
    } else {
       memcpy(buf, &count, sizeof count);

@@ -8,36 +8,55 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
-// The results are not checked: a key that is not there is already clear.
-void ClearStaleContent(cs::Object *obj) {
+// A key that is not there is already clear; any other failure is
+// returned, since a stale value left behind would be written back.
+int32_t ClearStaleContent(cs::Object *obj) {
+   int32_t rc = cs::kSuccess;
+   auto keep = [&rc](int32_t r) {
+      if (rc == cs::kSuccess && r != cs::kNotFound) {
+         rc = r;
+      }
+   };
    for (const char *const *key = UNUSED_PRIMITIVE_PROPS; *key != nullptr; key++) {
-      cs::RemoveValue(obj, *key);
+      keep(cs::RemoveValue(obj, *key));
    }
    for (const char *const *key = UNUSED_SINGLETON_PROPS; *key != nullptr; key++) {
-      cs::DeleteSubObject(obj, *key, "");
+      keep(cs::DeleteSubObject(obj, *key, ""));
    }
    for (const char *const *key = UNUSED_NON_SINGLETON_PROPS; *key != nullptr; key++) {
       cs::FilterSpec *filter = nullptr;
-      if (cs::CreateFilterSpecObject(*key, "", "", "", &filter) == cs::kSuccess) {
-         cs::DeleteSubObjectInstances(obj, filter);
+      keep(cs::CreateFilterSpecObject(*key, "", "", "", &filter));
+      if (filter != nullptr) {
+         keep(cs::DeleteSubObjectInstances(obj, filter));
       }
       cs::DestroyFilterSpecObject(filter);
    }
+   return rc;
 }
 
 }  // namespace
 
+// Only a switch that the store does not have gets a new object: after any
+// other failure of the read, a new object would drop what the store keeps.
 int32_t GetOrCreateSwitchObject(cs::Store *store, const char *swId, cs::Object **out) {
    *out = nullptr;
-   if (cs::Get(store, kSwitchGroup, kSwitchObject, kSwitchComponent, swId, out) == cs::kSuccess) {
-      ClearStaleContent(*out);
-      return cs::kSuccess;
+   int32_t rc = cs::Get(store, kSwitchGroup, kSwitchObject, kSwitchComponent, swId, out);
+   if (rc == cs::kSuccess) {
+      rc = ClearStaleContent(*out);
+      if (rc != cs::kSuccess) {
+         cs::DestroyConfigStoreObject(*out);
+         *out = nullptr;
+      }
+      return rc;
    }
    *out = nullptr;
+   if (rc != cs::kNotFound) {
+      return rc;
+   }
    return cs::CreateObject(kSwitchGroup, kSwitchObject, kSwitchComponent, swId, "{}", out);
 }
 
@@ -60,14 +79,19 @@ bool FinishSwitchSave(ConfigSaveCtx *ctx, DVSwitch *dvs, cs::Object *obj, int32_
    return false;
 }
 
-void WriteSwitchIdentity(cs::Object *obj, DVSwitch *dvs, int32_t messageLevel) {
+int32_t WriteSwitchIdentity(cs::Object *obj, DVSwitch *dvs, int32_t messageLevel) {
    // The display name: the alias, or the id of a switch that has none.
    const char *name = DVSState_GlobalPropIsSet(dvs, DVS_PROP_SWITCH_ALIAS) ? DVS_SwitchName(dvs)
                                                                            : DVS_SwitchId(dvs);
-   cs::SetValueInt(obj, "max_ports", static_cast<int32_t>(DVS_GetMaxPorts(dvs)));
+   int32_t rc = cs::SetValueInt(obj, "max_ports", static_cast<int32_t>(DVS_GetMaxPorts(dvs)));
    ::dvs::DebugLog(dvsconfigstore_debug, messageLevel, "SaveDVS: %s\n", name);
-   cs::SetValueStr(obj, "name", name);
-   cs::SetValueStr(obj, "uuid", DVS_SwitchId(dvs));
+   if (rc == cs::kSuccess) {
+      rc = cs::SetValueStr(obj, "name", name);
+   }
+   if (rc == cs::kSuccess) {
+      rc = cs::SetValueStr(obj, "uuid", DVS_SwitchId(dvs));
+   }
+   return rc;
 }
 
 }  // namespace dvs::configstore

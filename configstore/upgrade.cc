@@ -12,7 +12,7 @@
 
 namespace dvs::configstore {
 
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
@@ -38,7 +38,10 @@ bool SaveSwitchIdentityToConfigStore(DVSwitch *dvs, void *arg) {
    if (!OpenSwitchObject(ctx, dvs, &obj)) {
       return true;
    }
-   WriteSwitchIdentity(obj, dvs, 0);
+   const int32_t rc = WriteSwitchIdentity(obj, dvs, 0);
+   if (rc != cs::kSuccess) {
+      return FinishSwitchSave(ctx, dvs, obj, rc);
+   }
 
    // A switch without a port-set name is left out, without error.
    DVSDataEntry *portset = nullptr;
@@ -54,7 +57,7 @@ bool SaveSwitchIdentityToConfigStore(DVSwitch *dvs, void *arg) {
 }  // namespace dvs::configstore
 
 using namespace dvs::configstore;
-namespace cs = ::configstore;
+namespace cs = ::dvs::configstore::store_calls;
 
 extern "C" {
 
@@ -90,6 +93,7 @@ DVS_EXPORT int32_t DVSState_RetrieveDVSUpgradeInfo(void) {
    }
    rc = cs::BeginTransaction(store);
    if (rc != cs::kSuccess) {
+      cs::DestroyStore(store);
       FreeFileBuffer(file, alignOffset);
       return rc;
    }

@@ -11,7 +11,9 @@
  * The device is DVSHYP_DEVICE_PATH unless the environment variable
  * DVS_DEVICE_PATH names another (read once).  When that path is a
  * Unix-domain socket, commands go to the kernel switch simulator through it
- * with the same records and buffers (see docs/kernel-wire-format.md).
+ * with the same records and buffers (see docs/kernel-wire-format.md); each
+ * such exchange fails with STATUS_FAILURE once it has taken longer than
+ * DVS_DEVICE_TIMEOUT_MS milliseconds (30000 unless set; read once).
  *
  * Compiles as C11 and as C++.
  */
@@ -26,6 +28,7 @@ DVS_EXTERN_C_BEGIN
 
 #define DVSHYP_DEVICE_PATH "/xstor/devices/char/hypdriver/dvsdev"
 #define DVSHYP_DEVICE_PATH_ENV "DVS_DEVICE_PATH"
+#define DVSHYP_DEVICE_TIMEOUT_ENV "DVS_DEVICE_TIMEOUT_MS"
 
 /* Field widths of the command record. */
 #define DVSHYP_SWITCH_NAME_LEN 64

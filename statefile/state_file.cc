@@ -175,6 +175,19 @@ ReturnStatus WriteStateFile(const char *path, const void *data, uint32_t len, bo
    }
    const char *workPath = useTmp ? tmpPath.get() : path;
 
+   // The buffer comes first: once the file is cut, nothing may fail for
+   // want of memory, or a direct write would lose the old state.
+   const uint32_t padded = (len + kSectorMask) & ~kSectorMask;
+   AlignedBuffer buffer;
+   if (!buffer.Allocate(padded)) {
+      return STATUS_NO_MEMORY;
+   }
+   if (len > 0) {
+      std::memcpy(buffer.Data(), data, len);
+   }
+   // Readers ignore the filler; zeros keep stale heap bytes off the disk.
+   std::memset(buffer.Data() + len, 0, padded - len);
+
    // Not truncated on open: the length is set right below.
    Descriptor fd(OpenPreferDirect(workPath, O_WRONLY | O_CREAT, 0600));
    if (!fd.IsOpen()) {
@@ -190,17 +203,6 @@ ReturnStatus WriteStateFile(const char *path, const void *data, uint32_t len, bo
       FileLog("failed to truncate dvsfile %s, error: %s\n", workPath, Err_Errno2String(errno));
       return STATUS_IO_ERROR;
    }
-
-   const uint32_t padded = (len + kSectorMask) & ~kSectorMask;
-   AlignedBuffer buffer;
-   if (!buffer.Allocate(padded)) {
-      return STATUS_NO_MEMORY;
-   }
-   if (len > 0) {
-      std::memcpy(buffer.Data(), data, len);
-   }
-   // Readers ignore the filler; zeros keep stale heap bytes off the disk.
-   std::memset(buffer.Data() + len, 0, padded - len);
 
    const ssize_t written = TransferAll(fd.Get(), buffer.Data(), padded, ::pwrite);
    if (written != static_cast<ssize_t>(padded)) {

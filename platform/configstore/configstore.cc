@@ -131,6 +131,11 @@ class Statement {
    }
 
    int32_t Prepare(Store *store, const char *sql) {
+      // After an error SQLite may have rolled the open transaction back;
+      // nothing more may run then, or it would be written outside it.
+      if (store->inTransaction && sqlite3_get_autocommit(store->db)) {
+         return kDatabaseError;
+      }
       auto it = store->statements.find(sql);
       if (it != store->statements.end()) {
          stmt_ = it->second;
@@ -142,7 +147,14 @@ class Statement {
          sqlite3_finalize(stmt);
          return FromSqlite(rc);
       }
-      store->statements.emplace(sql, stmt);
+      // A statement that cannot be cached is finalized here: one left over
+      // would keep the connection from ever closing.
+      try {
+         store->statements.emplace(sql, stmt);
+      } catch (...) {
+         sqlite3_finalize(stmt);
+         throw;
+      }
       stmt_ = stmt;
       return kSuccess;
    }

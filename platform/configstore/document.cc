@@ -138,6 +138,123 @@ bool Node::RemoveSub(const std::string &key) {
 
 namespace {
 
+// Destroying a JSON array or object allocates (the JSON library first moves
+// the children onto a stack of its own), and an allocation failure inside a
+// destructor ends the process.  Emptying the tree from the leaves up leaves
+// nothing to move, so a parsed tree goes away without allocating.  The
+// builder below bounds the depth of the trees it makes.
+void Dismantle(Json &j) noexcept {
+   if (!j.is_array() && !j.is_object()) {
+      return;
+   }
+   for (Json &child : j) {
+      Dismantle(child);
+   }
+   j.clear();
+}
+
+// Deeper JSON than any document the readers accept (three levels of JSON
+// per level of sub-objects) is refused while parsing.
+constexpr size_t kMaxJsonDepth = 4 * kMaxDepth + 8;
+
+// Builds the tree as the JSON library's own builder does (a repeated key
+// keeps its first place and takes the last value), except that an object's
+// members are collected first and moved into a map reserved to their
+// number: a growing ordered map copies its members and then destroys the
+// old copies, which allocates.
+class TreeBuilder : public nlohmann::json_sax<Json> {
+  public:
+   bool null() override { return Put(Json(nullptr)); }
+   bool boolean(bool v) override { return Put(Json(v)); }
+   bool number_integer(number_integer_t v) override { return Put(Json(v)); }
+   bool number_unsigned(number_unsigned_t v) override { return Put(Json(v)); }
+   bool number_float(number_float_t v, const string_t &) override { return Put(Json(v)); }
+   bool string(string_t &v) override { return Put(Json(std::move(v))); }
+   bool binary(binary_t &v) override { return Put(Json::binary(std::move(v))); }
+   bool start_object(std::size_t) override { return Open(true); }
+   bool key(string_t &k) override {
+      open_.back().key = std::move(k);
+      return true;
+   }
+   bool end_object() override {
+      Frame f = std::move(open_.back());
+      open_.pop_back();
+      Json obj(Json::value_t::object);
+      auto &members = obj.get_ref<Json::object_t &>();
+      members.reserve(f.members.size());
+      for (auto &[k, v] : f.members) {
+         auto it = members.find(k);
+         if (it == members.end()) {
+            members.emplace(std::move(k), std::move(v));
+         } else {
+            Dismantle(it->second);
+            it->second = std::move(v);
+         }
+      }
+      return Put(std::move(obj));
+   }
+   bool start_array(std::size_t) override { return Open(false); }
+   bool end_array() override {
+      Frame f = std::move(open_.back());
+      open_.pop_back();
+      Json arr(Json::value_t::array);
+      auto &items = arr.get_ref<Json::array_t &>();
+      items.reserve(f.items.size());
+      for (Json &v : f.items) {
+         items.push_back(std::move(v));
+      }
+      return Put(std::move(arr));
+   }
+   bool parse_error(std::size_t, const std::string &,
+                    const nlohmann::detail::exception &) override {
+      return false;
+   }
+
+   Json root;
+
+  private:
+   struct Frame {
+      bool isObject = false;
+      std::string key;
+      std::vector<std::pair<std::string, Json>> members;
+      std::vector<Json> items;
+   };
+   bool Open(bool isObject) {
+      if (open_.size() >= kMaxJsonDepth) {
+         return false;
+      }
+      open_.emplace_back().isObject = isObject;
+      return true;
+   }
+   bool Put(Json &&v) {
+      if (open_.empty()) {
+         root = std::move(v);
+      } else if (open_.back().isObject) {
+         open_.back().members.emplace_back(std::move(open_.back().key), std::move(v));
+      } else {
+         open_.back().items.push_back(std::move(v));
+      }
+      return true;
+   }
+   std::vector<Frame> open_;
+};
+
+// Parsed JSON text, dismantled on the way out, also when filling the tree
+// from it fails.
+struct ParsedJson {
+   Json j;
+   explicit ParsedJson(const std::string &text) {
+      TreeBuilder builder;
+      if (!Json::sax_parse(text, &builder)) {
+         throw DocumentError("malformed JSON text");
+      }
+      j = std::move(builder.root);
+   }
+   ParsedJson(const ParsedJson &) = delete;
+   ParsedJson &operator=(const ParsedJson &) = delete;
+   ~ParsedJson() { Dismantle(j); }
+};
+
 int64_t IntegerOf(const Json &j) {
    if (j.is_number_unsigned()) {
       uint64_t u = j.get<uint64_t>();
@@ -243,9 +360,9 @@ void FillFromPlain(Node &node, const Json &j, int depth, bool skipKey) {
 }  // namespace
 
 NodePtr ParsePlainObject(const std::string &text) {
-   Json j = Json::parse(text);
+   const ParsedJson parsed(text);
    auto node = std::make_shared<Node>();
-   FillFromPlain(*node, j, 0, false);
+   FillFromPlain(*node, parsed.j, 0, false);
    return node;
 }
 

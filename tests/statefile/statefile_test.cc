@@ -21,10 +21,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
-#include <random>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "tests/kill_loop_support.h"
 
 namespace {
 
@@ -245,19 +246,21 @@ TEST_F(StateFileTest, DirectIoFirstWithCachedFallback) {
 }
 
 // A writer killed at any moment leaves the file holding one complete
-// payload, never a mixture or a truncated one.
+// payload, never a mixture or a truncated one, and never no file.
 TEST_F(StateFileTest, KilledWriterLeavesOneWholePayload) {
-   // Of different sizes, so that a shorter file over a longer one shows too.
-   const Bytes payloads[] = {Payload(300, 1), Payload(1100, 2), Payload(2600, 3)};
+   // Of different sizes, so that a shorter file over a longer one shows too;
+   // the largest is as big as a host with a few thousand ports, so that
+   // many kills land inside a write.
+   const Bytes payloads[] = {Payload(300, 1), Payload(41000, 2), Payload(260000, 3)};
    ASSERT_EQ(Write(path_, payloads[0]), STATUS_OK);
-   const unsigned seed = std::random_device{}();
-   SCOPED_TRACE("seed " + std::to_string(seed));
-   std::mt19937 rng(seed);
-   std::uniform_int_distribution<int> delayUs(0, 5000);
-   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(4);
+   killloop::Random random;
+   const int rounds = killloop::Rounds(150, 1000);
+   const auto started = std::chrono::steady_clock::now();
+   const auto deadline = killloop::Deadline(std::chrono::seconds(40));
    std::set<int> seen;
+   int round = 0, midReplacement = 0;
 
-   for (int round = 0; round < 40 && std::chrono::steady_clock::now() < deadline; ++round) {
+   for (; round < rounds && std::chrono::steady_clock::now() < deadline; ++round) {
       const pid_t child = fork();
       ASSERT_GE(child, 0);
       if (child == 0) {
@@ -265,11 +268,9 @@ TEST_F(StateFileTest, KilledWriterLeavesOneWholePayload) {
             if (Write(path_, payloads[i % 3]) != STATUS_OK)
                _exit(1);
       }
-      usleep(delayUs(rng));
-      kill(child, SIGKILL);
-      int status = 0;
-      ASSERT_EQ(waitpid(child, &status, 0), child);
-      ASSERT_TRUE(WIFSIGNALED(status)) << "the writer failed in round " << round;
+      usleep(random.Micros(3000));
+      ASSERT_TRUE(killloop::KillAndReap(child)) << "the writer failed in round " << round;
+      midReplacement += FileSize(path_ + ".tmp") >= 0;
 
       ReadResult r(path_);
       int found = -1;
@@ -279,7 +280,12 @@ TEST_F(StateFileTest, KilledWriterLeavesOneWholePayload) {
                            << " bytes";
       seen.insert(found);
    }
-   EXPECT_GE(seen.size(), 2u);  // the kills did land among replacements
+   killloop::Report("state file", std::to_string(round) + " kills (" +
+                                     std::to_string(midReplacement) + " inside a replacement) in " +
+                                     std::to_string(killloop::Seconds(started)) + " s");
+   EXPECT_GE(round, std::min(rounds, 20));
+   EXPECT_EQ(seen.size(), 3u);  // the kills did land among replacements
+   EXPECT_GT(midReplacement, 0);
 }
 
 }  // namespace
