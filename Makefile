@@ -4,11 +4,13 @@
 #   make test                 set up, build, run every test; then again under ASan+UBSan;
 #                             then the switch-state concurrency test under TSan
 #   make install PREFIX=dir   install headers, libraries, pkg-config file, CMake package
-#   make bench                run the benchmarks
+#   make bench                build the benchmarks (Release, in $(REL_BUILD)) and print the
+#                             table of each operation beside its same-run reference
 
 PREFIX ?= /usr/local
 JOBS   ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD  ?= build
+REL_BUILD  ?= build-rel
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 
@@ -24,6 +26,9 @@ setup:
 
 $(BUILD)/CMakeCache.txt: | setup
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_COMMON)
+
+$(REL_BUILD)/CMakeCache.txt: | setup
+	cmake -S . -B $(REL_BUILD) -DCMAKE_BUILD_TYPE=Release
 
 $(ASAN_BUILD)/CMakeCache.txt: | setup
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDVS_SANITIZE=ON -DDVS_BUILD_BENCH=OFF $(CMAKE_COMMON)
@@ -69,8 +74,14 @@ test: test-plain test-asan test-tsan
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
-bench: build
-	$(BUILD)/bench/dvs_bench
+# The best of BENCH_REPS runs of each row; the Google Benchmark JSON and
+# the cost-per-port plot stay in $(REL_BUILD).  Run $(REL_BUILD)/bench/dvs_bench
+# for every benchmark.
+BENCH_REPS ?= 5
+bench: setup $(REL_BUILD)/CMakeCache.txt
+	cmake --build $(REL_BUILD) -j $(JOBS) --target dvs_bench
+	python3 bench/report.py --bench $(REL_BUILD)/bench/dvs_bench --repetitions $(BENCH_REPS) \
+	  --json $(REL_BUILD)/bench.json --svg $(REL_BUILD)/store_cost_per_port.svg
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)
+	rm -rf $(BUILD) $(REL_BUILD) $(ASAN_BUILD) $(TSAN_BUILD)

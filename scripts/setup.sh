@@ -8,6 +8,8 @@ packages=(
   libgtest-dev libgmock-dev       # tests
   libbenchmark-dev                # benchmarks
   libsqlite3-dev                  # configuration store
+  libsimdjson-dev                 # its document reader
+  rapidjson-dev gnuplot-nox       # benchmarks: JSON library comparison, cost plot
   libcurl4-openssl-dev libssl-dev # its etcd backend (HTTP; base64 from libcrypto)
   etcd-server etcd-client         # etcd for the replicated-store tests
   nlohmann-json3-dev libcli11-dev # tools

@@ -1,4 +1,6 @@
-// document.cc -- the object tree and its JSON forms.
+// document.cc -- the object tree and the plain JSON of CreateObject (the
+// stored document is read by document_reader.cc, written by
+// document_writer.cc).
 #include "document.h"
 
 #include <algorithm>
@@ -10,6 +12,49 @@ namespace configstore {
 namespace detail {
 
 using Json = nlohmann::ordered_json;
+
+// ---- sub-object keys --------------------------------------------------------
+
+NodePtr SubKey::Find(const std::string &childId) const {
+   if (!byId_.empty()) {
+      auto it = byId_.find(childId);
+      return it == byId_.end() ? nullptr : it->second;
+   }
+   for (const NodePtr &entry : entries) {
+      if (entry->id == childId) {
+         return entry;
+      }
+   }
+   return nullptr;
+}
+
+void SubKey::Add(NodePtr child) {
+   entries.push_back(std::move(child));
+   if (!byId_.empty()) {
+      byId_.emplace(entries.back()->id, entries.back());
+   } else if (entries.size() > kIndexFrom) {
+      byId_.reserve(entries.size() * 2);
+      for (const NodePtr &entry : entries) {
+         byId_.emplace(entry->id, entry);
+      }
+   }
+}
+
+bool SubKey::Remove(const std::string &childId) {
+   auto it = std::find_if(entries.begin(), entries.end(),
+                          [&](const NodePtr &n) { return n->id == childId; });
+   if (it == entries.end()) {
+      return false;
+   }
+   entries.erase(it);
+   byId_.erase(childId);
+   return true;
+}
+
+void SubKey::Clear() {
+   entries.clear();
+   byId_.clear();
+}
 
 // ---- tree -----------------------------------------------------------------
 
@@ -51,11 +96,7 @@ SubKey *Node::FindSub(const std::string &key) {
 
 NodePtr Node::FindChild(const std::string &key, const std::string &childId) {
    SubKey *sub = FindSub(key);
-   if (sub == nullptr) {
-      return nullptr;
-   }
-   auto it = sub->byId.find(childId);
-   return it == sub->byId.end() ? nullptr : it->second;
+   return sub == nullptr ? nullptr : sub->Find(childId);
 }
 
 NodePtr Node::AddChild(const std::string &key, const std::string &childId) {
@@ -64,29 +105,20 @@ NodePtr Node::AddChild(const std::string &key, const std::string &childId) {
       subs.emplace_back();
       sub = &subs.back();
       sub->key = key;
-   } else if (NodePtr existing = FindChild(key, childId)) {
+   } else if (NodePtr existing = sub->Find(childId)) {
       return existing;
    }
    auto child = std::make_shared<Node>();
    child->id = childId;
-   sub->entries.push_back(child);
-   sub->byId.emplace(childId, child);
+   sub->Add(child);
    return child;
 }
 
 bool Node::RemoveChild(const std::string &key, const std::string &childId) {
    SubKey *sub = FindSub(key);
-   if (sub == nullptr) {
+   if (sub == nullptr || !sub->Remove(childId)) {
       return false;
    }
-   auto it = sub->byId.find(childId);
-   if (it == sub->byId.end()) {
-      return false;
-   }
-   Node *target = it->second.get();
-   sub->byId.erase(it);
-   sub->entries.erase(std::find_if(sub->entries.begin(), sub->entries.end(),
-                                   [&](const NodePtr &n) { return n.get() == target; }));
    if (sub->entries.empty()) {
       RemoveSub(key);
    }
@@ -278,61 +310,6 @@ Value ValueFromJson(const Json &j) {
    return v;
 }
 
-// ---- stored document --------------------------------------------------------
-
-void FillFromDocument(Node &node, const Json &j, int depth) {
-   if (depth > kMaxDepth) {
-      throw DocumentError("nested too deeply");
-   }
-   if (!j.is_object()) {
-      throw DocumentError("a document is a JSON object");
-   }
-   for (auto it = j.begin(); it != j.end(); ++it) {
-      const std::string &name = it.key();
-      const Json &member = it.value();
-      if (name == "values") {
-         if (!member.is_object()) {
-            throw DocumentError("\"values\" is an object");
-         }
-         for (auto v = member.begin(); v != member.end(); ++v) {
-            if (v.key().empty()) {
-               throw DocumentError("empty value name");
-            }
-            node.PutValue(v.key()) = ValueFromJson(v.value());
-         }
-      } else if (name == "subobjects") {
-         if (!member.is_object()) {
-            throw DocumentError("\"subobjects\" is an object");
-         }
-         for (auto s = member.begin(); s != member.end(); ++s) {
-            if (s.key().empty() || !s.value().is_array()) {
-               throw DocumentError("a sub-object key holds an array of entries");
-            }
-            for (const auto &entry : s.value()) {
-               if (!entry.is_object()) {
-                  throw DocumentError("a sub-object entry is an object");
-               }
-               std::string childId;
-               auto idIt = entry.find("id");
-               if (idIt != entry.end()) {
-                  if (!idIt->is_string()) {
-                     throw DocumentError("an instance id is a string");
-                  }
-                  childId = idIt->get<std::string>();
-               }
-               if (node.FindChild(s.key(), childId)) {
-                  throw DocumentError("duplicate sub-object instance");
-               }
-               // The entry's "id" member is skipped by the loop above.
-               FillFromDocument(*node.AddChild(s.key(), childId), entry, depth + 1);
-            }
-         }
-      } else if (name != "id" || depth == 0) {
-         throw DocumentError("unknown document member");
-      }
-   }
-}
-
 // ---- plain JSON of CreateObject -------------------------------------------------
 
 void FillFromPlain(Node &node, const Json &j, int depth, bool skipKey) {
@@ -381,13 +358,6 @@ void FillFromPlain(Node &node, const Json &j, int depth, bool skipKey) {
 }
 
 }  // namespace
-
-NodePtr ParseDocument(const std::string &text) {
-   const ParsedJson parsed(text);
-   auto node = std::make_shared<Node>();
-   FillFromDocument(*node, parsed.j, 0);
-   return node;
-}
 
 NodePtr ParsePlainObject(const std::string &text) {
    const ParsedJson parsed(text);

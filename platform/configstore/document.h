@@ -43,11 +43,24 @@ struct Value {
 struct Node;
 using NodePtr = std::shared_ptr<Node>;
 
-// The entries of one sub-object key, in creation order.
+// The entries of one sub-object key, in creation order.  Most keys hold a
+// singleton or a few instances, found by a scan; a key that grows past
+// kIndexFrom entries also keeps an index by instance id.
 struct SubKey {
+   static constexpr size_t kIndexFrom = 8;
+
    std::string key;
    std::vector<NodePtr> entries;
-   std::unordered_map<std::string, NodePtr> byId;
+
+   NodePtr Find(const std::string &id) const;
+   // Adds a child whose id no entry has.
+   void Add(NodePtr child);
+   // Removes the entry of `id`; false when there is none.
+   bool Remove(const std::string &id);
+   void Clear();
+
+  private:
+   std::unordered_map<std::string, NodePtr> byId_;  // empty until kIndexFrom
 };
 
 struct Node {
@@ -76,7 +89,8 @@ constexpr int kMaxDepth = 512;
 // The stored document of a node (see docs/configstore.md); throws
 // DocumentError for a string that is not valid UTF-8.  In document_writer.cc.
 std::string SerializeDocument(const Node &node);
-// Parses a stored document; throws DocumentError or a json exception.
+// Parses a stored document; throws DocumentError, or std::bad_alloc when
+// memory runs out.  In document_reader.cc.
 NodePtr ParseDocument(const std::string &text);
 // Parses the plain JSON text given to CreateObject: an object whose
 // members are values, nested objects (singleton sub-objects) and arrays of

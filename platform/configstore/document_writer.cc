@@ -52,6 +52,19 @@ size_t Utf8SequenceLength(const std::string &s, size_t i) {
    return len;
 }
 
+// Bytes copied into a JSON string as they are: printable ASCII other than
+// '"' and '\\'.
+struct PlainAsciiTable {
+   bool plain[256] = {};
+   constexpr PlainAsciiTable() {
+      for (int c = 0x20; c < 0x80; ++c) {
+         plain[c] = c != '"' && c != '\\';
+      }
+   }
+   constexpr bool operator[](unsigned char c) const { return plain[c]; }
+};
+constexpr PlainAsciiTable kPlainAscii;
+
 class Writer {
   public:
    explicit Writer(std::string &out) : out_(out) {}
@@ -154,9 +167,17 @@ class Writer {
    void String(const std::string &s) {
       static const char kHex[] = "0123456789abcdef";
       out_ += '"';
+      const size_t n = s.size();
       size_t plain = 0;  // start of the run not yet copied
       size_t i = 0;
-      while (i < s.size()) {
+      while (i < n) {
+         // Printable ASCII other than the quote and the backslash runs on.
+         while (i < n && kPlainAscii[static_cast<unsigned char>(s[i])]) {
+            ++i;
+         }
+         if (i == n) {
+            break;
+         }
          unsigned char c = static_cast<unsigned char>(s[i]);
          if (c >= 0x80) {
             size_t len = Utf8SequenceLength(s, i);
@@ -164,10 +185,6 @@ class Writer {
                throw DocumentError("a string is not valid UTF-8");
             }
             i += len;
-            continue;
-         }
-         if (c >= 0x20 && c != '"' && c != '\\') {
-            ++i;
             continue;
          }
          out_.append(s, plain, i - plain);
@@ -200,7 +217,7 @@ class Writer {
          }
          plain = ++i;
       }
-      out_.append(s, plain, s.size() - plain);
+      out_.append(s, plain, n - plain);
       out_ += '"';
    }
 

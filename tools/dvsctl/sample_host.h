@@ -29,7 +29,7 @@ struct SampleHostOptions {
    uint32_t seed = 1;      // the same seed gives the same host
 };
 
-constexpr uint32_t kMaxSamplePorts = 2048;
+constexpr uint32_t kMaxSamplePorts = 4096;
 
 // Builds the host in the process-wide switch registry, returns its host
 // configuration blob and empties the registry again.  Options out of range

@@ -1,0 +1,208 @@
+// A whole host through the configuration store: the sample host (32
+// switches of four classes; uplinks with resource pools and LACP, VM ports
+// with teaming, VLAN, shaping, security, mirror sessions, filters and
+// opaque data) at 64, 512 and 4096 ports, saved with
+// DVSState_SaveBufToConfigStore and loaded with
+// DVSState_LoadFromConfigStoreAsBuf.  Beside each, the floor SQLite alone
+// sets for the same documents: every row inserted in one transaction with
+// the store's durability (WAL, synchronous FULL), and every row selected.
+#include <benchmark/benchmark.h>
+#include <configstore.h>
+#include <dvsconfigstore.h>
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sample_host.h"
+
+namespace {
+
+constexpr uint32_t kHostSwitches = 32;
+
+void Must(bool ok, const char *what) {
+   if (!ok) {
+      std::fprintf(stderr, "store host bench: %s failed\n", what);
+      std::abort();
+   }
+}
+
+// A directory of its own, with the store's path pointing into it.
+class StoreDir {
+  public:
+   StoreDir() {
+      std::string pattern =
+         (std::filesystem::temp_directory_path() / "dvs-host-bench.XXXXXX").string();
+      Must(mkdtemp(pattern.data()) != nullptr, "mkdtemp");
+      dir_ = pattern;
+      setenv(configstore::kPathEnv, File("store.db").c_str(), 1);
+      dvsconfigstore_debug = -1;
+   }
+   ~StoreDir() {
+      std::error_code ec;
+      std::filesystem::remove_all(dir_, ec);
+   }
+   StoreDir(const StoreDir &) = delete;
+   StoreDir &operator=(const StoreDir &) = delete;
+
+   std::string File(const char *name) const { return dir_ + "/" + name; }
+
+  private:
+   std::string dir_;
+};
+
+std::string SampleHost(int64_t ports) {
+   const dvsctl::Bytes blob =
+      dvsctl::BuildSampleHost({kHostSwitches, static_cast<uint32_t>(ports), 1});
+   return std::string(blob.begin(), blob.end());
+}
+
+void Save(const std::string &blob) {
+   Must(DVSState_SaveBufToConfigStore(blob.data(), static_cast<uint32_t>(blob.size())) == 0,
+        "save");
+}
+
+void SetPortCounters(benchmark::State &state, double docBytes) {
+   state.counters["ports"] = static_cast<double>(state.range(0));
+   state.counters["doc_bytes"] = docBytes;
+}
+
+// The (key, document) rows of a store's database.
+std::vector<std::pair<std::string, std::string>> StoredRows(const std::string &path) {
+   std::vector<std::pair<std::string, std::string>> rows;
+   sqlite3 *db = nullptr;
+   sqlite3_stmt *stmt = nullptr;
+   Must(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK, "open");
+   Must(sqlite3_prepare_v2(db, "SELECT instance, doc FROM objects ORDER BY seq", -1, &stmt,
+                           nullptr) == SQLITE_OK,
+        "prepare");
+   while (sqlite3_step(stmt) == SQLITE_ROW) {
+      rows.emplace_back(reinterpret_cast<const char *>(sqlite3_column_text(stmt, 0)),
+                        reinterpret_cast<const char *>(sqlite3_column_text(stmt, 1)));
+   }
+   sqlite3_finalize(stmt);
+   sqlite3_close(db);
+   return rows;
+}
+
+double Bytes(const std::vector<std::pair<std::string, std::string>> &rows) {
+   double n = 0;
+   for (const auto &row : rows) {
+      n += static_cast<double>(row.second.size());
+   }
+   return n;
+}
+
+// A bare table holding the same rows, kept as the store keeps its file.
+class BareDb {
+  public:
+   explicit BareDb(const std::string &path) {
+      Must(sqlite3_open(path.c_str(), &db_) == SQLITE_OK, "bare open");
+      Exec("PRAGMA journal_mode=WAL");
+      Exec("PRAGMA synchronous=FULL");
+      Exec("CREATE TABLE t(k TEXT PRIMARY KEY, doc TEXT NOT NULL)");
+   }
+   ~BareDb() { sqlite3_close(db_); }
+   BareDb(const BareDb &) = delete;
+   BareDb &operator=(const BareDb &) = delete;
+
+   void Exec(const char *sql) {
+      Must(sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK, sql);
+   }
+   sqlite3_stmt *Prepare(const char *sql) {
+      sqlite3_stmt *stmt = nullptr;
+      Must(sqlite3_prepare_v2(db_, sql, -1, &stmt, nullptr) == SQLITE_OK, sql);
+      return stmt;
+   }
+
+   // Every row in one transaction.
+   void InsertAll(sqlite3_stmt *insert,
+                  const std::vector<std::pair<std::string, std::string>> &rows) {
+      Exec("BEGIN IMMEDIATE");
+      for (const auto &row : rows) {
+         sqlite3_bind_text(insert, 1, row.first.data(), static_cast<int>(row.first.size()),
+                           SQLITE_STATIC);
+         sqlite3_bind_text(insert, 2, row.second.data(), static_cast<int>(row.second.size()),
+                           SQLITE_STATIC);
+         Must(sqlite3_step(insert) == SQLITE_DONE, "bare insert");
+         sqlite3_reset(insert);
+      }
+      Exec("COMMIT");
+   }
+
+  private:
+   sqlite3 *db_ = nullptr;
+};
+
+constexpr const char *kBareUpsert = "INSERT OR REPLACE INTO t(k, doc) VALUES(?, ?)";
+
+void BM_HostStoreSave(benchmark::State &state) {
+   const std::string blob = SampleHost(state.range(0));
+   StoreDir dir;
+   Save(blob);  // later saves replace existing objects, as on a running host
+   for (auto _ : state) {
+      Save(blob);
+   }
+   SetPortCounters(state, Bytes(StoredRows(dir.File("store.db"))));
+}
+
+void BM_HostBareInsert(benchmark::State &state) {
+   StoreDir dir;
+   Save(SampleHost(state.range(0)));
+   const auto rows = StoredRows(dir.File("store.db"));
+   BareDb bare(dir.File("bare.db"));
+   sqlite3_stmt *insert = bare.Prepare(kBareUpsert);
+   bare.InsertAll(insert, rows);
+   for (auto _ : state) {
+      bare.InsertAll(insert, rows);
+   }
+   sqlite3_finalize(insert);
+   SetPortCounters(state, Bytes(rows));
+}
+
+void BM_HostStoreLoad(benchmark::State &state) {
+   StoreDir dir;
+   Save(SampleHost(state.range(0)));
+   for (auto _ : state) {
+      void *buf = nullptr;
+      uint32_t len = 0;
+      Must(DVSState_LoadFromConfigStoreAsBuf(&buf, &len, false) == 0, "load");
+      std::free(buf);
+   }
+   SetPortCounters(state, Bytes(StoredRows(dir.File("store.db"))));
+}
+
+void BM_HostBareSelect(benchmark::State &state) {
+   StoreDir dir;
+   Save(SampleHost(state.range(0)));
+   const auto rows = StoredRows(dir.File("store.db"));
+   BareDb bare(dir.File("bare.db"));
+   sqlite3_stmt *insert = bare.Prepare(kBareUpsert);
+   bare.InsertAll(insert, rows);
+   sqlite3_finalize(insert);
+   sqlite3_stmt *select = bare.Prepare("SELECT k, doc FROM t");
+   for (auto _ : state) {
+      size_t sum = 0;
+      while (sqlite3_step(select) == SQLITE_ROW) {
+         sum += static_cast<size_t>(sqlite3_column_bytes(select, 1));
+         benchmark::DoNotOptimize(sqlite3_column_text(select, 1));
+      }
+      sqlite3_reset(select);
+      benchmark::DoNotOptimize(sum);
+   }
+   sqlite3_finalize(select);
+   SetPortCounters(state, Bytes(rows));
+}
+
+#define HOST_SIZES(b) \
+   BENCHMARK(b)->Arg(64)->Arg(512)->Arg(4096)->Unit(benchmark::kMillisecond)->UseRealTime()
+HOST_SIZES(BM_HostStoreSave);
+HOST_SIZES(BM_HostBareInsert);
+HOST_SIZES(BM_HostStoreLoad);
+HOST_SIZES(BM_HostBareSelect);
+
+}  // namespace

@@ -1,0 +1,261 @@
+// document_reader.cc -- reads a stored document straight into the object
+// tree: simdjson's on-demand parser walks the text once and every value,
+// key and entry goes into its Node as it is met, with no JSON tree in
+// between.
+//
+// What is accepted is exactly what the store has always read (RFC 8259
+// JSON with an optional UTF-8 byte order mark, ending at a NUL byte;
+// strings valid UTF-8 with no lone surrogate escapes and no unescaped
+// control characters; integers within int64, no fractions or exponents) in
+// the shape docs/configstore.md describes.  A member name given twice keeps
+// its first position and its last value.  The store never writes one
+// twice; in such a text, an occurrence that a later one replaces is now
+// checked too, so a document whose replaced occurrence breaks the format
+// is refused where it used to be read.
+#include <simdjson.h>
+
+#include <algorithm>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "document.h"
+
+namespace configstore {
+namespace detail {
+
+namespace {
+
+namespace od = simdjson::ondemand;
+
+// Each entry level of a document is three JSON levels (the "subobjects"
+// object, the key's array, the entry); a value list adds two more.
+constexpr size_t kMaxJsonDepth = 3 * (kMaxDepth + 1) + 3;
+
+// Turns a parser error into the library's exceptions: no memory is
+// kNoMemory, anything else a document the store cannot read.
+void Check(simdjson::error_code err) {
+   if (err == simdjson::SUCCESS) {
+      return;
+   }
+   if (err == simdjson::MEMALLOC) {
+      throw std::bad_alloc();
+   }
+   throw DocumentError(simdjson::error_message(err));
+}
+
+template <typename T, typename R>
+T Get(R &&result) {
+   T out{};
+   Check(std::forward<R>(result).get(out));
+   return out;
+}
+
+int64_t Integer(od::value v) {
+   const od::number_type type = Get<od::number_type>(v.get_number_type());
+   if (type == od::number_type::unsigned_integer) {
+      throw DocumentError("integer out of range");
+   }
+   if (type != od::number_type::signed_integer) {
+      throw DocumentError("a number is an integer");
+   }
+   return Get<int64_t>(v.get_int64());
+}
+
+std::string_view String(od::value v) {
+   return Get<std::string_view>(v.get_string());
+}
+
+// A value list: empty, all strings or all integers, by its first element.
+void ReadList(Value &out, od::array list) {
+   out.kind = Kind::kEmptyList;
+   for (auto element : list) {
+      od::value e = Get<od::value>(element);
+      const od::json_type type = Get<od::json_type>(e.type());
+      if (out.kind == Kind::kEmptyList) {
+         if (type == od::json_type::string) {
+            out.kind = Kind::kStringList;
+         } else if (type == od::json_type::number) {
+            out.kind = Kind::kIntList;
+         } else {
+            throw DocumentError("lists hold strings or integers");
+         }
+      }
+      if (out.kind == Kind::kStringList) {
+         if (type != od::json_type::string) {
+            throw DocumentError("list mixes strings and other values");
+         }
+         out.strs.emplace_back(String(e));
+      } else {
+         if (type != od::json_type::number) {
+            throw DocumentError("list mixes integers and other values");
+         }
+         out.nums.push_back(Integer(e));
+      }
+   }
+}
+
+void ReadValue(Value &out, od::value v) {
+   out = Value{};
+   switch (Get<od::json_type>(v.type())) {
+      case od::json_type::string:
+         out.kind = Kind::kString;
+         out.str = String(v);
+         return;
+      case od::json_type::boolean:
+         out.kind = Kind::kBool;
+         out.num = Get<bool>(v.get_bool()) ? 1 : 0;
+         return;
+      case od::json_type::number:
+         out.kind = Kind::kInt;
+         out.num = Integer(v);
+         return;
+      case od::json_type::array:
+         ReadList(out, Get<od::array>(v.get_array()));
+         return;
+      default:
+         throw DocumentError("unsupported value kind");
+   }
+}
+
+// The value `name` of node, added at the end when it is new.
+Value &ValueSlot(Node &node, std::string_view name) {
+   for (auto &entry : node.values) {
+      if (entry.first == name) {
+         return entry.second;
+      }
+   }
+   node.values.emplace_back(std::string(name), Value{});
+   return node.values.back().second;
+}
+
+void ReadValues(Node &node, od::object values) {
+   for (auto field : values) {
+      const std::string_view name = Get<std::string_view>(field.unescaped_key());
+      if (name.empty()) {
+         throw DocumentError("empty value name");
+      }
+      ReadValue(ValueSlot(node, name), Get<od::value>(field.value()));
+   }
+}
+
+void ReadNode(Node &node, od::object object, int depth, bool isEntry, std::string *entryId);
+
+// One sub-object entry under `sub`: read into a node of its own, which
+// joins the key once its id (wherever it stands in the entry) is known.
+void ReadEntry(SubKey &sub, od::value entry, int depth) {
+   od::object object;
+   if (entry.get_object().get(object) != simdjson::SUCCESS) {
+      throw DocumentError("a sub-object entry is an object");
+   }
+   auto child = std::make_shared<Node>();
+   ReadNode(*child, object, depth, true, &child->id);
+   if (sub.Find(child->id) != nullptr) {
+      throw DocumentError("duplicate sub-object instance");
+   }
+   sub.Add(std::move(child));
+}
+
+void ReadSubobjects(Node &node, od::object subobjects, int depth) {
+   for (auto field : subobjects) {
+      const std::string key(Get<std::string_view>(field.unescaped_key()));
+      od::array entries;
+      if (key.empty() || Get<od::value>(field.value()).get_array().get(entries) !=
+                            simdjson::SUCCESS) {
+         throw DocumentError("a sub-object key holds an array of entries");
+      }
+      SubKey *sub = node.FindSub(key);
+      if (sub == nullptr) {
+         node.subs.emplace_back();
+         sub = &node.subs.back();
+         sub->key = key;
+      } else {
+         sub->Clear();  // a repeated key: its last array counts
+      }
+      for (auto entry : entries) {
+         ReadEntry(*sub, Get<od::value>(entry), depth + 1);
+      }
+      if (sub->entries.empty()) {
+         // "k": [] leaves no key behind, as the entries it lists.
+         node.RemoveSub(key);
+      }
+   }
+}
+
+void ReadNode(Node &node, od::object object, int depth, bool isEntry, std::string *entryId) {
+   if (depth > kMaxDepth) {
+      throw DocumentError("nested too deeply");
+   }
+   for (auto field : object) {
+      const std::string_view name = Get<std::string_view>(field.unescaped_key());
+      od::value member = Get<od::value>(field.value());
+      if (name == "values") {
+         od::object values;
+         if (member.get_object().get(values) != simdjson::SUCCESS) {
+            throw DocumentError("\"values\" is an object");
+         }
+         node.values.clear();  // a repeated member: its last object counts
+         ReadValues(node, values);
+      } else if (name == "subobjects") {
+         od::object subobjects;
+         if (member.get_object().get(subobjects) != simdjson::SUCCESS) {
+            throw DocumentError("\"subobjects\" is an object");
+         }
+         node.subs.clear();
+         ReadSubobjects(node, subobjects, depth);
+      } else if (name == "id" && isEntry) {
+         od::json_type type = Get<od::json_type>(member.type());
+         if (type != od::json_type::string) {
+            throw DocumentError("an instance id is a string");
+         }
+         *entryId = std::string(String(member));
+      } else {
+         throw DocumentError("unknown document member");
+      }
+   }
+}
+
+// The parser keeps its buffers between documents; one per thread, since a
+// store may be used from several.
+// The depth set here stays when the buffers grow for a larger document.
+od::parser &Parser() {
+   thread_local od::parser parser;
+   if (parser.max_depth() != kMaxJsonDepth) {
+      Check(parser.allocate(64 * 1024, kMaxJsonDepth));
+   }
+   return parser;
+}
+
+}  // namespace
+
+NodePtr ParseDocument(const std::string &text) {
+   // The text ends at a NUL byte, as it always has (one inside a string
+   // then leaves that string unterminated).
+   std::string_view json(text.data(), std::min(text.find('\0'), text.size()));
+   // A byte order mark may open the text.
+   constexpr std::string_view kBom("\xEF\xBB\xBF");
+   if (json.substr(0, kBom.size()) == kBom) {
+      json.remove_prefix(kBom.size());
+   }
+   // The parser reads a little past the end of the text.
+   std::string padded;
+   padded.reserve(json.size() + simdjson::SIMDJSON_PADDING);
+   padded.assign(json);
+   od::document doc =
+      Get<od::document>(Parser().iterate(padded.data(), padded.size(), padded.capacity()));
+   od::object root;
+   if (doc.get_object().get(root) != simdjson::SUCCESS) {
+      throw DocumentError("a document is a JSON object");
+   }
+   auto node = std::make_shared<Node>();
+   ReadNode(*node, root, 0, false, nullptr);
+   // Nothing but white space may follow the object.
+   const char *trailing = nullptr;
+   if (doc.current_location().get(trailing) == simdjson::SUCCESS) {
+      throw DocumentError("text after the document");
+   }
+   return node;
+}
+
+}  // namespace detail
+}  // namespace configstore

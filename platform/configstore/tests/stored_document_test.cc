@@ -1,0 +1,117 @@
+// Stored documents written behind the library's back and read with Get:
+// the edges of what a document may be (byte order mark, end of text,
+// integer range, surrogate escapes, nesting depth), which the reader must
+// keep as they are.
+#include <configstore.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+namespace configstore {
+namespace {
+
+class StoredDocumentTest : public ::testing::Test {
+  protected:
+   void SetUp() override {
+      char tmpl[] = "/tmp/stored_document_test.XXXXXX";
+      ASSERT_NE(mkdtemp(tmpl), nullptr);
+      dir_ = tmpl;
+      setenv(kPathEnv, (dir_ + "/store.db").c_str(), 1);
+      ASSERT_EQ(GetStore(0, &store_), kSuccess);
+      Object *o = nullptr;
+      ASSERT_EQ(CreateObject("g", "o", "c", "x", "{}", &o), kSuccess);
+      EXPECT_EQ(Set(store_, o, kSourceExternal), kSuccess);
+      DestroyConfigStoreObject(o);
+   }
+   void TearDown() override {
+      DestroyStore(store_);
+      std::error_code ec;
+      std::filesystem::remove_all(dir_, ec);
+   }
+
+   // Replaces the stored document of "x" with `doc` (which may hold NULs)
+   // and reads it back: the Get code, and the value "v" as an integer
+   // when the document was read.
+   int32_t Read(const std::string &doc, int64_t *v = nullptr) {
+      sqlite3 *db = nullptr;
+      sqlite3_stmt *stmt = nullptr;
+      EXPECT_EQ(sqlite3_open((dir_ + "/store.db").c_str(), &db), SQLITE_OK);
+      EXPECT_EQ(sqlite3_prepare_v2(db, "UPDATE objects SET doc = ?1", -1, &stmt, nullptr),
+                SQLITE_OK);
+      sqlite3_bind_text(stmt, 1, doc.data(), static_cast<int>(doc.size()), SQLITE_STATIC);
+      EXPECT_EQ(sqlite3_step(stmt), SQLITE_DONE);
+      sqlite3_finalize(stmt);
+      sqlite3_close(db);
+      Object *o = nullptr;
+      const int32_t rc = Get(store_, "g", "o", "c", "x", &o);
+      if (rc == kSuccess && v != nullptr) {
+         EXPECT_EQ(GetValueLong(o, "v", v), kSuccess);
+      }
+      DestroyConfigStoreObject(o);
+      return rc;
+   }
+
+   std::string dir_;
+   Store *store_ = nullptr;
+};
+
+std::string Nested(int levels) {
+   std::string s = "{";
+   for (int i = 0; i < levels; ++i) {
+      s += "\"subobjects\":{\"k\":[{";
+   }
+   s += "\"values\":{\"v\":[1]}";
+   for (int i = 0; i < levels; ++i) {
+      s += "}]}";
+   }
+   return s + "}";
+}
+
+TEST_F(StoredDocumentTest, TextEdges) {
+   int64_t v = 1;
+   EXPECT_EQ(Read("\xEF\xBB\xBF{\"values\":{\"v\":-0}}", &v), kSuccess);
+   EXPECT_EQ(v, 0);
+   EXPECT_EQ(Read(std::string("{\"values\":{\"v\":7}}\0trailing", 28), &v), kSuccess);
+   EXPECT_EQ(v, 7);
+   EXPECT_EQ(Read(std::string("{\"values\":{\"v\":\"a\0b\"}}", 22)), kBadJson);
+   EXPECT_EQ(Read(" {} \n"), kSuccess);
+   EXPECT_EQ(Read("{} {}"), kBadJson);
+   EXPECT_EQ(Read("{}]"), kBadJson);
+   EXPECT_EQ(Read("[]"), kBadJson);
+   EXPECT_EQ(Read(""), kBadJson);
+}
+
+TEST_F(StoredDocumentTest, ValueEdges) {
+   int64_t v = 0;
+   EXPECT_EQ(Read("{\"values\":{\"v\":-9223372036854775808}}", &v), kSuccess);
+   EXPECT_EQ(v, INT64_MIN);
+   EXPECT_EQ(Read("{\"values\":{\"v\":9223372036854775808}}"), kBadJson);
+   EXPECT_EQ(Read("{\"values\":{\"v\":-9223372036854775809}}"), kBadJson);
+   EXPECT_EQ(Read("{\"values\":{\"v\":1.0}}"), kBadJson);
+   EXPECT_EQ(Read("{\"values\":{\"v\":1e2}}"), kBadJson);
+   EXPECT_EQ(Read("{\"values\":{\"v\":[1,\"a\"]}}"), kBadJson);
+   EXPECT_EQ(Read("{\"values\":{\"v\":null}}"), kBadJson);
+   EXPECT_EQ(Read("{\"values\":{\"s\":\"\\ud83d\\ude00\"}}"), kSuccess);
+   EXPECT_EQ(Read("{\"values\":{\"s\":\"\\ud800\"}}"), kBadJson);
+   EXPECT_EQ(Read("{\"values\":{\"s\":\"\\udc00\"}}"), kBadJson);
+   EXPECT_EQ(Read("{\"values\":{\"s\":\"\x01\"}}"), kBadJson);
+   EXPECT_EQ(Read("{\"values\":{\"s\":\"\xC0\xAF\"}}"), kBadJson);
+   // A repeated name keeps its last value.
+   EXPECT_EQ(Read("{\"values\":{\"v\":1,\"v\":2}}", &v), kSuccess);
+   EXPECT_EQ(v, 2);
+}
+
+TEST_F(StoredDocumentTest, ShapeEdges) {
+   EXPECT_EQ(Read(Nested(512)), kSuccess);
+   EXPECT_EQ(Read(Nested(513)), kBadJson);
+   EXPECT_EQ(Read("{\"subobjects\":{\"k\":[{\"id\":\"a\"},{\"id\":\"a\"}]}}"), kBadJson);
+   EXPECT_EQ(Read("{\"subobjects\":{\"k\":[{\"id\":1}]}}"), kBadJson);
+   EXPECT_EQ(Read("{\"id\":\"a\"}"), kBadJson);
+   EXPECT_EQ(Read("{\"subobjects\":{\"k\":[{\"values\":{\"v\":1},\"id\":\"a\"}]}}"), kSuccess);
+}
+
+}  // namespace
+}  // namespace configstore
