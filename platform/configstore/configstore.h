@@ -61,6 +61,13 @@ constexpr int32_t kUnreachable = 11;   // no server of the cluster answered in t
 constexpr int32_t kTooLarge = 12;      // a commit over the server's size or operation limits
 constexpr int32_t kBadUrl = 13;        // CONFIGSTORE_URL is not a location the store can use
 
+// The name of a result code as this header spells it ("kCorrupt") and
+// what it means ("the database file is damaged or not a store"), for
+// messages.  A code the store does not define gets "unknown" and a text
+// saying so.  Both are static strings, never null.
+CONFIGSTORE_EXPORT const char *StatusName(int32_t code);
+CONFIGSTORE_EXPORT const char *StatusText(int32_t code);
+
 // Environment variable naming the database file, and the default path.
 constexpr const char *kPathEnv = "CONFIGSTORE_PATH";
 constexpr const char *kDefaultPath = "/var/lib/ostrel/configstore.db";

@@ -16,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <regex>
 #include <set>
 #include <string>
 #include <thread>
@@ -756,6 +757,31 @@ TEST(StoreLocationTest, UnusableUrlsFailFast) {
       EXPECT_EQ(s, nullptr);
       EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15)) << c.url;
    }
+}
+
+/* Every result code the header defines has its own name and text; a code
+   added there without one fails here. */
+TEST(StatusTextTest, CoversEveryCodeOfTheHeader) {
+   std::ifstream header(CONFIGSTORE_HEADER);
+   ASSERT_TRUE(header) << CONFIGSTORE_HEADER;
+   const std::regex codeLine(R"(^constexpr int32_t (k\w+) = (-?\d+);)");
+   const std::string unknown = StatusText(-12345);
+   std::set<std::string> texts;
+   int found = 0;
+   for (std::string line; std::getline(header, line);) {
+      std::smatch m;
+      if (!std::regex_search(line, m, codeLine)) {
+         continue;
+      }
+      const int32_t code = std::stoi(m[2]);
+      ++found;
+      EXPECT_EQ(StatusName(code), m[1].str());
+      EXPECT_NE(StatusText(code), unknown) << m[1];
+      EXPECT_TRUE(texts.insert(StatusText(code)).second) << m[1] << " shares its text";
+   }
+   EXPECT_GE(found, 14);  // kSuccess .. kBadUrl at least: the pattern still matches
+   EXPECT_STREQ(StatusName(-1), "unknown");
+   EXPECT_STREQ(StatusText(kBadUrl + 1), unknown.c_str());
 }
 
 /* Runs `work` in a child process and kills it with SIGKILL once it reports back. */
