@@ -48,8 +48,8 @@ rc=0
   grep -q '^dvsctl: [0-9]* unexpected differences between h1 and h2$' "$work/err" ||
   fail "fleet diff h1 h2: status $rc, $(cat "$work/err")"
 
-CONFIGSTORE_URL=etcd://127.0.0.1:1/x refused 'cannot open the configuration store: configstore code 11' \
+CONFIGSTORE_URL=etcd://127.0.0.1:1/x refused 'cannot open the configuration store: etcd://127.0.0.1:1/x: no server of the cluster answered in time \(kUnreachable, configstore code 11\)' \
   store list
-CONFIGSTORE_URL=http://127.0.0.1:1/x refused 'cannot open the configuration store: configstore code 13' \
+CONFIGSTORE_URL=http://127.0.0.1:1/x refused 'cannot open the configuration store: http://127.0.0.1:1/x: CONFIGSTORE_URL is not a location the store can use \(kBadUrl, configstore code 13\)' \
   fleet hosts
 echo "ok: fleet"

@@ -11,7 +11,8 @@ sim=$2
 
 # Nothing listens yet: library failures carry the status text and code.
 refused 'cannot get the kernel state: .* \(0x[0-9a-f]+\)' kernel show
-refused "cannot read state file $work/none.db: .* \(0xbad0003\)" file show "$work/none.db"
+refused "cannot read state file $work/none.db: No such file or directory \(Not found, 0xbad0003\)" \
+  file show "$work/none.db"
 
 start_sim
 "$dvsctl" kernel switch-add sw-a etherswitch 64 6

@@ -60,15 +60,18 @@ export CONFIGSTORE_PATH=$work/upgrade.db
 # store, a database that is not a store.
 refused "$work/none.blob: cannot open: .*" store save-blob "$work/none.blob"
 echo garbage >"$work/garbage"
-refused "$work/garbage: cannot decode blob: .*" store save-blob "$work/garbage"
+refused "$work/garbage: cannot decode blob: bad data: buffer size 8 smaller than minimum header size \(Bad parameter, 0x[0-9a-f]+\)" \
+  store save-blob "$work/garbage"
 refused "cannot read state file $work/garbage: .*" store upgrade --state-file "$work/garbage"
 "$dvsctl" state make-sample "$work/sample.blob"
 export CONFIGSTORE_PATH=$work/sample.db
 "$dvsctl" store save-blob "$work/sample.blob" >/dev/null
-refused 'cannot build the host blob from the configuration store: configstore code 6' store load
+refused 'cannot build the host blob from the configuration store: no such object, sub-object or value \(kNotFound, configstore code 6\)' \
+  store load
 export CONFIGSTORE_PATH=$work/garbage
-refused 'cannot build the host blob from the configuration store: configstore code 10' store restore
-refused "$work/sample.blob: cannot save to the configuration store: configstore code -1" \
+corrupt="$work/garbage: the database file is damaged or not a store \(kCorrupt, configstore code 10\)"
+refused "cannot build the host blob from the configuration store: $corrupt" store restore
+refused "$work/sample.blob: cannot save to the configuration store: the store mapping failed \(code -1\): cannot open the configuration store: $corrupt" \
   store save-blob "$work/sample.blob"
 "$dvsctl" kernel show --json | grep -q '"id": "sw-a"' || fail "a failed restore changed the kernel"
 echo "ok: store state"

@@ -27,17 +27,29 @@ want+='"ports":[{"key":"7","name":"web"},{"key":"3","name":"db","enabled":false}
 "$dvsctl" store show a --stored | grep -q '"subobjects"' || fail "stored shape"
 "$dvsctl" store show a --desired | grep -q '"name": "wanted"' || fail "desired"
 
-expect_error() {  # PATTERN COMMAND...
+expect_error() {  # PATTERN COMMAND...: status 1, nothing on stdout, the message
   local pattern=$1 rc=0; shift
   "$dvsctl" "$@" >"$work/out" 2>"$work/err" || rc=$?
-  [ "$rc" -eq 1 ] && [ ! -s "$work/out" ] && grep -q "^dvsctl: $pattern: configstore code [0-9]*$" "$work/err" ||
+  [ "$rc" -eq 1 ] && [ ! -s "$work/out" ] && grep -q "^dvsctl: $pattern$" "$work/err" ||
     fail "$*: status $rc, $(cat "$work/err")"
 }
 "$dvsctl" store delete a
-expect_error 'cannot get switches/network_tds/node/a' store show a
-expect_error 'cannot get desired switches/network_tds/node/a' store show a --desired
-expect_error 'cannot delete switches/network_tds/node/a' store delete a
+gone='no such object, sub-object or value (kNotFound, configstore code 6)'
+expect_error "cannot get switches/network_tds/node/a: $gone" store show a
+expect_error "cannot get desired switches/network_tds/node/a: $gone" store show a --desired
+expect_error "cannot delete switches/network_tds/node/a: $gone" store delete a
 echo '{"x": [1, "y"]}' >"$work/bad.json"
-expect_error "$work/bad.json: cannot make switches/network_tds/node/c" store put c "$work/bad.json"
+expect_error "$work/bad.json: cannot make switches/network_tds/node/c: .* (k[A-Za-z]*, configstore code [0-9]*)" \
+  store put c "$work/bad.json"
+# A store file that cannot be opened is named, with the reason (also when
+# this script runs over a cluster).
+echo 'not a database' >"$work/text.db"
+CONFIGSTORE_URL='' CONFIGSTORE_PATH=$work/text.db expect_error \
+  "cannot open the configuration store: $work/text.db: the database file is damaged or not a store (kCorrupt, configstore code 10)" \
+  store list
+mkdir "$work/dir.db"
+CONFIGSTORE_URL='' CONFIGSTORE_PATH=$work/dir.db expect_error \
+  "cannot open the configuration store: $work/dir.db: the database could not be opened, read or written (kDatabaseError, configstore code 5)" \
+  store show b
 [ "$("$dvsctl" store list)" = b ] || fail "list after delete: $("$dvsctl" store list)"
 echo "ok: store"

@@ -39,7 +39,7 @@ void RunShow(const ShowOptions &options) {
    BlobTree tree;
    const ReturnStatus status = DecodeBlobTree(blob, tree);
    if (status != STATUS_OK) {
-      throw Error(DisplayName(options.path) + ": cannot decode blob: " + DescribeStatus(status));
+      throw DecodeError(DisplayName(options.path), blob, status);
    }
    if (options.json) {
       std::cout << RenderJsonText(tree);

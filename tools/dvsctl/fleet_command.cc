@@ -21,6 +21,7 @@
 
 #include "error.h"
 #include "state_diff.h"
+#include "store_error.h"
 #include "store_state_command.h"
 
 namespace dvsctl {
@@ -66,18 +67,10 @@ struct HostRow {
 };
 
 std::vector<HostRow> ListHosts() {
-   cs::Store *raw = nullptr;
-   int32_t rc = cs::GetStore(0, &raw);
-   if (rc != cs::kSuccess) {
-      throw Error("cannot open the configuration store: configstore code " + std::to_string(rc));
-   }
-   std::unique_ptr<cs::Store, void (*)(cs::Store *)> store(raw, cs::DestroyStore);
+   std::unique_ptr<cs::Store, void (*)(cs::Store *)> store(OpenConfigStore(), cs::DestroyStore);
    cs::HostInfo *hosts = nullptr;
    uint32_t count = 0;
-   rc = cs::GetHosts(store.get(), &hosts, &count);
-   if (rc != cs::kSuccess) {
-      throw Error("cannot list the store's hosts: configstore code " + std::to_string(rc));
-   }
+   CheckStoreCode(cs::GetHosts(store.get(), &hosts, &count), "cannot list the store's hosts");
    std::vector<HostRow> rows;
    try {
       for (uint32_t i = 0; i < count; i++) {

@@ -14,6 +14,7 @@
 
 #include <dvsdata.h>
 
+#include "error.h"
 #include "io.h"
 
 namespace dvsctl {
@@ -32,6 +33,10 @@ using AssocDataPtr = std::unique_ptr<void, AssocDataDeleter>;
 
 // "<status text> (0x<code>)", e.g. "Bad checksum (0xbad003a)".
 std::string DescribeStatus(ReturnStatus status);
+
+// "<reason> (<status text>, 0x<code>)": a reason that says more than the
+// status, with the status after it.
+std::string DescribeStatus(ReturnStatus status, const std::string &reason);
 
 // Throws dvsctl::Error "<what>: <status text> (0x<code>)" unless `status`
 // is STATUS_OK.
@@ -65,6 +70,15 @@ class PropertyListBuilder {
 // `typeMask`.  On failure returns the library's status and leaves `out`
 // empty.
 ReturnStatus DecodeList(const Bytes &blob, uint32_t typeMask, ListPtr &out);
+
+// The error for a blob `name` that the library's reader refused with
+// `status`: "<name>: cannot decode blob: <the reader's reason> (<status
+// text>, 0x<code>)", e.g. "bad chksum: expected 0x..., actual 0x...".  The
+// reader tells which check failed only in its own messages on standard
+// output, gated by dvsdata_debug; the blob is read once more with that
+// level at 0 and standard output captured to take the reason from them.
+// Without one the message carries the status alone.
+Error DecodeError(const std::string &name, const Bytes &blob, ReturnStatus status);
 
 }  // namespace dvsctl
 

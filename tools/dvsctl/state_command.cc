@@ -200,7 +200,7 @@ HostBlobView ViewHostBlob(const Bytes &blob, const std::string &name) {
    BlobTree tree;
    const ReturnStatus status = DecodeBlobTree(blob, tree);
    if (status != STATUS_OK) {
-      throw Error(name + ": cannot decode blob: " + DescribeStatus(status));
+      throw DecodeError(name, blob, status);
    }
    HostBlobView view;
    std::string reason;

@@ -145,7 +145,7 @@ std::vector<HostProp> ReadProps(const Bytes &blob, const std::string &what) {
    ListPtr list;
    const ReturnStatus status = DecodeList(blob, kEveryType, list);
    if (status != STATUS_OK) {
-      throw Error(what + ": cannot decode blob: " + DescribeStatus(status));
+      throw DecodeError(what, blob, status);
    }
    std::vector<HostProp> out;
    for (const DVSDataEntry *e = list->head; e != nullptr; e = e->next) {

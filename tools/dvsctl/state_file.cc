@@ -1,13 +1,18 @@
 // state_file.cc -- the persistent state file as dvsctl uses it.
 #include "state_file.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 
 #include <dvsdata.h>
 #include <dvsfile.h>
+#include <hostlibs.h>
 
 #include "error.h"
 #include "property_list.h"
@@ -33,8 +38,18 @@ Bytes ReadStateFileBlob(const std::string &path) {
    void *buf = nullptr;
    uint32_t len = 0;
    uint32_t alignOffset = 0;
-   CheckStatus(DVSFile_Read(path.c_str(), &buf, &len, &alignOffset),
-               "cannot read state file " + path);
+   const ReturnStatus status = DVSFile_Read(path.c_str(), &buf, &len, &alignOffset);
+   if (status == STATUS_NOT_FOUND) {
+      // The library answers "not found" for every file it cannot open;
+      // the system's own reason says which case this is.
+      const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0) {
+         throw Error("cannot read state file " + path + ": " +
+                     DescribeStatus(status, Err_Errno2String(errno)));
+      }
+      ::close(fd);
+   }
+   CheckStatus(status, "cannot read state file " + path);
    // The sector-aligned buffer sits `alignOffset` bytes into its block.
    const auto *data = static_cast<const uint8_t *>(buf);
    const Bytes blob(data, data + BlobLengthWithin(data, len));

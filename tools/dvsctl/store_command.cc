@@ -17,6 +17,7 @@
 
 #include "error.h"
 #include "io.h"
+#include "store_error.h"
 #include "store_state_command.h"
 
 namespace dvsctl {
@@ -31,8 +32,10 @@ group, object and component default to the switches' node objects
 CONFIGSTORE_URL (etcd://HOST:PORT[,...]/PREFIX, this host's namespace
 CONFIGSTORE_HOST), else the file named by CONFIGSTORE_PATH, else
 /var/lib/ostrel/configstore.db.  A failing store
-call ends the command with exit status 1 and
-"dvsctl: <what>: configstore code N".)";
+call ends the command with exit status 1 and a message of the form
+  dvsctl: <what>: <reason> (<name>, configstore code N)
+with the store's location before the reason when the store as a whole
+failed.)";
 
 constexpr const char *kShowFooter =
    R"(Prints the object as JSON in the shape "store put" takes: its values as
@@ -57,12 +60,6 @@ struct ObjectName {
    std::string Describe() const { return group + "/" + object + "/" + component + "/" + id; }
 };
 
-void CheckCode(int32_t code, const std::string &what) {
-   if (code != cs::kSuccess) {
-      throw Error(what + ": configstore code " + std::to_string(code));
-   }
-}
-
 struct StoreDeleter {
    void operator()(cs::Store *store) const noexcept { cs::DestroyStore(store); }
 };
@@ -74,9 +71,7 @@ struct ObjectDeleter {
 using ObjectPtr = std::unique_ptr<cs::Object, ObjectDeleter>;
 
 StorePtr OpenStore() {
-   cs::Store *store = nullptr;
-   CheckCode(cs::GetStore(0, &store), "cannot open the configuration store");
-   return StorePtr(store);
+   return StorePtr(OpenConfigStore());
 }
 
 // Frees what the library hands out with malloc.
@@ -104,18 +99,18 @@ class ObjectArray {
 
 std::string InstanceId(cs::Object *obj) {
    char *raw = nullptr;
-   CheckCode(cs::GetInstanceId(obj, &raw), "cannot read an instance id");
+   CheckStoreCode(cs::GetInstanceId(obj, &raw), "cannot read an instance id");
    return CString(raw).get();
 }
 
 // The stored document of a top-level object, parsed.
 nlohmann::ordered_json StoredDocument(cs::Object *obj, const std::string &where) {
    char *raw = nullptr;
-   CheckCode(cs::GetStoredDocument(obj, &raw), where + ": stored document");
+   CheckStoreCode(cs::GetStoredDocument(obj, &raw), where + ": stored document");
    const CString text(raw);
    nlohmann::ordered_json doc = nlohmann::ordered_json::parse(text.get(), nullptr, false);
    if (doc.is_discarded() || !doc.is_object()) {
-      CheckCode(cs::kBadJson, where + ": stored document");
+      CheckStoreCode(cs::kBadJson, where + ": stored document");
    }
    return doc;
 }
@@ -177,14 +172,14 @@ void AddNameOptions(CLI::App *cmd, ObjectName &name) {
 void RunList(const ObjectName &name) {
    StorePtr store = OpenStore();
    cs::FilterSpec *raw = nullptr;
-   CheckCode(cs::CreateFilterSpecObject(name.group.c_str(), name.object.c_str(),
-                                        name.component.c_str(), "", &raw),
-             "cannot list " + name.Describe());
+   CheckStoreCode(cs::CreateFilterSpecObject(name.group.c_str(), name.object.c_str(),
+                                             name.component.c_str(), "", &raw),
+                  "cannot list " + name.Describe());
    const std::unique_ptr<cs::FilterSpec, void (*)(cs::FilterSpec *)> filter(
       raw, cs::DestroyFilterSpecObject);
    ObjectArray objects;
-   CheckCode(cs::GetInstances(store.get(), filter.get(), &objects.items, &objects.count),
-             "cannot list " + name.Describe());
+   CheckStoreCode(cs::GetInstances(store.get(), filter.get(), &objects.items, &objects.count),
+                  "cannot list " + name.Describe());
    for (uint32_t i = 0; i < objects.count; i++) {
       std::cout << InstanceId(objects.items[i]) << '\n';
    }
@@ -197,14 +192,14 @@ void RunShow(const ObjectName &name, bool desired, bool stored) {
    if (!desired) {
       StorePtr store = OpenStore();
       cs::Object *raw = nullptr;
-      CheckCode(cs::Get(store.get(), name.group.c_str(), name.object.c_str(),
-                        name.component.c_str(), name.id.c_str(), &raw),
-                "cannot get " + name.Describe());
+      CheckStoreCode(cs::Get(store.get(), name.group.c_str(), name.object.c_str(),
+                             name.component.c_str(), name.id.c_str(), &raw),
+                     "cannot get " + name.Describe());
       const ObjectPtr obj(raw);
       doc = StoredDocument(obj.get(), where);
    } else {
       ObjectArray objects;
-      CheckCode(
+      CheckStoreCode(
          cs::GetDesiredUserConfigInstances(name.group.c_str(), name.object.c_str(),
                                            name.component.c_str(), &objects.items, &objects.count),
          "cannot get " + where);
@@ -213,7 +208,7 @@ void RunShow(const ObjectName &name, bool desired, bool stored) {
          i++;
       }
       if (i == objects.count) {
-         CheckCode(cs::kNotFound, "cannot get " + where);
+         CheckStoreCode(cs::kNotFound, "cannot get " + where);
       }
       doc = StoredDocument(objects.items[i], where);
    }
@@ -225,20 +220,20 @@ void RunPut(const ObjectName &name, const std::string &path, bool desired) {
    const Bytes bytes = ReadAll(path);
    const std::string json(bytes.begin(), bytes.end());
    cs::Object *raw = nullptr;
-   CheckCode(cs::CreateObject(name.group.c_str(), name.object.c_str(), name.component.c_str(),
-                              name.id.c_str(), json.c_str(), &raw),
-             DisplayName(path) + ": cannot make " + name.Describe());
+   CheckStoreCode(cs::CreateObject(name.group.c_str(), name.object.c_str(), name.component.c_str(),
+                                   name.id.c_str(), json.c_str(), &raw),
+                  DisplayName(path) + ": cannot make " + name.Describe());
    ObjectPtr obj(raw);
    StorePtr store = OpenStore();
-   CheckCode(cs::Set(store.get(), obj.get(), desired ? cs::kSourceUser : cs::kSourceExternal),
-             "cannot store " + name.Describe());
+   CheckStoreCode(cs::Set(store.get(), obj.get(), desired ? cs::kSourceUser : cs::kSourceExternal),
+                  "cannot store " + name.Describe());
 }
 
 void RunDelete(const ObjectName &name) {
    StorePtr store = OpenStore();
-   CheckCode(cs::Delete(store.get(), name.group.c_str(), name.object.c_str(),
-                        name.component.c_str(), name.id.c_str()),
-             "cannot delete " + name.Describe());
+   CheckStoreCode(cs::Delete(store.get(), name.group.c_str(), name.object.c_str(),
+                             name.component.c_str(), name.id.c_str()),
+                  "cannot delete " + name.Describe());
 }
 
 }  // namespace

@@ -31,6 +31,7 @@
 #include "property_list.h"
 #include "state_command.h"
 #include "state_file.h"
+#include "store_error.h"
 #include "subcommands.h"
 
 namespace dvsctl {
@@ -73,10 +74,27 @@ host does once when it starts keeping its switches there.  The state file
 is /etc/ostrel/dvsdata.db, the one DVS_STATE_FILE names, or FILE.  A
 missing or empty state file carries nothing over and is not an error.)";
 
-void CheckCode(int32_t code, const std::string &what) {
-   if (code != cs::kSuccess) {
-      throw Error(what + ": configstore code " + std::to_string(code));
+// What the mapping answers for a failure of its own rather than the store's.
+constexpr int32_t kMappingFailure = -1;
+
+// Checks what a call of the store mapping returned.  For a failure of its
+// own the mapping's messages (on standard error by then) say which step
+// failed, but one that could not open the store does not say why: the
+// store is opened once more here to name the reason.
+void CheckMappingCode(int32_t code, const std::string &what) {
+   if (code != kMappingFailure) {
+      CheckStoreCode(code, what);
+      return;
    }
+   std::string why = what + ": the store mapping failed (code -1)";
+   cs::Store *probe = nullptr;
+   const int32_t opened = cs::GetStore(0, &probe);
+   if (opened == cs::kSuccess) {
+      cs::DestroyStore(probe);
+   } else {
+      why += ": cannot open the configuration store: " + DescribeStoreCode(opened, true);
+   }
+   throw Error(why);
 }
 
 std::string DatabasePath() {
@@ -128,18 +146,17 @@ std::string JoinIds(const std::vector<std::string> &ids) {
 
 // The ids ("uuid") of the store's switch objects, in creation order.
 std::vector<std::string> StoredSwitchIds() {
-   cs::Store *rawStore = nullptr;
-   CheckCode(cs::GetStore(0, &rawStore), "cannot open the configuration store");
-   const std::unique_ptr<cs::Store, decltype(&cs::DestroyStore)> store(rawStore, &cs::DestroyStore);
+   const std::unique_ptr<cs::Store, decltype(&cs::DestroyStore)> store(OpenConfigStore(),
+                                                                       &cs::DestroyStore);
    cs::FilterSpec *rawFilter = nullptr;
-   CheckCode(cs::CreateFilterSpecObject("switches", "network_tds", "node", "", &rawFilter),
-             "cannot list the switch objects");
+   CheckStoreCode(cs::CreateFilterSpecObject("switches", "network_tds", "node", "", &rawFilter),
+                  "cannot list the switch objects");
    const std::unique_ptr<cs::FilterSpec, decltype(&cs::DestroyFilterSpecObject)> filter(
       rawFilter, &cs::DestroyFilterSpecObject);
    cs::Object **objects = nullptr;
    uint32_t count = 0;
-   CheckCode(cs::GetInstances(store.get(), filter.get(), &objects, &count),
-             "cannot list the switch objects");
+   CheckStoreCode(cs::GetInstances(store.get(), filter.get(), &objects, &count),
+                  "cannot list the switch objects");
    std::vector<std::string> ids;
    for (uint32_t i = 0; i < count; i++) {
       char *uuid = nullptr;
@@ -183,7 +200,7 @@ void RunSave(const std::string &swId, bool verbose) {
       rc = swId.empty() ? DVSState_SaveToConfigStore()
                         : DVSState_SaveToConfigStore_ByInstance(swId.c_str());
    }
-   CheckCode(rc, "cannot save the kernel state to the configuration store");
+   CheckMappingCode(rc, "cannot save the kernel state to the configuration store");
    PrintSaved(swId, "the kernel");
 }
 
@@ -198,7 +215,7 @@ void RunSaveBlob(const std::string &path, const std::string &swId, bool verbose)
       rc = swId.empty() ? DVSState_SaveBufToConfigStore(blob.data(), len)
                         : DVSState_SaveBufToConfigStore_ByInstance(blob.data(), len, swId.c_str());
    }
-   CheckCode(rc, DisplayName(path) + ": cannot save to the configuration store");
+   CheckMappingCode(rc, DisplayName(path) + ": cannot save to the configuration store");
    PrintSaved(swId, DisplayName(path));
 }
 
@@ -214,7 +231,7 @@ Bytes LoadHostBlob(bool desired, bool verbose) {
    const std::unique_ptr<void, decltype(&std::free)> owned(buf, &std::free);
    const std::string what = std::string("cannot build the host blob from the ") +
                             (desired ? "desired configuration" : "configuration store");
-   CheckCode(rc, what);
+   CheckMappingCode(rc, what);
    if (buf == nullptr) {
       throw Error(what + ": the store gave no blob");
    }
@@ -285,7 +302,7 @@ void RunUpgrade(const std::string &stateFile, bool verbose) {
       LibraryMessages messages(verbose);
       rc = DVSState_RetrieveDVSUpgradeInfo();
    }
-   CheckCode(rc, path + ": cannot carry the switches over into the configuration store");
+   CheckMappingCode(rc, path + ": cannot carry the switches over into the configuration store");
    std::cout << path << ": ";
    if (!present) {
       std::cout << "no state file, or an empty one: nothing to carry over\n";
