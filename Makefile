@@ -4,17 +4,21 @@
 #                             then the switch-state concurrency test under TSan
 #   make install PREFIX=dir   install headers, libraries, pkg-config file, CMake package
 #   make bench                run the benchmarks
+#   make fuzz SECONDS=N       build the libFuzzer harnesses (clang) and run each for N seconds
 
 PREFIX ?= /usr/local
 JOBS   ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD  ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
+FUZZ_BUILD ?= build-fuzz
+SECONDS    ?= 60
 
 CMAKE_COMMON = -DDVS_LOCK_RANK_CHECK=ON
 TSAN_FLAGS   = -fsanitize=thread
 
-.PHONY: all setup build build-asan build-tsan demo test test-plain test-asan test-tsan install bench clean
+.PHONY: all setup build build-asan build-tsan build-fuzz demo test test-plain test-asan test-tsan \
+	test-fuzz fuzz install bench clean
 
 all: build
 
@@ -34,6 +38,13 @@ $(TSAN_BUILD)/CMakeCache.txt: | setup
 	  -DCMAKE_EXE_LINKER_FLAGS=$(TSAN_FLAGS) -DCMAKE_SHARED_LINKER_FLAGS=$(TSAN_FLAGS) \
 	  $(CMAKE_COMMON)
 
+# libFuzzer harnesses with ASan+UBSan: clang only; tools stay on for the
+# seed corpus generator, tests and benchmarks are left out.
+$(FUZZ_BUILD)/CMakeCache.txt: | setup
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+	  -DCMAKE_CXX_COMPILER=clang++ -DDVS_BUILD_FUZZ=ON -DDVS_BUILD_TESTS=OFF -DDVS_BUILD_BENCH=OFF \
+	  $(CMAKE_COMMON)
+
 build: setup $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
 
@@ -42,6 +53,9 @@ build-asan: setup $(ASAN_BUILD)/CMakeCache.txt
 
 build-tsan: setup $(TSAN_BUILD)/CMakeCache.txt
 	cmake --build $(TSAN_BUILD) -j $(JOBS) --target state_concurrency_test hostlibs_test sim_test channel_socket_test
+
+build-fuzz: setup $(FUZZ_BUILD)/CMakeCache.txt
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_all
 
 demo: build
 	@bash tools/demo.sh $(BUILD)
@@ -60,7 +74,15 @@ test-tsan: build-tsan
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/sim/sim_test
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/kernel/channel_socket_test
 
-test: test-plain test-asan test-tsan
+# A short run of every harness, so that none of them rots.
+test-fuzz: build-fuzz
+	bash fuzz/run_fuzz.sh $(FUZZ_BUILD) 10
+
+test: test-plain test-asan test-tsan test-fuzz
+
+# Long campaigns: make fuzz SECONDS=600
+fuzz: build-fuzz
+	bash fuzz/run_fuzz.sh $(FUZZ_BUILD) $(SECONDS)
 
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
@@ -69,4 +91,4 @@ bench: build
 	$(BUILD)/bench/dvs_bench
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD)

@@ -9,6 +9,7 @@ packages=(
   libbenchmark-dev                # benchmarks
   libsqlite3-dev                  # configuration store
   nlohmann-json3-dev libcli11-dev # tools
+  clang libclang-rt-dev           # fuzz harnesses (libFuzzer, sanitizers)
 )
 
 missing=()
