@@ -5,6 +5,7 @@
 #   make install PREFIX=dir   install headers, libraries, pkg-config file, CMake package
 #   make bench                run the benchmarks
 #   make fuzz SECONDS=N       build the libFuzzer harnesses (clang) and run each for N seconds
+#                             (RUNS=M: at most M executions each)
 
 PREFIX ?= /usr/local
 JOBS   ?= $(shell nproc 2>/dev/null || echo 2)
@@ -13,6 +14,7 @@ ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 FUZZ_BUILD ?= build-fuzz
 SECONDS    ?= 60
+RUNS       ?= -1
 
 CMAKE_COMMON = -DDVS_LOCK_RANK_CHECK=ON
 TSAN_FLAGS   = -fsanitize=thread
@@ -82,7 +84,7 @@ test: test-plain test-asan test-tsan test-fuzz
 
 # Long campaigns: make fuzz SECONDS=600
 fuzz: build-fuzz
-	bash fuzz/run_fuzz.sh $(FUZZ_BUILD) $(SECONDS)
+	RUNS=$(RUNS) bash fuzz/run_fuzz.sh $(FUZZ_BUILD) $(SECONDS)
 
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
