@@ -259,6 +259,7 @@ int main(int argc, char **argv) {
       Write("store_object_fuzz", "switch" + n, switchObjects[k]);
       Write("store_load_fuzz", "live" + n, WithControl(0, switchObjects[k]));
       Write("store_load_fuzz", "desired" + n, WithControl(1, switchObjects[k]));
+      Write("store_load_fuzz", "saved" + n, WithControl(4, switchObjects[k]));
       if (k + 1 < switchObjects.size()) {
          Write("store_load_fuzz", "pair" + n,
                WithControl(0, switchObjects[k] + std::string(1, '\0') + switchObjects[k + 1]));

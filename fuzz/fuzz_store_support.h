@@ -31,7 +31,8 @@ inline void CloseScratchStore() {
    configstore::DestroyStore(ScratchStoreSlot());
    ScratchStoreSlot() = nullptr;
    RemoveScratch({"store.db", "store.db-wal", "store.db-shm", "store.db-journal", "damaged.db",
-                  "damaged.db-wal", "damaged.db-shm", "damaged.db-journal"});
+                  "damaged.db-wal", "damaged.db-shm", "damaged.db-journal", "saved.db",
+                  "saved.db-wal", "saved.db-shm"});
 }
 
 // Points CONFIGSTORE_PATH at a scratch database and opens it.

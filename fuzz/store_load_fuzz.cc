@@ -6,6 +6,8 @@
 //   "node", instance "fz<n>"), written as the live object and, unless
 //   control bit 1 is set for the last one, as the desired one too.
 //   control bit 0   load the desired user configuration
+//   control bit 2   save what was loaded into a second store and load it
+//                   from there again
 // A load that succeeds must hand out a host blob with one switch per
 // uuid, which is then read into the registry.
 #include <cstdlib>
@@ -20,6 +22,37 @@ constexpr int kMaxObjects = 3;
 
 std::string InstanceId(int n) {
    return "fz" + std::to_string(n);
+}
+
+// A load must hand out a well-formed host blob; returns its switch count.
+uint32_t CountSwitches(const void *buf, uint32_t len) {
+   FUZZ_CHECK(buf != nullptr);
+   DVSDataHandle host = nullptr;
+   FUZZ_CHECK(DVSData_Deserialize(&host, buf, len, malloc, free) == STATUS_OK);
+   uint32_t switches = 0;
+   for (DVSDataEntry *e = nullptr; DVSData_Next(host, e, &e) == STATUS_OK;) {
+      ++switches;
+   }
+   DVSData_Free(host);
+   return switches;
+}
+
+// Saves a loaded host blob into a store of its own (the save drops the
+// switch objects the blob does not hold, so that store never grows) and
+// loads it back from there.
+void SaveAndReload(const void *buf, uint32_t len) {
+   static const std::string &saved = *new std::string(dvsfuzz::ScratchDir() + "/saved.db");
+   setenv(configstore::kPathEnv, saved.c_str(), 1);
+   if (DVSState_SaveBufToConfigStore(buf, len) == 0) {
+      void *again = nullptr;
+      uint32_t againLen = 0;
+      if (DVSState_LoadFromConfigStoreAsBuf(&again, &againLen, false) == 0) {
+         (void)CountSwitches(again, againLen);
+      }
+      free(again);
+   }
+   FUZZ_CHECK(DVSState_ConfigReset() == STATUS_OK);
+   setenv(configstore::kPathEnv, dvsfuzz::ScratchStorePath().c_str(), 1);
 }
 
 }  // namespace
@@ -72,20 +105,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
    uint32_t len = 0;
    const int32_t rc = DVSState_LoadFromConfigStoreAsBuf(&buf, &len, (control & 1) != 0);
    if (rc == 0) {
-      FUZZ_CHECK(buf != nullptr);
-      DVSDataHandle host = nullptr;
-      FUZZ_CHECK(DVSData_Deserialize(&host, buf, len, malloc, free) == STATUS_OK);
-      uint32_t switches = 0;
-      for (DVSDataEntry *e = nullptr; DVSData_Next(host, e, &e) == STATUS_OK;) {
-         ++switches;
-      }
-      DVSData_Free(host);
+      const uint32_t switches = CountSwitches(buf, len);
       // Objects of the same uuid give one switch.
       if ((control & 1) == 0) {
          FUZZ_CHECK(switches <= objects && (switches == 0) == (objects == 0));
       }
       (void)DVSState_ConfigDeserialize(buf, len);
       FUZZ_CHECK(DVSState_ConfigReset() == STATUS_OK);
+      if ((control & 4) != 0) {
+         SaveAndReload(buf, len);
+      }
    }
    free(buf);
    return 0;
