@@ -11,7 +11,8 @@
 //   bit 7     a value buffer of 4 bytes instead of 256
 // The blob is copied into a buffer of exactly its size, so any read past
 // its end is caught.  A list that reads must serialize, and its blob must
-// read back to a list that serializes to the same bytes.
+// read back to a list that serializes to the same bytes; the value reader
+// must agree with the list reader on the list's first entry.
 #include <cstdlib>
 #include <vector>
 
@@ -40,6 +41,31 @@ std::vector<uint8_t> Serialize(DVSDataHandle h) {
    return blob;
 }
 
+// The first record's name and flag.
+constexpr size_t kFirstName = DVSDATA_HEADER_SIZE + 4;
+constexpr size_t kFirstFlag = kFirstName + DVSDATA_NAME_MAX;
+
+// The list was read from blob and first is its first entry.  The value
+// reader must find that name in the blob too; when the entry came from
+// the blob's first record (same name, a flag the list kept), it must hand
+// out that very value, or LIMIT_EXCEEDED when value is too small for it.
+void CheckFirstValue(const std::vector<uint8_t> &blob, DVSDataEntry *first,
+                     std::vector<uint8_t> &value) {
+   const char *name = DVSData_Name(first);
+   void *data = nullptr;
+   const uint32_t len = DVSData_Data(first, &data);
+   const ReturnStatus status =
+      DVSData_DeserializeGetPropVal(blob.data(), static_cast<uint32_t>(blob.size()), name,
+                                    value.data(), static_cast<uint32_t>(value.size()));
+   FUZZ_CHECK(status == STATUS_OK || status == STATUS_LIMIT_EXCEEDED);
+   const char *firstName = reinterpret_cast<const char *>(blob.data() + kFirstName);
+   if (std::strncmp(firstName, name, DVSDATA_NAME_MAX) == 0 &&
+       Load32(blob.data() + kFirstFlag) == first->flag) {
+      FUZZ_CHECK(status == (len <= value.size() ? STATUS_OK : STATUS_LIMIT_EXCEEDED));
+      FUZZ_CHECK(status != STATUS_OK || len == 0 || std::memcmp(value.data(), data, len) == 0);
+   }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
@@ -64,8 +90,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
    }
 
    const uint32_t mode = (control >> 5) & 3;
+   std::vector<uint8_t> value((control & 0x80) != 0 ? 4 : 256);
+   const auto valueSize = static_cast<uint32_t>(value.size());
    DVSDataHandle h = nullptr;
    if (ReadList(&h, blob, mode) == STATUS_OK) {
+      if (h->head != nullptr) {
+         CheckFirstValue(blob, h->head, value);
+      }
       const std::vector<uint8_t> once = Serialize(h);
       DVSData_Free(h);
       DVSDataHandle again = nullptr;
@@ -76,11 +107,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
    // The single-value reader, for a name the blob's first record may carry
    // and for a fixed one.
-   std::vector<uint8_t> value((control & 0x80) != 0 ? 4 : 256);
-   const auto valueSize = static_cast<uint32_t>(value.size());
    char name[DVSDATA_NAME_MAX] = "className";
-   if (blob.size() >= DVSDATA_HEADER_SIZE + 4 + DVSDATA_NAME_MAX) {
-      std::memcpy(name, blob.data() + DVSDATA_HEADER_SIZE + 4, sizeof name - 1);
+   if (blob.size() >= kFirstName + DVSDATA_NAME_MAX) {
+      std::memcpy(name, blob.data() + kFirstName, sizeof name - 1);
    }
    (void)DVSData_DeserializeGetPropVal(blob.data(), size32, name, value.data(), valueSize);
    (void)DVSData_DeserializeGetPropVal(blob.data(), size32, "maxPorts", value.data(), valueSize);
