@@ -2,7 +2,8 @@
 // sockets: a sequence of command records and inputs (the request encoding
 // of fuzz_support.h) run against one fresh Simulator.  Every answer must
 // keep the device contract: the ioctl fails exactly when the status is not
-// STATUS_OK, and no result is larger than the capacity offered.
+// STATUS_OK, and no result is larger than the capacity offered.  At the
+// end the state must survive a StateGet / StateInit round trip.
 #include <string>
 
 #include "fuzz/fuzz_support.h"
@@ -14,6 +15,37 @@ namespace {
 void PutText(char *field, size_t width, std::string_view text) {
    const size_t n = text.size() < width - 1 ? text.size() : width - 1;
    std::memcpy(field, text.data(), n);
+}
+
+// The state as StateGet hands it out; false when the get fails.
+bool GetState(dvs::sim::Simulator &sim, std::string *blob) {
+   DVSHYPCmd rec{};
+   rec.dataLen = dvs::wire::kMaxPayload;
+   dvs::sim::Reply reply = sim.Execute(DVSHYP_CMD_STATE_GET, rec, "");
+   *blob = std::move(reply.output);
+   return reply.record.status == STATUS_OK;
+}
+
+ReturnStatus InitState(dvs::sim::Simulator &sim, const std::string &blob) {
+   DVSHYPCmd rec{};
+   rec.dataLen = static_cast<uint32_t>(blob.size());
+   return sim.Execute(DVSHYP_CMD_STATE_INIT, rec, blob).record.status;
+}
+
+// A state the simulator hands out it must take back; once taken back,
+// handing it out again gives the same bytes.
+void CheckStateRoundTrip(dvs::sim::Simulator &sim) {
+   sim.ClearFaults();
+   std::string first;
+   if (!GetState(sim, &first)) {
+      return;
+   }
+   dvs::sim::Simulator other;
+   FUZZ_CHECK(InitState(other, first) == STATUS_OK);
+   std::string second, third;
+   FUZZ_CHECK(GetState(other, &second));
+   FUZZ_CHECK(InitState(other, second) == STATUS_OK);
+   FUZZ_CHECK(GetState(other, &third) && third == second);
 }
 
 }  // namespace
@@ -71,5 +103,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       FUZZ_CHECK(reply.output.size() <= offered);
       FUZZ_CHECK(reply.output.empty() || reply.record.status == STATUS_OK);
    }
+   CheckStateRoundTrip(sim);
    return 0;
 }
