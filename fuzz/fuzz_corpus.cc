@@ -160,6 +160,34 @@ std::vector<std::string> SavedSwitchObjects(const Blob &host, int n) {
    return texts;
 }
 
+// The host blob with its first switch marked not to be persisted, as the
+// kernel would hold it.
+Blob WithNoPersistSwitch(const Blob &host) {
+   FUZZ_CHECK(DVSState_ConfigDeserialize(host.data(), static_cast<uint32_t>(host.size())) ==
+              STATUS_OK);
+   DVSDataHandle list = nullptr;
+   FUZZ_CHECK(DVSData_Deserialize(&list, host.data(), static_cast<uint32_t>(host.size()), malloc,
+                                  free) == STATUS_OK);
+   const uint8_t yes = 1;
+   FUZZ_CHECK(DVSState_GlobalPropSet(DVSData_Name(list->head), DVS_PROP_NOPERSIST, &yes, 1, 0) ==
+              STATUS_OK);
+   DVSData_Free(list);
+   void *out = nullptr;
+   uint32_t len = 0;
+   FUZZ_CHECK(DVSState_ConfigSerialize(&out, &len) == STATUS_OK);
+   Blob marked(static_cast<char *>(out), len);
+   free(out);
+   FUZZ_CHECK(DVSState_ConfigReset() == STATUS_OK);
+   return marked;
+}
+
+// Input of the persistent state harness: control, kernel blob, file.
+std::string PersistentInput(uint8_t control, const Blob &kernel, const std::string &file) {
+   const auto n = static_cast<uint16_t>(kernel.size());
+   FUZZ_CHECK(n == kernel.size());
+   return WithControl(control, std::string(reinterpret_cast<const char *>(&n), 2) + kernel + file);
+}
+
 std::string SimSequence(const Blob &host, const Blob &port) {
    using dvsfuzz::EncodeSimRequest;
    using dvsfuzz::SimRequestText;
@@ -241,6 +269,12 @@ int main(int argc, char **argv) {
       Write("state_file_fuzz", "file" + n, WithControl(0, ReadFile(file)));
       Write("state_file_fuzz", "file-rewrite" + n, WithControl(9, ReadFile(file)));
       Write("state_file_fuzz", "padded" + n, WithControl(6, host));
+      if (h < 2) {
+         const Blob kernel = WithNoPersistSwitch(host);
+         Write("persistent_state_fuzz", "merge" + n, PersistentInput(0, kernel, ReadFile(file)));
+         Write("persistent_state_fuzz", "no-file" + n, PersistentInput(4, kernel, ""));
+         Write("persistent_state_fuzz", "plain" + n, PersistentInput(0, host, ReadFile(file)));
+      }
       unlink(file.c_str());
 
       Write("sim_request_fuzz", "sequence" + n, SimSequence(host, port));

@@ -23,7 +23,7 @@ shift 2
 harnesses=("$@")
 if [ ${#harnesses[@]} -eq 0 ]; then
   harnesses=(blob_reader_fuzz config_blob_fuzz state_file_fuzz store_object_fuzz
-             store_file_fuzz store_load_fuzz sim_request_fuzz)
+             store_file_fuzz store_load_fuzz sim_request_fuzz persistent_state_fuzz)
 fi
 runs=${RUNS:--1}
 
