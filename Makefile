@@ -6,6 +6,8 @@
 #   make install PREFIX=dir   install headers, libraries, pkg-config file, CMake package
 #   make bench                build the benchmarks (Release, in $(REL_BUILD)) and print the
 #                             table of each operation beside its same-run reference
+#   make fuzz SECONDS=N       build the libFuzzer harnesses (clang) and run each for N seconds
+#                             (RUNS=M: at most M executions each)
 
 PREFIX ?= /usr/local
 JOBS   ?= $(shell nproc 2>/dev/null || echo 2)
@@ -13,11 +15,15 @@ BUILD  ?= build
 REL_BUILD  ?= build-rel
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
+FUZZ_BUILD ?= build-fuzz
+SECONDS    ?= 60
+RUNS       ?= -1
 
 CMAKE_COMMON = -DDVS_LOCK_RANK_CHECK=ON
 TSAN_FLAGS   = -fsanitize=thread
 
-.PHONY: all setup build build-asan build-tsan demo demo-fleet test test-plain test-asan test-tsan install bench clean
+.PHONY: all setup build build-asan build-tsan build-fuzz demo demo-fleet test test-plain \
+	test-asan test-tsan test-fuzz fuzz install bench clean
 
 all: build
 
@@ -40,6 +46,13 @@ $(TSAN_BUILD)/CMakeCache.txt: | setup
 	  -DCMAKE_EXE_LINKER_FLAGS=$(TSAN_FLAGS) -DCMAKE_SHARED_LINKER_FLAGS=$(TSAN_FLAGS) \
 	  $(CMAKE_COMMON)
 
+# libFuzzer harnesses with ASan+UBSan: clang only; tools stay on for the
+# seed corpus generator, tests and benchmarks are left out.
+$(FUZZ_BUILD)/CMakeCache.txt: | setup
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+	  -DCMAKE_CXX_COMPILER=clang++ -DDVS_BUILD_FUZZ=ON -DDVS_BUILD_TESTS=OFF -DDVS_BUILD_BENCH=OFF \
+	  $(CMAKE_COMMON)
+
 build: setup $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
 
@@ -48,6 +61,9 @@ build-asan: setup $(ASAN_BUILD)/CMakeCache.txt
 
 build-tsan: setup $(TSAN_BUILD)/CMakeCache.txt
 	cmake --build $(TSAN_BUILD) -j $(JOBS) --target state_concurrency_test hostlibs_test sim_test channel_socket_test
+
+build-fuzz: setup $(FUZZ_BUILD)/CMakeCache.txt
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_all
 
 demo: build
 	@bash tools/demo.sh $(BUILD)
@@ -69,7 +85,15 @@ test-tsan: build-tsan
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/sim/sim_test
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/kernel/channel_socket_test
 
-test: test-plain test-asan test-tsan
+# A short run of every harness, so that none of them rots.
+test-fuzz: build-fuzz
+	bash fuzz/run_fuzz.sh $(FUZZ_BUILD) 10
+
+test: test-plain test-asan test-tsan test-fuzz
+
+# Long campaigns: make fuzz SECONDS=600
+fuzz: build-fuzz
+	RUNS=$(RUNS) bash fuzz/run_fuzz.sh $(FUZZ_BUILD) $(SECONDS)
 
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
@@ -84,4 +108,4 @@ bench: setup $(REL_BUILD)/CMakeCache.txt
 	  --json $(REL_BUILD)/bench.json --svg $(REL_BUILD)/store_cost_per_port.svg
 
 clean:
-	rm -rf $(BUILD) $(REL_BUILD) $(ASAN_BUILD) $(TSAN_BUILD)
+	rm -rf $(BUILD) $(REL_BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD)

@@ -13,6 +13,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev # its etcd backend (HTTP; base64 from libcrypto)
   etcd-server etcd-client         # etcd for the replicated-store tests
   nlohmann-json3-dev libcli11-dev # tools
+  clang libclang-rt-dev           # fuzz harnesses (libFuzzer, sanitizers)
 )
 
 missing=()

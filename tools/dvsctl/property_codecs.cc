@@ -42,7 +42,6 @@ constexpr size_t kMirrorNameAt = 32;
 constexpr size_t kMirrorNameSlot = 81;
 constexpr size_t kMirrorPayloadAt = 4;
 constexpr size_t kMirrorAddressAt = 8;
-constexpr uint32_t kMirrorRemoteSource = 2;
 constexpr uint32_t kMirrorRemoteDest = 3;
 constexpr uint32_t kMirrorEncapSource = 4;
 // The reserved runs of a session record: offset and width.
