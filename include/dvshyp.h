@@ -232,7 +232,7 @@ DVS_EXPORT ReturnStatus DVSHYP_PortGetByExternalId(const char *sw, const char *e
                                                    DVSHYPPortSearch **out);
 
 /* ---- persistent state ------------------------------------------------ */
-/* Locks: dvshyp, registry. Returns: OK, BAD_PARAM, kernel/file status. Free *blob: DVSHYP_DataFree */
+/* Locks: dvshyp, registry. Returns: OK, BAD_PARAM, kernel/file status. Free: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_PersistentStateGetWithFile(void **blob, uint32_t *len,
                                                           const char *path);
 /* DVSHYP_PersistentStateGetWithFile with no file (path NULL). */
