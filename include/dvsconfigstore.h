@@ -91,6 +91,7 @@ DVS_EXPORT extern int32_t dvsconfigstore_debug;
 
 /* Returns dvsConfigMaps[propClass]; propClass must be 0, 1 or 2 (not
  * checked). */
+/* Locks: none. */
 DVS_EXPORT const PropConfigMapEntry *GetConfigMap(int32_t propClass);
 
 /*
@@ -137,26 +138,33 @@ DVS_EXPORT extern const char *const UNUSED_NON_SINGLETON_PROPS[];
 /* Saves every switch the kernel holds (its persistent state); with swId,
  * only that switch (and deletes the store object of swId when the kernel
  * has no such switch). */
+/* DVSState_SaveToConfigStore_ByInstance with swId NULL. */
 DVS_EXPORT int32_t DVSState_SaveToConfigStore(void);
+/* Locks: dvshyp+registry (state fetch), then as the buffer save. */
 DVS_EXPORT int32_t DVSState_SaveToConfigStore_ByInstance(const char *swId);
 
 /* Saves the switches of a host configuration blob; without swId the store
  * objects of switches the blob does not hold are deleted. */
+/* DVSState_SaveBufToConfigStore_ByInstance with swId NULL. */
 DVS_EXPORT int32_t DVSState_SaveBufToConfigStore(const void *buf, uint32_t len);
+/* Locks: registry, still held on a failed store open or begin. Returns: store code, -1. */
 DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uint32_t len,
                                                             const char *swId);
 
 /* Builds a host configuration blob from every switch object of the store
  * (desired: the desired user configuration).  On success *buf is the
  * caller's, released with free(). */
+/* Locks: none. Returns: store code, -1. */
 DVS_EXPORT int32_t DVSState_LoadFromConfigStoreAsBuf(void **buf, uint32_t *len, bool desired);
 
 /* Writes the identity and port-set name of every switch of the state file
  * ("/etc/ostrel/dvsdata.db", or the file DVS_STATE_FILE names) into the
  * store.  A missing or empty state file is not an error. */
+/* Locks: registry, still held on a failed store open or begin. Returns: store code, -1. */
 DVS_EXPORT int32_t DVSState_RetrieveDVSUpgradeInfo(void);
 
 /* True when text equals one of the first count texts of array. */
+/* Locks: none. */
 DVS_EXPORT bool StringExistInArray(const char *text, char **array, uint32_t count);
 
 DVS_EXTERN_C_END

@@ -15,6 +15,13 @@
  * such exchange fails with STATUS_FAILURE once it has taken longer than
  * DVS_DEVICE_TIMEOUT_MS milliseconds (30000 unless set; read once).
  *
+ * Each declaration carries a one-line contract as in dvsstate.h: "Locks:"
+ * names the locks it takes itself ("dvshyp", then the registry's), and
+ * "Returns:" its STATUS_ codes without the prefix ("kernel's": a status
+ * from the kernel's record, or from decoding what the kernel returned).
+ * The kernel-state views borrow the registry under both locks and leave it
+ * empty.
+ *
  * Compiles as C11 and as C++.
  */
 #ifndef DVSHYP_H
@@ -110,80 +117,127 @@ typedef struct DVSHYPPortSearch {
 #pragma pack(pop)
 
 /* ---- device channel and commands ------------------------------------ */
+/* Locks: none. Returns: OK, BAD_PARAM, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_Ioctl(uint32_t cmd, DVSHYPCmd *rec);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_StateInit(const void *blob, uint32_t len);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_StateCleanup(void);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_StateSanitize(void);
+/* Locks: none. Returns: OK, BAD_PARAM, FAILURE, NO_MEMORY, kernel's. Free *buf: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_StateGet(void **buf, uint32_t *len);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_SwitchAdd(const char *sw, const char *className, uint32_t maxPorts,
                                          uint32_t version);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_SwitchRemove(const char *sw);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_SwitchAssociate(const char *sw);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_SwitchDissociate(const char *sw);
+/* Locks: none. Returns: OK, BAD_PARAM, FAILURE, NO_MEMORY, kernel's. Free *buf: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_GlobalPropGet(const char *sw, const char *prop, void **buf,
                                              uint32_t *len);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_GlobalPropSet(const char *sw, const char *prop, const void *val,
                                              uint32_t len, uint32_t flag);
+/* DVSHYPSwitchPropClear with DVSHYP_CMD_GLOBAL_PROP_CLEAR. */
 DVS_EXPORT ReturnStatus DVSHYP_GlobalPropClear(const char *sw, const char *prop);
+/* Locks: none. Returns: OK, BAD_PARAM, FAILURE, NO_MEMORY, kernel's. Free *buf: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_HostPropGet(const char *sw, const char *prop, void **buf,
                                            uint32_t *len);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_HostPropSet(const char *sw, const char *prop, const void *val,
                                            uint32_t len, uint32_t flag);
+/* DVSHYPSwitchPropClear with DVSHYP_CMD_HOST_PROP_CLEAR. */
 DVS_EXPORT ReturnStatus DVSHYP_HostPropClear(const char *sw, const char *prop);
+/* Locks: none. DVSHYP_Ioctl(cmd) naming sw and prop; returns as DVSHYP_Ioctl. */
 DVS_EXPORT ReturnStatus DVSHYPSwitchPropClear(const char *sw, const char *prop, uint32_t cmd);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_PortAdd(const char *sw, const char *port, const void *data,
                                        uint32_t len);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_PortRemove(const char *sw, const char *port);
+/* Locks: none. Returns: OK, BAD_PARAM, FAILURE, NO_MEMORY, kernel's. Free *buf: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_PortDataGet(const char *sw, const char *port, const char *prop,
                                            void **buf, uint32_t *len);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_PortDataSet(const char *sw, const char *port, const char *prop,
                                            const void *val, uint32_t len, uint32_t flag);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_PortDataClear(const char *sw, const char *port, const char *prop);
+/* Locks: none. Returns: OK, BAD_PARAM, FAILURE, NO_MEMORY, kernel's. Free *buf: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_PortStateGet(const char *sw, const char *port, void **buf,
                                             uint32_t *len);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_PortFind(const char *sw, const char *port);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_SwitchSetMaxPorts(const char *sw, uint32_t maxPorts);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_SwitchSetVersion(const char *sw, uint32_t version);
+/* Locks: none. One DVSHYP_Ioctl: returns OK, FAILURE (no device), or the kernel's status. */
 DVS_EXPORT ReturnStatus DVSHYP_UplinkDataSet(const char *sw, const char *port, int32_t uplink,
                                              const void *val, uint32_t len, uint32_t flag);
+/* Locks: none. Returns: OK, BAD_PARAM, FAILURE, NO_MEMORY, kernel's. Free *buf: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_UplinkDataGet(const char *sw, const char *port, int32_t uplink,
                                              void **buf, uint32_t *len);
+/* Locks: none. Returns: OK, BAD_PARAM, FAILURE, NO_MEMORY, kernel's. Free *out: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_CmdExec(const char *sw, const char *cmd, const void *in,
                                        uint32_t inLen, void **out, uint32_t *outLen);
+/* Releases a buffer that a DVSHYP call handed out (free()); NULL is ignored. */
 DVS_EXPORT void DVSHYP_DataFree(void *buf);
+/* Takes the "dvshyp" lock (recursive); it ranks below the registry: take it first. */
 DVS_EXPORT struct KRecLock *DVSwitchHYPLock(void);
+/* Releases one level of the "dvshyp" lock; NULL is ignored. */
 DVS_EXPORT void DVSwitchHYPUnlock(struct KRecLock *lock);
 
 /* ---- property lists and filters -------------------------------------- */
+/* Locks: none. Whether the name starts with one of the overlay prefixes; false for NULL. */
 DVS_EXPORT bool IsZltProp(const char *name);
+/* Locks: none. Drops names containing substr. Returns: NOT_FOUND (done), BAD_PARAM. */
 DVS_EXPORT ReturnStatus DVSHYPStripNamedProp(DVSDataHandle list, const char *substr);
+/* Locks: none. Keeps entries of the type without substr, and exceptions. Returns: as above. */
 DVS_EXPORT ReturnStatus DVSHYPStripNamedPropForType(DVSDataHandle list, const char *substr,
                                                     const char **exceptions, uint32_t type);
+/* Locks: none. Keeps type entries with substr. Returns: as DVSHYPStripNamedProp. */
 DVS_EXPORT ReturnStatus DVSHYPExtractNamedPropForType(DVSDataHandle list, const char *substr,
                                                       uint32_t type);
+/* DVSHYPVendorPropList with host false. */
 DVS_EXPORT ReturnStatus DVSHYP_VendorGlobalPropList(const char *sw, DVSDataHandle *out,
                                                     uint32_t type);
+/* DVSHYPVendorPropList with host true. */
 DVS_EXPORT ReturnStatus DVSHYP_VendorHostPropList(const char *sw, DVSDataHandle *out,
                                                   uint32_t type);
+/* Locks: dvshyp, registry. Returns: OK, BAD_PARAM, NOT_FOUND, kernel's. Free *out: DVSData_Free. */
 DVS_EXPORT ReturnStatus DVSHYP_ExtraConfigPropList(const char *sw, DVSDataHandle *out,
                                                    uint32_t type);
+/* Locks: dvshyp, registry. Returns: OK, BAD_PARAM, NOT_FOUND, kernel's. Free *out: DVSData_Free. */
 DVS_EXPORT ReturnStatus DVSHYPVendorPropList(const char *sw, DVSDataHandle *out, uint32_t type,
                                              bool host);
+/* Locks: none. Returns: OK, BAD_PARAM, NO_MEMORY, kernel's. Free *out: DVSData_Free. */
 DVS_EXPORT ReturnStatus DVSHYP_VendorPortPropList(const char *sw, const char *port,
                                                   DVSDataHandle *out, uint32_t type);
+/* Locks: none. Returns: OK, BAD_PARAM, NO_MEMORY, kernel's. Free *out: DVSData_Free. */
 DVS_EXPORT ReturnStatus DVSHYP_ExtraConfigPortPropList(const char *sw, const char *port,
                                                        DVSDataHandle *out, uint32_t type);
+/* Locks: dvshyp, registry. Returns: OK, BAD_PARAM, NOT_FOUND, kernel's. Free *out: DVSData_Free. */
 DVS_EXPORT ReturnStatus DVSHYP_ZltPropList(const char *sw, uint32_t type, bool global,
                                            DVSDataHandle *out);
+/* Locks: dvshyp, registry. Returns: as the list views, NO_MEMORY. Free *out: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_SwitchPortList(const char *sw, DVSHYPPortList **out,
                                               uint32_t portType);
+/* Locks: dvshyp, registry. Returns: as the list views, NO_MEMORY. Free *out: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_PortGetByExternalId(const char *sw, const char *externalId,
                                                    DVSHYPPortSearch **out);
 
 /* ---- persistent state ------------------------------------------------ */
+/* Locks: dvshyp, registry. Returns: OK, BAD_PARAM, kernel/file status. Free: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_PersistentStateGetWithFile(void **blob, uint32_t *len,
                                                           const char *path);
+/* DVSHYP_PersistentStateGetWithFile with no file (path NULL). */
 DVS_EXPORT ReturnStatus DVSHYP_PersistentStateGet(void **blob, uint32_t *len);
+/* Locks: none. Returns: OK, BAD_PARAM, NO_MEMORY, kernel's. Free *blob: DVSHYP_DataFree. */
 DVS_EXPORT ReturnStatus DVSHYP_PersistentPortStateGet(const char *sw, const char *port,
                                                       uint32_t version, void **blob,
                                                       uint32_t *len);

@@ -5,6 +5,11 @@
 #include <dvshyp.h>
 #include <hostlibs.h>
 
+#include <cstdio>
+#include <cstdlib>
+
+#include "kernel/kernel_internal.h"
+
 namespace {
 
 constexpr uint32_t kLockRank = 0xfefffffe;
@@ -13,6 +18,16 @@ constexpr uint32_t kLockRank = 0xfefffffe;
 KRecLock *dvsHypLock = nullptr;
 
 }  // namespace
+
+#ifdef DVS_LOCK_RANK_CHECK
+void dvs::kernel::CheckHypLockHeld(const char *where) {
+   if (!KLock_IsLockedByCaller(__atomic_load_n(&dvsHypLock, __ATOMIC_ACQUIRE))) {
+      std::fprintf(stderr, "dvs: %s needs the \"dvshyp\" lock held by its caller\n", where);
+      std::fflush(stderr);
+      std::abort();
+   }
+}
+#endif
 
 extern "C" {
 

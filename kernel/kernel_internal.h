@@ -9,6 +9,16 @@
 
 namespace dvs::kernel {
 
+// In builds with lock checking (DVS_LOCK_RANK_CHECK), aborts naming the
+// caller unless the calling thread holds the "dvshyp" lock (see
+// DVS_ASSERT_STATE_LOCKED for the registry's own lock).
+#ifdef DVS_LOCK_RANK_CHECK
+void CheckHypLockHeld(const char *where);
+#define DVS_ASSERT_HYP_LOCKED() ::dvs::kernel::CheckHypLockHeld(__func__)
+#else
+#define DVS_ASSERT_HYP_LOCKED() ((void)0)
+#endif
+
 // Holds the "dvshyp" lock from construction to the end of the scope.  It
 // ranks below "dvsstate", so it is always taken first.
 class HypLockGuard {

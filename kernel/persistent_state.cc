@@ -95,6 +95,8 @@ bool MakeSwitchPersistent(DVSwitch *dvs, void *) {
 
 // Makes every registered switch persistent and writes the registry out.
 ReturnStatus SerializePersistent(void **blob, uint32_t *len) {
+   DVS_ASSERT_HYP_LOCKED();
+   DVS_ASSERT_STATE_LOCKED();
    DVSState_SwitchForEach(MakeSwitchPersistent, nullptr);
    return DVSState_ConfigSerialize(blob, len);
 }
@@ -104,6 +106,8 @@ ReturnStatus SerializePersistent(void **blob, uint32_t *len) {
 ReturnStatus MergeWithFile(const char *path, DVSwitch *detached[DVS_MAX_SWITCHES],
                            char ids[DVS_MAX_SWITCHES][DVS_SWITCH_ID_MAX], void **blob,
                            uint32_t *len) {
+   DVS_ASSERT_HYP_LOCKED();
+   DVS_ASSERT_STATE_LOCKED();
    void *file = nullptr;
    uint32_t fileLen = 0;
    uint32_t alignOffset = 0;

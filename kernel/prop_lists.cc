@@ -85,6 +85,8 @@ ReturnStatus WithKernelSwitch(const char *sw, Work work) {
 // registry's reset leaves the list to the caller.  A switch read from a
 // blob always has both lists; a missing one is reported, not handed out.
 ReturnStatus TakeList(DVSwitch *dvs, bool host, DVSDataHandle *out) {
+   DVS_ASSERT_HYP_LOCKED();
+   DVS_ASSERT_STATE_LOCKED();
    DVSDataHandle &slot = host ? dvs->hostPropList : dvs->globalPropList;
    *out = slot;
    slot = nullptr;
@@ -141,6 +143,8 @@ struct PortListBuild {
 };
 
 bool AppendPortOfType(DVSPort *port, void *ctx) {
+   DVS_ASSERT_HYP_LOCKED();
+   DVS_ASSERT_STATE_LOCKED();
    auto *build = static_cast<PortListBuild *>(ctx);
    DVSHYPPortList *record = build->record;
    if (port->portType != record->portType || record->count == build->capacity) {
@@ -165,6 +169,8 @@ struct ExternalIdSearch {
 // comparison runs over the value's length only, so an empty value matches
 // any id.
 bool MatchExternalId(DVSPort *port, void *ctx) {
+   DVS_ASSERT_HYP_LOCKED();
+   DVS_ASSERT_STATE_LOCKED();
    auto *search = static_cast<ExternalIdSearch *>(ctx);
    const char *value = nullptr;
    size_t len = 0;

@@ -143,6 +143,7 @@ struct SwitchRestore {
 // cannot be added.
 ReturnStatus RestoreIntoSwitch(DVSwitch *dvs, SwitchRestore *restore, const void *blob,
                                const SwitchParts &parts) {
+   DVS_ASSERT_STATE_LOCKED();
    DVSData_Free(dvs->hostPropList);
    DVSData_Free(dvs->globalPropList);
    dvs->hostPropList = restore->hostList;

@@ -263,6 +263,7 @@ ReturnStatus TakeOutput(void **blob, uint32_t *len, uint32_t size, bool *allocat
 // On failure the message names the switch and a buffer taken here is
 // released.
 ReturnStatus WriteHostBlob(void **blob, uint32_t *len) {
+   DVS_ASSERT_STATE_LOCKED();
    uint32_t switchSizes[DVS_MAX_SWITCHES] = {};
    uint64_t total = DVSDATA_MIN_BLOB_SIZE;
    for (int i = 0; i < DVS_MAX_SWITCHES; i++) {

@@ -118,6 +118,7 @@ ReturnStatus NewSwitchRecord(uint32_t numSlots, DVSwitch **out) {
 // record and publish it.
 ReturnStatus SwitchAddLocked(const char *id, const char *className, uint32_t kind,
                              uint32_t maxPorts, uint32_t version) {
+   DVS_ASSERT_STATE_LOCKED();
    int freeSlot = -1;
    for (int i = 0; i < DVS_MAX_SWITCHES; i++) {
       DVSwitch *dvs = globalSwsArray[i];
@@ -166,6 +167,7 @@ bool RemoveOnePort(DVSPort *port, void *ctx) {
 
 // Runs the internal remove on every registered switch, in slot order.
 ReturnStatus ResetLocked() {
+   DVS_ASSERT_STATE_LOCKED();
    for (DVSwitch *&slot : globalSwsArray) {
       if (slot == nullptr) {
          continue;
@@ -183,6 +185,7 @@ ReturnStatus ResetLocked() {
 }
 
 DVSwitch **FindSlotLocked(const char *id) {
+   DVS_ASSERT_STATE_LOCKED();
    for (DVSwitch *&slot : globalSwsArray) {
       if (slot != nullptr && std::strcmp(slot->id, id) == 0) {
          return &slot;
@@ -208,7 +211,18 @@ bool VersionAccepted(uint32_t version) {
 
 }  // namespace
 
+#ifdef DVS_LOCK_RANK_CHECK
+void CheckStateLockHeld(const char *where) {
+   if (!KLock_IsLockedByCaller(__atomic_load_n(&dvsStateLock, __ATOMIC_ACQUIRE))) {
+      std::fprintf(stderr, "dvs: %s needs the \"dvsstate\" lock held by its caller\n", where);
+      std::fflush(stderr);
+      std::abort();
+   }
+}
+#endif
+
 ReturnStatus SwitchRemoveLocked(const char *id) {
+   DVS_ASSERT_STATE_LOCKED();
    if (id == nullptr) {
       return STATUS_BAD_PARAM;
    }

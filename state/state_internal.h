@@ -39,6 +39,17 @@ ReturnStatus PortRemove(DVSwitch *dvs, const char *portId, uint32_t type);
 constexpr size_t kUuidTextLen = 47;
 void FormatSwitchUuid(const uint8_t *uuid, char *buf, size_t size);
 
+// Lock assertions.  In builds with lock checking (DVS_LOCK_RANK_CHECK) the
+// internal entry points that run under the "dvsstate" lock held by their
+// caller check that the calling thread holds it, and abort naming
+// themselves when it does not.  Other builds compile them to nothing.
+#ifdef DVS_LOCK_RANK_CHECK
+void CheckStateLockHeld(const char *where);
+#define DVS_ASSERT_STATE_LOCKED() ::dvs::state::CheckStateLockHeld(__func__)
+#else
+#define DVS_ASSERT_STATE_LOCKED() ((void)0)
+#endif
+
 // Holds the "dvsstate" lock from construction to the end of the scope.
 class StateLockGuard {
   public:
