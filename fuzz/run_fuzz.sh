@@ -62,11 +62,11 @@ for h in "${harnesses[@]}"; do
     found=1  # a failure that left no input behind (see the log)
   fi
   total_findings=$((total_findings + found))
-  rows+=("$(printf '%-18s %12s %8s %8s %8s %9s' "$h" "${execs:-?}" "$elapsed" \
+  rows+=("$(printf '%-22s %12s %8s %8s %8s %9s' "$h" "${execs:-?}" "$elapsed" \
     "${cov:-?}" "${ft:-?}" "$found")")
 done
 
-printf '%-18s %12s %8s %8s %8s %9s\n' harness executions seconds cov ft findings
+printf '%-22s %12s %8s %8s %8s %9s\n' harness executions seconds cov ft findings
 printf '%s\n' "${rows[@]}"
 if [ "$total_findings" -ne 0 ]; then
   echo "fuzz: $total_findings finding(s); inputs in $build/fuzz-findings, logs in $build/fuzz-logs" >&2
