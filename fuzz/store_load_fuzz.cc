@@ -82,7 +82,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
    configstore::Store *store = dvsfuzz::ScratchStore();
    for (int n = 0; n < kMaxObjects; ++n) {
-      (void)configstore::Delete(store, "switches", "network_tds", "node", InstanceId(n).c_str());
+      // Every object of the last input goes: one left behind would show
+      // up in this input's load as a switch it never wrote.
+      const int32_t rc =
+         configstore::Delete(store, "switches", "network_tds", "node", InstanceId(n).c_str());
+      FUZZ_CHECK(rc == configstore::kSuccess || rc == configstore::kNotFound);
    }
    uint32_t objects = 0;
    for (size_t n = 0; n < texts.size(); ++n) {
