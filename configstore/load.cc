@@ -134,17 +134,17 @@ int32_t LoadSwitch(cs::Object *obj, DVSDataHandle top) {
       }
       gSwitchVersion = version;
       const uint32_t classLen = static_cast<uint32_t>(std::strlen(className.s) + 1);
-      rc = AppendFlagged(swList.h, "switchVersion", &version, sizeof version);
+      rc = AppendFlagged(swList.h, DVS_REC_SWITCH_VERSION, &version, sizeof version);
       if (rc == cs::kSuccess) {
-         rc = AppendFlagged(swList.h, "className", className.s, classLen);
+         rc = AppendFlagged(swList.h, DVS_REC_CLASS_NAME, className.s, classLen);
       }
       if (rc == cs::kSuccess) {
-         rc = AppendFlagged(swList.h, "maxPorts", &maxPorts, sizeof maxPorts);
+         rc = AppendFlagged(swList.h, DVS_REC_MAX_PORTS, &maxPorts, sizeof maxPorts);
       }
       if (rc == cs::kSuccess) {
-         rc = LoadConfigProps("globalPropList", obj, swList.h, PROP_CLASS_GLOBAL, version, nullptr);
+         rc = LoadConfigProps(DVS_REC_GLOBAL_PROPS, obj, swList.h, PROP_CLASS_GLOBAL, version, nullptr);
          if (rc == cs::kSuccess) {
-            rc = LoadConfigProps("hostPropList", obj, swList.h, PROP_CLASS_HOST, version, nullptr);
+            rc = LoadConfigProps(DVS_REC_HOST_PROPS, obj, swList.h, PROP_CLASS_HOST, version, nullptr);
          }
          if (rc == cs::kSuccess) {
             rc = LoadPorts(obj, swList.h, version);

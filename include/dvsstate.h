@@ -49,6 +49,14 @@ DVS_EXTERN_C_BEGIN
 #define DVS_PROP_NOPERSIST "com.ostrel.common.volatile.nopersist"
 #define DVS_PROP_PORT_TYPE "com.ostrel.common.port.volatile.type"
 
+/* The fixed records of a switch blob (DVSState_SwitchSerialize); every
+ * other record of a switch blob is a port, named by its id. */
+#define DVS_REC_SWITCH_VERSION "switchVersion" /* uint32_t */
+#define DVS_REC_CLASS_NAME "className"         /* text, NUL, zeros */
+#define DVS_REC_MAX_PORTS "maxPorts"           /* uint32_t */
+#define DVS_REC_GLOBAL_PROPS "globalPropList"  /* property blob */
+#define DVS_REC_HOST_PROPS "hostPropList"      /* property blob */
+
 struct BitVector; /* host utility library */
 struct KRecLock;  /* host utility library */
 struct DVSPort;

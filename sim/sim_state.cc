@@ -64,30 +64,30 @@ ReturnStatus DecodeSwitch(const char *id, std::string_view blob, Switch *sw) {
    PropList list;
    ReturnStatus status = Decode(blob, &list);
    if (status == STATUS_OK) {
-      status = TakeNestedList(list.get(), "hostPropList", &sw->host);
+      status = TakeNestedList(list.get(), DVS_REC_HOST_PROPS, &sw->host);
    }
    if (status == STATUS_OK) {
-      status = TakeNestedList(list.get(), "globalPropList", &sw->global);
+      status = TakeNestedList(list.get(), DVS_REC_GLOBAL_PROPS, &sw->global);
    }
    if (status == STATUS_OK) {
-      status = LookupU32(list.get(), "switchVersion", &sw->version);
+      status = LookupU32(list.get(), DVS_REC_SWITCH_VERSION, &sw->version);
    }
    DVSDataEntry *classEntry = nullptr;
    if (status == STATUS_OK) {
-      status = DVSData_Lookup(list.get(), "className", &classEntry);
+      status = DVSData_Lookup(list.get(), DVS_REC_CLASS_NAME, &classEntry);
    }
    if (status == STATUS_OK) {
       // Text up to its terminator, at most 127 characters of the value.
       const std::string_view value = EntryValue(classEntry);
       sw->className.assign(value.data(),
                            strnlen(value.data(), std::min<size_t>(value.size(), 127)));
-      status = LookupU32(list.get(), "maxPorts", &sw->maxPorts);
+      status = LookupU32(list.get(), DVS_REC_MAX_PORTS, &sw->maxPorts);
    }
    if (status != STATUS_OK) {
       return status;
    }
    sw->id = id;
-   for (const char *name : {"className", "maxPorts", "switchVersion"}) {
+   for (const char *name : {DVS_REC_CLASS_NAME, DVS_REC_MAX_PORTS, DVS_REC_SWITCH_VERSION}) {
       DVSData_Remove(list.get(), name);
    }
 
@@ -126,22 +126,22 @@ ReturnStatus EncodeSwitch(const Switch &sw, Bytes *blob) {
       return STATUS_NO_MEMORY;
    }
    ReturnStatus status =
-      DVSData_Update(list.get(), "switchVersion", &sw.version, sizeof sw.version, kSwitchLevelFlag);
+      DVSData_Update(list.get(), DVS_REC_SWITCH_VERSION, &sw.version, sizeof sw.version, kSwitchLevelFlag);
    if (status == STATUS_OK) {
       char className[DVS_CLASS_NAME_MAX] = {};
       sw.className.copy(className, sizeof className - 1);
       status =
-         DVSData_Update(list.get(), "className", className, sizeof className, kSwitchLevelFlag);
+         DVSData_Update(list.get(), DVS_REC_CLASS_NAME, className, sizeof className, kSwitchLevelFlag);
    }
    if (status == STATUS_OK) {
       status =
-         DVSData_Update(list.get(), "maxPorts", &sw.maxPorts, sizeof sw.maxPorts, kSwitchLevelFlag);
+         DVSData_Update(list.get(), DVS_REC_MAX_PORTS, &sw.maxPorts, sizeof sw.maxPorts, kSwitchLevelFlag);
    }
    if (status == STATUS_OK) {
-      status = AddNestedList(list.get(), sw.global.get(), sw.version, "globalPropList");
+      status = AddNestedList(list.get(), sw.global.get(), sw.version, DVS_REC_GLOBAL_PROPS);
    }
    if (status == STATUS_OK) {
-      status = AddNestedList(list.get(), sw.host.get(), sw.version, "hostPropList");
+      status = AddNestedList(list.get(), sw.host.get(), sw.version, DVS_REC_HOST_PROPS);
    }
    // Ports may share an id (an active and a shadow port): appended, not
    // updated.

@@ -54,7 +54,7 @@ ReturnStatus AddNestedList(DVSDataHandle out, const DVSwitch *dvs, DVSDataHandle
 ReturnStatus AddSwitchRecords(DVSDataHandle out, const DVSwitch *dvs) {
    const uint32_t version = dvs->version;
    ReturnStatus status =
-      DVSData_Update(out, "switchVersion", &version, sizeof version, kSwitchLevelFlag);
+      DVSData_Update(out, DVS_REC_SWITCH_VERSION, &version, sizeof version, kSwitchLevelFlag);
    if (status != STATUS_OK) {
       STATE_TRACE(0, "Failed to add switch %s version, return %s\n", dvs->id,
                   HYP_ReturnStatusToString(status));
@@ -66,7 +66,7 @@ ReturnStatus AddSwitchRecords(DVSDataHandle out, const DVSwitch *dvs) {
    // never reach a blob.
    char className[DVS_CLASS_NAME_MAX] = {};
    std::memcpy(className, dvs->className, strnlen(dvs->className, sizeof className - 1));
-   status = DVSData_Update(out, "className", className, sizeof className, kSwitchLevelFlag);
+   status = DVSData_Update(out, DVS_REC_CLASS_NAME, className, sizeof className, kSwitchLevelFlag);
    if (status != STATUS_OK) {
       STATE_TRACE(0, "Failed to add switch %s class name, return %s\n", dvs->id,
                   HYP_ReturnStatusToString(status));
@@ -75,21 +75,21 @@ ReturnStatus AddSwitchRecords(DVSDataHandle out, const DVSwitch *dvs) {
 
    // The pending limit is the one that persists.
    const uint32_t maxPorts = dvs->newMaxPorts;
-   status = DVSData_Update(out, "maxPorts", &maxPorts, sizeof maxPorts, kSwitchLevelFlag);
+   status = DVSData_Update(out, DVS_REC_MAX_PORTS, &maxPorts, sizeof maxPorts, kSwitchLevelFlag);
    if (status != STATUS_OK) {
       STATE_TRACE(0, "Failed to add switch %s max ports, return %s\n", dvs->id,
                   HYP_ReturnStatusToString(status));
       return status;
    }
 
-   status = AddNestedList(out, dvs, dvs->globalPropList, "globalPropList");
+   status = AddNestedList(out, dvs, dvs->globalPropList, DVS_REC_GLOBAL_PROPS);
    if (status != STATUS_OK) {
       STATE_TRACE(0, "Failed to add switch %s global property list, return %s\n", dvs->id,
                   HYP_ReturnStatusToString(status));
       return status;
    }
 
-   status = AddNestedList(out, dvs, dvs->hostPropList, "hostPropList");
+   status = AddNestedList(out, dvs, dvs->hostPropList, DVS_REC_HOST_PROPS);
    if (status != STATUS_OK) {
       STATE_TRACE(0, "Failed to add switch %s host property list, return %s\n", dvs->id,
                   HYP_ReturnStatusToString(status));

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include <dvsstate.h>
+
 #include "blob_tree.h"
 #include "error.h"
 #include "property_list.h"
@@ -58,11 +60,11 @@ Bytes MakeSampleBlob() {
                            .Serialize();
    const Bytes host = PropertyListBuilder().Serialize();
    return PropertyListBuilder()
-      .AppendU32("switchVersion", 6, kSwitchProp)
-      .AppendString("className", "etherswitch", kSwitchProp)
-      .AppendU32("maxPorts", 128, kSwitchProp)
-      .Append("globalPropList", global, kSwitchProp)
-      .Append("hostPropList", host, kSwitchProp)
+      .AppendU32(DVS_REC_SWITCH_VERSION, 6, kSwitchProp)
+      .AppendString(DVS_REC_CLASS_NAME, "etherswitch", kSwitchProp)
+      .AppendU32(DVS_REC_MAX_PORTS, 128, kSwitchProp)
+      .Append(DVS_REC_GLOBAL_PROPS, global, kSwitchProp)
+      .Append(DVS_REC_HOST_PROPS, host, kSwitchProp)
       .Serialize();
 }
 

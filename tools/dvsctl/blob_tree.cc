@@ -82,6 +82,7 @@ ReturnStatus Decode(const Bytes &blob, int depth, BlobTree &tree) {
       if (depth < kMaxBlobDepth && LooksLikeWholeBlob(value) &&
           Decode(value, depth + 1, nested) == STATUS_OK) {
          prop.value = std::move(nested);
+         prop.nestedBytes = std::move(value);
       } else if (IsText(value)) {
          if (!value.empty() && value.back() == 0) {
             value.pop_back();
@@ -217,6 +218,20 @@ std::string EscapeName(const std::string &name) {
       }
    }
    return out;
+}
+
+Bytes StoredValue(const Property &p) {
+   if (const auto *bytes = std::get_if<Bytes>(&p.value)) {
+      return *bytes;
+   }
+   if (const auto *text = std::get_if<std::string>(&p.value)) {
+      Bytes raw(text->begin(), text->end());
+      if (raw.size() < p.length) {
+         raw.push_back(0);  // the NUL the decoder dropped
+      }
+      return raw;
+   }
+   return p.nestedBytes;
 }
 
 ReturnStatus DecodeBlobTree(const Bytes &blob, BlobTree &tree) {

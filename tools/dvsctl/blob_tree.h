@@ -40,7 +40,13 @@ struct Property {
    uint32_t length = 0;
    // Text (trailing NUL removed), raw bytes, or a nested blob.
    std::variant<std::string, Bytes, BlobTree> value;
+   // A nested blob's bytes as stored; empty for the other forms, which
+   // StoredValue() gives back from `value`.
+   Bytes nestedBytes;
 };
+
+// The value's bytes exactly as the blob stores them, whatever its form.
+Bytes StoredValue(const Property &p);
 
 // Nested blobs deeper than this are shown as bytes, so that a crafted file
 // cannot drive the decoder into unbounded recursion.

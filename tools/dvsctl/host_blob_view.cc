@@ -13,8 +13,9 @@ namespace {
 
 // The fixed records of a switch blob; every other record is a port.
 enum HeaderField { kVersion, kClassName, kMaxPorts, kGlobal, kHost, kHeaderFields };
-constexpr const char *kHeaderNames[kHeaderFields] = {"switchVersion", "className", "maxPorts",
-                                                     "globalPropList", "hostPropList"};
+constexpr const char *kHeaderNames[kHeaderFields] = {DVS_REC_SWITCH_VERSION, DVS_REC_CLASS_NAME,
+                                                     DVS_REC_MAX_PORTS, DVS_REC_GLOBAL_PROPS,
+                                                     DVS_REC_HOST_PROPS};
 
 using Problems = std::vector<std::string>;
 
@@ -29,17 +30,10 @@ const Property *FindProperty(const BlobTree &tree, const char *name) {
 
 // The value's bytes as stored; none when it decoded as a nested blob.
 std::optional<Bytes> RawValue(const Property &p) {
-   if (const auto *bytes = std::get_if<Bytes>(&p.value)) {
-      return *bytes;
+   if (std::holds_alternative<BlobTree>(p.value)) {
+      return std::nullopt;
    }
-   if (const auto *text = std::get_if<std::string>(&p.value)) {
-      Bytes raw(text->begin(), text->end());
-      if (raw.size() < p.length) {
-         raw.push_back(0);  // the NUL the decoder dropped
-      }
-      return raw;
-   }
-   return std::nullopt;
+   return StoredValue(p);
 }
 
 std::string LengthProblem(const std::string &what, uint32_t length, const char *expected) {
@@ -148,6 +142,10 @@ SwitchView ReadSwitch(const std::string &id, const BlobTree &blob) {
       const auto field = static_cast<HeaderField>(name - std::begin(kHeaderNames));
       if (field == kHeaderFields) {
          sw.ports.push_back(ReadPort(p));
+         if (!std::holds_alternative<BlobTree>(p.value)) {
+            sw.unreadable.push_back("port " + EscapeName(p.name) + ": " +
+                                    sw.ports.back().problems.front());
+         }
          continue;
       }
       if (seen[field]) {
@@ -155,6 +153,7 @@ SwitchView ReadSwitch(const std::string &id, const BlobTree &blob) {
          continue;
       }
       seen[field] = true;
+      const size_t problemsBefore = sw.problems.size();
       switch (field) {
          case kVersion:
             sw.version = ReadU32(p, p.name, sw.problems);
@@ -174,10 +173,18 @@ SwitchView ReadSwitch(const std::string &id, const BlobTree &blob) {
          default:
             break;
       }
+      const bool read = field == kVersion     ? sw.version.has_value()
+                        : field == kClassName ? sw.className.has_value()
+                        : field == kMaxPorts  ? sw.maxPorts.has_value()
+                                              : std::holds_alternative<BlobTree>(p.value);
+      if (!read && sw.problems.size() > problemsBefore) {
+         sw.unreadable.push_back(sw.problems[problemsBefore]);
+      }
    }
    for (int i = 0; i < kHeaderFields; ++i) {
       if (!seen[i]) {
          sw.problems.push_back(std::string(kHeaderNames[i]) + ": missing");
+         sw.missing.push_back(kHeaderNames[i]);
       }
    }
    if (blob.hidden != 0) {

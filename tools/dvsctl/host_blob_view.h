@@ -53,6 +53,11 @@ struct SwitchView {
    BlobTree host;
    std::vector<PortView> ports;
    std::vector<std::string> problems;
+   // For readers that need the whole switch (a comparison refuses a switch
+   // with either): the fixed records it lacks, and the problem lines of
+   // fixed records and port data present in a form that cannot be read.
+   std::vector<std::string> missing;
+   std::vector<std::string> unreadable;
 };
 
 struct HostBlobView {
