@@ -2,6 +2,7 @@
 // selects a table by class, and the lookup the save uses to find the row of
 // a property.  The row order matters: the lookup takes the first row whose
 // name matches, and the load walks every row top to bottom.
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -12,6 +13,33 @@
 namespace {
 
 constexpr uint64_t kRebuiltFlag = 0x10;
+
+// The row layout and the numbers that the exported tables and the converter
+// table are indexed by.
+static_assert(PROP_CONFIG_PATH_MAX == 5 && PROP_CONFIG_NAME_MAX == 128);
+static_assert(sizeof(PropConfigMapEntry) == 8 + 5 * 128 + 4 + 4 + 8);
+static_assert(offsetof(PropConfigMapEntry, path) == 8);
+static_assert(offsetof(PropConfigMapEntry, depth) == 8 + 5 * 128);
+static_assert(offsetof(PropConfigMapEntry, propFlag) == 8 + 5 * 128 + 8);
+static_assert(PROP_CLASS_GLOBAL == 0 && PROP_CLASS_HOST == 1 && PROP_CLASS_PORT == 2);
+// Converter numbers run from 0 to PROP_CONV_END without a gap but 30.
+static_assert(PROP_CONV_UINT32 == 0 && PROP_CONV_STRING == 1 && PROP_CONV_INT32 == 2 &&
+              PROP_CONV_BOOL_BYTE == 3 && PROP_CONV_BOOL_TEXT == 4 &&
+              PROP_CONV_IPV4_ADDRESS == 5 && PROP_CONV_PVLAN_MAP_ETHER == 6 &&
+              PROP_CONV_PVLAN_MAP_VSWITCH == 7 && PROP_CONV_LINK_DISCOVERY == 8 &&
+              PROP_CONV_MIRROR_SESSIONS == 9 && PROP_CONV_IPFIX == 10 &&
+              PROP_CONV_HEALTH_CHECK == 11 && PROP_CONV_RESPOOL_CONFIG == 12 &&
+              PROP_CONV_RESPOOL_KEY_LIST == 13 && PROP_CONV_UPLINK_KEY_LIST == 14 &&
+              PROP_CONV_SWITCH_VERSION == 15 && PROP_CONV_LACP_GROUPS == 16 &&
+              PROP_CONV_TEAMING_ETHER == 17 && PROP_CONV_TEAMING_VSWITCH == 18 &&
+              PROP_CONV_ZLT_ENABLED == 19 && PROP_CONV_UPLINK_NAME_LIST == 20 &&
+              PROP_CONV_MTU == 21 && PROP_CONV_OPAQUE_DATA == 22 && PROP_CONV_TX_UPLINK == 23 &&
+              PROP_CONV_VLAN_ETHER == 24 && PROP_CONV_VLAN_VSWITCH == 25 &&
+              PROP_CONV_SHAPING == 26 && PROP_CONV_SECURITY_ETHER == 27 &&
+              PROP_CONV_SECURITY_VSWITCH == 28 && PROP_CONV_FILTER_POLICY == 29 &&
+              PROP_CONV_PORT_BOOL_TEXT == 31 && PROP_CONV_PT_ALLOWED == 32 &&
+              PROP_CONV_PORT_OPAQUE_DATA == 33 && PROP_CONV_ENABLED_TEXT == 34 &&
+              PROP_CONV_LACP_POLICY == 35 && PROP_CONV_SKIP == 36 && PROP_CONV_END == 37);
 
 }  // namespace
 

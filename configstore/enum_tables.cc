@@ -3,6 +3,8 @@
 // object.  Every text is stored exactly as written here.
 #include <dvsconfigstore.h>
 
+#include <iterator>
+
 // Exported through the declarations in dvsconfigstore.h.
 extern "C" {
 
@@ -94,3 +96,18 @@ const char *const UNUSED_NON_SINGLETON_PROPS[] = {
 };
 
 }  // extern "C"
+
+// Each number table pairs with its text table entry for entry; a policy
+// position names one of the five policies with a text.
+static_assert(std::size(TEAMING_POLICY_ENUM) == 6 && std::size(TEAMING_POLICY_SCHEMA) == 7);
+static_assert(std::size(NIC_TEAMING_POLICY_MODE_2_CHARS) + 1 == std::size(TEAMING_POLICY_ENUM));
+static_assert(std::size(LACP_LB_POLICY_SCHEMA) == 22 && std::size(LACP_MODE_2_CAHRS) == 4);
+static_assert(std::size(CDP_OPERATION_2_CHARS) == 5 &&
+              std::size(CHARS_2_CDP_OPERATION) == std::size(CDP_OPERATION_2_CHARS));
+static_assert(std::size(CDP_MODE_2_CHARS) == 3 &&
+              std::size(CHARS_2_CDP_MODE) == std::size(CDP_MODE_2_CHARS));
+static_assert(std::size(PVLAN_2_CHARS) == 5 && std::size(CHARS_2_PVLAN) == std::size(PVLAN_2_CHARS));
+static_assert(std::size(ENCAP_TYPE_LOCAL_ENUM_2SCHEMA) == 3 &&
+              std::size(SESSION_TYPE_LOCAL_ENUM_2_SCHEMA) == 6);
+static_assert(std::size(UNUSED_PRIMITIVE_PROPS) == 10 && std::size(UNUSED_SINGLETON_PROPS) == 5 &&
+              std::size(UNUSED_NON_SINGLETON_PROPS) == 6);

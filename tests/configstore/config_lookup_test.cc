@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "configstore/configstore_internal.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -21,9 +22,9 @@ class ConfigMapLookup : public ::testing::Test {
    // Looks name up in class, and returns the row's index in that class's
    // table (-1 for none) and what was printed.
    std::pair<long, std::string> Find(uint32_t propClass, const char *name) {
-      ::testing::internal::CaptureStdout();
-      const PropConfigMapEntry *row = FindConfigMapEntry(propClass, name);
-      std::string out = ::testing::internal::GetCapturedStdout();
+      const PropConfigMapEntry *row = nullptr;
+      std::string out =
+         testsupport::CapturedStdout([&] { row = FindConfigMapEntry(propClass, name); });
       long index = row == nullptr ? -1 : row - dvsConfigMaps[propClass];
       return {index, out};
    }

@@ -17,18 +17,16 @@
 #include <gtest/gtest.h>
 
 #include "configstore/configstore_internal.h"
+#include "tests/support/le_bytes.h"
+#include "tests/support/prop_lists.h"
 
 namespace {
 
 namespace cs = ::configstore;
 using Props = std::map<std::string, std::string>;
 
-std::string U32(uint32_t v) {
-   return std::string(reinterpret_cast<const char *>(&v), 4);
-}
-std::string Text(const std::string &s) {
-   return s + '\0';
-}
+using testsupport::Text;
+using testsupport::U32;
 
 // A decoded property list: name -> value; each property's flag is checked
 // to be the one every loaded property carries.
@@ -46,20 +44,7 @@ Props Decode(const std::string &blob) {
 }
 
 // One property list in a blob's layout, for the blob a save is given.
-std::string Serialize(const std::vector<std::pair<std::string, std::string>> &props,
-                      uint32_t flag = 0x20) {
-   DVSDataHandle h = nullptr;
-   EXPECT_EQ(DVSData_Alloc(&h, malloc, free), STATUS_OK);
-   for (const auto &[name, value] : props)
-      EXPECT_EQ(DVSData_Append(h, name.c_str(), value.data(), uint32_t(value.size()), flag), 0u);
-   void *blob = nullptr;
-   uint32_t len = 0;
-   EXPECT_EQ(DVSData_Serialize(h, &blob, &len, 1), STATUS_OK);
-   std::string out(static_cast<const char *>(blob), len);
-   free(blob);
-   DVSData_Free(h);
-   return out;
-}
+using testsupport::Serialize;
 
 class LoadTest : public ::testing::Test {
   protected:

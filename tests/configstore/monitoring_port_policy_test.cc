@@ -19,6 +19,7 @@
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
 #include "tests/configstore/store_test_support.h"
+#include "tests/support/le_bytes.h"
 
 namespace {
 
@@ -28,16 +29,7 @@ using namespace dvs::configstore;
 
 constexpr int32_t kBadParam = static_cast<int32_t>(STATUS_BAD_PARAM);
 
-// Little-endian fields appended one after another.
-struct Packer {
-   Bytes b;
-   template <typename T>
-   Packer &Put(T v) {
-      b.insert(b.end(), reinterpret_cast<uint8_t *>(&v),
-               reinterpret_cast<uint8_t *>(&v) + sizeof v);
-      return *this;
-   }
-};
+using testsupport::Packer;
 
 Bytes Ipfix(const char *addr, bool v6) {
    Packer p;

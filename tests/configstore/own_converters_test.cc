@@ -18,18 +18,16 @@
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
 #include "tests/configstore/store_test_support.h"
+#include "tests/support/le_bytes.h"
 
 namespace {
 
 namespace cs = ::configstore;
-using Bytes = std::vector<uint8_t>;
+using testsupport::Bytes;
+using testsupport::Put;
 using Props = std::vector<std::pair<std::string, Bytes>>;
 using namespace dvs::configstore;
 
-template <typename T>
-void Put(Bytes *b, T v) {
-   b->insert(b->end(), reinterpret_cast<uint8_t *>(&v), reinterpret_cast<uint8_t *>(&v) + sizeof v);
-}
 void PutName(Bytes *b, const std::string &s, char tail = 0) {
    Bytes field(128, static_cast<uint8_t>(tail));
    memcpy(field.data(), s.data(), s.size());

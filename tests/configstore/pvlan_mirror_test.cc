@@ -16,6 +16,7 @@
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
 #include "tests/configstore/store_test_support.h"
+#include "tests/support/le_bytes.h"
 
 namespace {
 
@@ -29,10 +30,7 @@ constexpr const char *kVswitchPvlan = "com.ostrel.vswitch.pvlanMap";
 constexpr const char *kMirror = "com.ostrel.etherswitch.mirrorSessions";
 constexpr int32_t kBadParam = static_cast<int32_t>(STATUS_BAD_PARAM);
 
-template <typename T>
-void At(Bytes *b, size_t off, T v) {
-   memcpy(b->data() + off, &v, sizeof v);
-}
+using testsupport::At;
 
 Bytes Pvlans(std::vector<std::vector<uint8_t>> entries) {
    Bytes b;

@@ -21,19 +21,17 @@
 #include <dvsstate.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/le_bytes.h"
+#include "tests/support/temp_dir.h"
+
 namespace registrystore {
 
 using Ids = std::vector<std::string>;
 using Props = std::vector<std::pair<std::string, std::string>>;
 
 // ---- property values ---------------------------------------------------------
-// Text with its terminating NUL.
-inline std::string Text(const char *s) {
-   return std::string(s, std::strlen(s) + 1);
-}
-inline std::string U32(uint32_t v) {
-   return std::string(reinterpret_cast<const char *>(&v), 4);
-}
+using testsupport::Text;
+using testsupport::U32;
 
 // ---- filling the registry ----------------------------------------------------
 inline void AddSwitch(const char *id, const char *cls, uint32_t maxPorts, uint32_t version) {

@@ -135,16 +135,6 @@ Ids Stored(bool dump = false) {
    return MapSwitchObjects([dump](cs::Object *o) { return dump ? Dump(o, true) : Val(o, "uuid"); });
 }
 
-// Standard output of f().
-template <class F>
-std::string Output(F f) {
-   std::fflush(stdout);
-   testing::internal::CaptureStdout();
-   f();
-   std::fflush(stdout);
-   return testing::internal::GetCapturedStdout();
-}
-
 struct Outcome {
    int32_t rc;
    std::string out;
@@ -156,30 +146,28 @@ class SaveTest : public testing::Test {
       dvs_debug = -1;
       dvsdata_debug = -1;
       dvsconfigstore_debug = 10;
-      char tmpl[] = "/tmp/cssaveXXXXXX";
-      ASSERT_NE(mkdtemp(tmpl), nullptr);
-      dir_ = tmpl;
+      ASSERT_FALSE(dir_.empty());
       setenv(cs::kPathEnv, (dir_ + "/store.db").c_str(), 1);
       ASSERT_EQ(DVSState_ConfigReset(), STATUS_OK);
    }
    void TearDown() override {
       DVSState_ConfigReset();
       dvsconfigstore_debug = 10;
-      fs::remove_all(dir_);
    }
    // One save run at the given message level; a null id saves everything.
    static Outcome Save(const std::string &blob, const char *swId = nullptr, int level = 10) {
       const uint32_t len = static_cast<uint32_t>(blob.size());
       Outcome r{0, ""};
       dvsconfigstore_debug = level;
-      r.out = Output([&] {
+      r.out = testsupport::CapturedStdout([&] {
          r.rc = swId == nullptr ? DVSState_SaveBufToConfigStore(blob.data(), len)
                                 : DVSState_SaveBufToConfigStore_ByInstance(blob.data(), len, swId);
       });
       dvsconfigstore_debug = 10;
       return r;
    }
-   std::string dir_;
+   testsupport::TempDir tmp_{"cssave"};
+   const std::string dir_ = tmp_.path();
 };
 
 bool Has(const std::string &out, const std::string &line) {
@@ -428,7 +416,7 @@ TEST_F(SaveTest, EarlyFailuresBeforeAnyStoreWork) {
    const std::string blob = TakeBlob();
 
    const std::string noBuffer =
-      Output([] { EXPECT_EQ(DVSState_SaveBufToConfigStore(nullptr, 100), -1); });
+      testsupport::CapturedStdout([] { EXPECT_EQ(DVSState_SaveBufToConfigStore(nullptr, 100), -1); });
    EXPECT_TRUE(Has(noBuffer, "No dvs buffer to save to configstore\n")) << noBuffer;
    std::future<void> unlocked = ProbeLock();
    EXPECT_TRUE(Within(unlocked, 5000));
@@ -455,7 +443,7 @@ TEST_F(SaveTest, SaveFromTheKernelWithoutADevice) {
    const Ids before = Stored(true);
    for (const char *id : {static_cast<const char *>(nullptr), "sw-a"}) {
       int32_t rc = 0;
-      const std::string out = Output([&] {
+      const std::string out = testsupport::CapturedStdout([&] {
          rc = id ? DVSState_SaveToConfigStore_ByInstance(id) : DVSState_SaveToConfigStore();
       });
       EXPECT_EQ(rc, -1);

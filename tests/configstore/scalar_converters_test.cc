@@ -18,18 +18,19 @@
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
 #include "tests/configstore/store_test_support.h"
+#include "tests/support/le_bytes.h"
 
 namespace {
 
 namespace cs = ::configstore;
-using Bytes = std::vector<uint8_t>;
+using testsupport::Bytes;
 using namespace dvs::configstore;
 
 Bytes Text(const char *s) {
-   return Bytes(s, s + strlen(s) + 1);
+   return testsupport::TextBytes(s);
 }
 Bytes U32(uint32_t v) {
-   return Bytes(reinterpret_cast<uint8_t *>(&v), reinterpret_cast<uint8_t *>(&v) + 4);
+   return testsupport::U32Bytes(v);
 }
 Bytes Names(uint32_t record, std::vector<std::string> names) {
    Bytes b(4 + record * names.size(), 0);

@@ -14,14 +14,15 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/temp_dir.h"
+
 namespace storetest {
 
 class StoreObjectTest : public ::testing::Test {
   protected:
    void SetUp() override {
-      std::strcpy(dir_, "/tmp/cs-test-XXXXXX");
-      ASSERT_NE(mkdtemp(dir_), nullptr);
-      path_ = std::string(dir_) + "/store.db";
+      ASSERT_FALSE(dir_.path().empty());
+      path_ = dir_ / "store.db";
       setenv(configstore::kPathEnv, path_.c_str(), 1);
       ASSERT_EQ(configstore::GetStore(0, &store_), 0);
       ASSERT_EQ(configstore::CreateObject("switches", "network_tds", "node", "sw1", "{}", &obj_),
@@ -30,8 +31,6 @@ class StoreObjectTest : public ::testing::Test {
    void TearDown() override {
       configstore::DestroyConfigStoreObject(obj_);
       configstore::DestroyStore(store_);
-      unlink(path_.c_str());
-      rmdir(dir_);
    }
    // Writes the object and reads it back from the file.
    void Reopen() {
@@ -62,7 +61,7 @@ class StoreObjectTest : public ::testing::Test {
       return v;
    }
 
-   char dir_[32];
+   testsupport::TempDir dir_{"cs-test"};
    std::string path_;
    configstore::Store *store_ = nullptr;
    configstore::Object *obj_ = nullptr;

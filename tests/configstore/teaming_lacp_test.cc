@@ -16,6 +16,7 @@
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
 #include "tests/configstore/store_test_support.h"
+#include "tests/support/le_bytes.h"
 
 namespace {
 
@@ -26,16 +27,8 @@ using namespace dvs::configstore;
 constexpr int32_t kBadParam = static_cast<int32_t>(STATUS_BAD_PARAM);
 constexpr const char *kEtherTeaming = "com.ostrel.etherswitch.port.teaming";
 
-template <typename T>
-void At(Bytes *b, size_t off, T v) {
-   memcpy(b->data() + off, &v, sizeof v);
-}
-template <typename T>
-T Get(const Bytes &b, size_t off) {
-   T v;
-   memcpy(&v, b.data() + off, sizeof v);
-   return v;
-}
+using testsupport::At;
+using testsupport::Get;
 std::string TextAt(const Bytes &b, size_t off) {
    return reinterpret_cast<const char *>(b.data() + off);
 }

@@ -107,9 +107,7 @@ class UpgradeTest : public testing::Test {
    void SetUp() override {
       dvs_debug = -1;
       dvsdata_debug = -1;
-      char tmpl[] = "/tmp/csupgXXXXXX";
-      ASSERT_NE(mkdtemp(tmpl), nullptr);
-      dir_ = tmpl;
+      ASSERT_FALSE(dir_.empty());
       store_ = dir_ + "/store.db";
       file_ = dir_ + "/dvsdata.db";
       setenv(cs::kPathEnv, store_.c_str(), 1);
@@ -119,7 +117,6 @@ class UpgradeTest : public testing::Test {
    void TearDown() override {
       DVSState_ConfigReset();
       dvsconfigstore_debug = 10;
-      fs::remove_all(dir_);
    }
    // The registry into the state file; the registry is emptied.
    void WriteStateFile() {
@@ -131,15 +128,15 @@ class UpgradeTest : public testing::Test {
       ASSERT_EQ(DVSState_ConfigReset(), STATUS_OK);
    }
    int32_t Upgrade(int level, std::string *out) {
-      std::fflush(stdout);
-      testing::internal::CaptureStdout();
+      int32_t rc = 0;
       dvsconfigstore_debug = level;
-      const int32_t rc = DVSState_RetrieveDVSUpgradeInfo();
+      *out = testsupport::CapturedStdout([&] { rc = DVSState_RetrieveDVSUpgradeInfo(); });
       dvsconfigstore_debug = 10;
-      *out = testing::internal::GetCapturedStdout();
       return rc;
    }
-   std::string dir_, store_, file_;
+   testsupport::TempDir tmp_{"csupg"};
+   const std::string dir_ = tmp_.path();
+   std::string store_, file_;
 };
 
 TEST_F(UpgradeTest, NothingToCarryOverIsNotAnError) {

@@ -20,7 +20,7 @@ Outcome ReadList(uint8_t *p, uint32_t len, int level) {
    DVSDataHandle h = &g_sentinelList;
    Outcome o{};
    dvsdata_debug = level;
-   o.out = Captured([&] { o.st = DVSData_Deserialize(&h, p, len, TestAlloc, TestFree); });
+   o.out = CapturedStdout([&] { o.st = DVSData_Deserialize(&h, p, len, TestAlloc, TestFree); });
    dvsdata_debug = -1;
    if (o.st == STATUS_OK)
       DVSData_Free(h);
@@ -35,7 +35,7 @@ Outcome ReadValue(uint8_t *p, uint32_t len, int level, const char *name = "zzz",
    std::memset(buf, '#', sizeof buf);
    Outcome o{};
    dvsdata_debug = level;
-   o.out = Captured([&] { o.st = DVSData_DeserializeGetPropVal(p, len, name, buf, size); });
+   o.out = CapturedStdout([&] { o.st = DVSData_DeserializeGetPropVal(p, len, name, buf, size); });
    dvsdata_debug = -1;
    o.val = std::string(buf, sizeof buf);
    return o;
@@ -227,7 +227,7 @@ TEST_F(BlobTest, WholeListWriterBuffersAndVersions) {
       for (int level : {-1, 0}) {
          dvsdata_debug = level;
          std::vector<uint8_t> got;
-         std::string out = Captured([&] {
+         std::string out = CapturedStdout([&] {
             got = Written(
                l.h, [&](void **b, uint32_t *n) { return DVSData_Serialize(l.h, b, n, version); });
          });
@@ -246,7 +246,7 @@ TEST_F(BlobTest, WholeListWriterBuffersAndVersions) {
    for (uint32_t bad : {good + 8, good - 4}) {
       void *blob = nullptr;
       l.h->serialSize = bad;
-      std::string out = Captured(
+      std::string out = CapturedStdout(
          [&] { EXPECT_EQ(DVSData_Serialize(l.h, &blob, &len, 6), STATUS_LIMIT_EXCEEDED); });
       EXPECT_EQ(out, Fmt(why, bad, bad > good ? 12 : 144) +
                         (bad > good ? ", name NULL, size 0\n" : ", name b, size 144\n"));

@@ -14,6 +14,8 @@
 
 #include <dvsdata.h>
 
+#include "tests/support/temp_dir.h"
+
 namespace dvstest {
 
 using Names_t = std::vector<std::string>;
@@ -170,14 +172,7 @@ inline void ExpectBlobMatches(const void *actual, uint32_t len, const Blob &want
    EXPECT_EQ(GetU32(a, 4), RefChecksum(a));
 }
 
-template <class F>
-std::string Captured(F f) {
-   std::fflush(stdout);
-   testing::internal::CaptureStdout();
-   f();
-   std::fflush(stdout);
-   return testing::internal::GetCapturedStdout();
-}
+using testsupport::CapturedStdout;
 
 inline std::string Fmt(const char *fmt, unsigned a, unsigned b = 0) {
    char buf[256];

@@ -111,7 +111,7 @@ TEST_F(MalformedBlobTest, RecordsThatDoNotHoldTheirOwnFieldsAreRefused) {
          const char *own = nameDamage ? noNul.c_str() : rec ? "b" : "a";
          Statuses s{};
          dvsdata_debug = 0;
-         std::string out = Captured([&] { s = ReadBoth(b.p(), b.size(), own); });
+         std::string out = CapturedStdout([&] { s = ReadBoth(b.p(), b.size(), own); });
          dvsdata_debug = -1;
          EXPECT_EQ(s.list, STATUS_BAD_PARAM);
          EXPECT_EQ(s.value, STATUS_BAD_PARAM);

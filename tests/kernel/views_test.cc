@@ -20,14 +20,13 @@
 
 #include "sim/server.h"
 #include "sim/simulator.h"
+#include "tests/support/le_bytes.h"
 
 namespace {
 
 using Names = std::vector<std::string>;
 
-std::string U32(uint32_t v) {
-   return std::string(reinterpret_cast<const char *>(&v), 4);
-}
+using testsupport::U32;
 
 std::string tmpDir;
 dvs::sim::Simulator sim;

@@ -17,45 +17,21 @@
 #include "kernel/wire_protocol.h"
 #include "sim/server.h"
 #include "sim/simulator.h"
+#include "tests/support/le_bytes.h"
+#include "tests/support/prop_lists.h"
 
 using namespace dvs;
 using Props = std::vector<std::pair<std::string, std::string>>;
 
 namespace {
 
-std::string U32(uint32_t v) {
-   return std::string(reinterpret_cast<const char *>(&v), 4);
-}
+using testsupport::Decode;
+using testsupport::Names;
+using testsupport::U32;
 
+// A list as the simulator's clients send it: flag 0x20, blob version 7.
 std::string Serialize(const Props &props) {
-   DVSDataHandle list = nullptr;
-   EXPECT_EQ(DVSData_Alloc(&list, malloc, free), STATUS_OK);
-   for (const auto &[name, value] : props)
-      EXPECT_EQ(DVSData_Append(list, name.c_str(), value.data(), value.size(), 0x20), STATUS_OK);
-   void *blob = nullptr;
-   uint32_t len = 0;
-   EXPECT_EQ(DVSData_Serialize(list, &blob, &len, 7), STATUS_OK);
-   std::string out(static_cast<char *>(blob), len);
-   DVSData_FreeAssocData(list, blob);
-   DVSData_Free(list);
-   return out;
-}
-
-Props Decode(const std::string &blob) {
-   DVSDataHandle list = nullptr;
-   Props out;
-   EXPECT_EQ(DVSData_Deserialize(&list, blob.data(), blob.size(), malloc, free), STATUS_OK);
-   for (DVSDataEntry *e = list ? list->head : nullptr; e; e = e->next)
-      out.emplace_back(e->name, std::string(reinterpret_cast<char *>(e->data), e->dataLen));
-   DVSData_Free(list);
-   return out;
-}
-
-std::vector<std::string> Names(const Props &props) {
-   std::vector<std::string> names;
-   for (const auto &p : props)
-      names.push_back(p.first);
-   return names;
+   return testsupport::Serialize(props, 0x20, 7);
 }
 
 DVSHYPCmd Rec(const std::string &sw = "", const std::string &port = "",

@@ -15,24 +15,20 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/le_bytes.h"
+#include "tests/support/prop_lists.h"
+#include "tests/support/temp_dir.h"
+
 namespace statetest {
 
-using Props = std::vector<std::pair<std::string, std::string>>;
 using Ids = std::vector<std::string>;
-
-// A 32-bit value in the host's byte order, as blobs hold it.
-inline std::string U32(uint32_t v) {
-   return std::string(reinterpret_cast<const char *>(&v), 4);
-}
-
-// A list on the process allocator, as the registry's own lists are.
-inline DVSDataHandle NewList(const Props &props = {}, uint32_t flag = 0x20) {
-   DVSDataHandle h = nullptr;
-   EXPECT_EQ(DVSData_Alloc(&h, malloc, free), STATUS_OK);
-   for (const auto &[name, value] : props)
-      EXPECT_EQ(DVSData_Append(h, name.c_str(), value.data(), (uint32_t)value.size(), flag), 0u);
-   return h;
-}
+// Lists on the process allocator, as the registry's own lists are.
+using testsupport::Decode;
+using testsupport::Entries;
+using testsupport::Names;
+using testsupport::NewList;
+using testsupport::Props;
+using testsupport::U32;
 
 // A property blob composed from the layout: length, checksum, version 1,
 // reserved; records of serialLen = (dataLen + 146) & ~3, name[128], flag,
@@ -48,30 +44,6 @@ inline std::string Blob(const Props &props, uint32_t flag = 0x10) {
    b.replace(0, 4, U32(uint32_t(b.size())));
    b[8] = 1;
    return b.replace(4, 4, U32(DVSDataChecksum(b.data())));
-}
-
-inline Props Entries(DVSDataHandle h) {
-   Props out;
-   for (DVSDataEntry *e = h ? h->head : nullptr; e; e = e->next)
-      out.emplace_back(e->name, std::string((const char *)e->data, e->dataLen));
-   return out;
-}
-
-// The records of a blob, whatever their flags.
-inline Props Decode(const std::string &blob) {
-   DVSDataHandle h = nullptr;
-   if (DVSData_DeserializeWithPropType(&h, blob.data(), (uint32_t)blob.size(), malloc, free, ~0u))
-      return ADD_FAILURE() << "blob does not decode", Props{};
-   const Props out = Entries(h);
-   DVSData_Free(h);
-   return out;
-}
-
-inline Ids Names(const Props &props) {
-   Ids out;
-   for (const auto &p : props)
-      out.push_back(p.first);
-   return out;
 }
 
 // The ports of a switch in walk order, as "id/type".
@@ -105,13 +77,11 @@ inline std::string HostBlob() {
 // Standard output of f() run at this debug level.
 template <class F>
 std::string Captured(int level, F f) {
-   std::fflush(stdout);
-   testing::internal::CaptureStdout();
-   dvs_debug = level;
-   f();
-   dvs_debug = -1;
-   std::fflush(stdout);
-   return testing::internal::GetCapturedStdout();
+   return testsupport::CapturedStdout([&] {
+      dvs_debug = level;
+      f();
+      dvs_debug = -1;
+   });
 }
 
 template <class... A>

@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/support/temp_dir.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -122,18 +124,17 @@ size_t OpenDescriptors() {
 class StateFileTest : public testing::Test {
   protected:
    void SetUp() override {
-      char templ[] = "/tmp/statefile-test-XXXXXX";
-      ASSERT_NE(mkdtemp(templ), nullptr);
-      dir_ = templ;
+      ASSERT_FALSE(dir_.empty());
       path_ = dir_ + "/dvsdata.db";
       setenv("HOSTLIBS_LOG_STDERR", "1", 1);
    }
    void TearDown() override {
       g_refuse = Refuse::kNothing;
-      std::filesystem::remove_all(dir_);
    }
 
-   std::string dir_, path_;
+   testsupport::TempDir tmp_{"statefile-test"};
+   const std::string dir_ = tmp_.path();
+   std::string path_;
 };
 
 TEST_F(StateFileTest, SizesPaddingAndAlignment) {

@@ -10,17 +10,14 @@
 #include "property_codecs.h"
 #include "property_list.h"
 #include "state_diff.h"
+#include "tests/support/le_bytes.h"
 
 namespace dvsctl {
 namespace {
 
 constexpr uint32_t kStored = 0x10;
 
-Bytes Text(const std::string &s) {
-   Bytes b(s.begin(), s.end());
-   b.push_back(0);
-   return b;
-}
+constexpr auto Text = testsupport::TextBytes;
 
 HostProp P(const std::string &name, const Fields &fields, uint32_t flag = kStored) {
    return {name, flag, EncodeProperty(*CodecFor(name), fields, {7})};

@@ -8,6 +8,9 @@
 
 #include <dvsstate.h>
 
+#include "error.h"
+#include "property_list.h"
+
 namespace dvsctl {
 namespace {
 
@@ -251,6 +254,20 @@ nlohmann::ordered_json OrNull(const std::optional<T> &value) {
 }
 
 }  // namespace
+
+HostBlobView ViewHostBlob(const Bytes &blob, const std::string &name) {
+   BlobTree tree;
+   const ReturnStatus status = DecodeBlobTree(blob, tree);
+   if (status != STATUS_OK) {
+      throw DecodeError(name, blob, status);
+   }
+   HostBlobView view;
+   std::string reason;
+   if (!BuildHostBlobView(tree, view, reason)) {
+      throw Error(name + ": not a host configuration blob: " + reason);
+   }
+   return view;
+}
 
 bool BuildHostBlobView(const BlobTree &tree, HostBlobView &view, std::string &reason) {
    view = HostBlobView{};

@@ -71,6 +71,10 @@ struct HostBlobView {
 // switchVersion).
 bool BuildHostBlobView(const BlobTree &tree, HostBlobView &view, std::string &reason);
 
+// Decodes `blob` and reads it as a host blob; a blob that does not decode,
+// or is not a host blob, throws dvsctl::Error naming `name`.
+HostBlobView ViewHostBlob(const Bytes &blob, const std::string &name);
+
 // Per switch: a summary line, "global properties:", "host properties:"
 // and "ports:" with the records as RenderText() shows them.
 //

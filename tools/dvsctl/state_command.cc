@@ -196,20 +196,6 @@ void RunMakeSample(const std::string &path) {
 
 }  // namespace
 
-HostBlobView ViewHostBlob(const Bytes &blob, const std::string &name) {
-   BlobTree tree;
-   const ReturnStatus status = DecodeBlobTree(blob, tree);
-   if (status != STATUS_OK) {
-      throw DecodeError(name, blob, status);
-   }
-   HostBlobView view;
-   std::string reason;
-   if (!BuildHostBlobView(tree, view, reason)) {
-      throw Error(name + ": not a host configuration blob: " + reason);
-   }
-   return view;
-}
-
 void PrintHostBlob(const Bytes &blob, const std::string &name, const ShowOptions &options) {
    const HostBlobView view = ViewHostBlob(blob, name);
    if (options.json) {

@@ -14,10 +14,6 @@ namespace dvsctl {
 // Adds "state" and its subcommands (show, make-sample, diff) to `app`.
 void AddStateCommand(CLI::App &app);
 
-// `blob` read as a host blob.  A blob that does not decode, or is not a host
-// blob, throws dvsctl::Error naming `name` (where the blob came from).
-HostBlobView ViewHostBlob(const Bytes &blob, const std::string &name);
-
 // Prints `blob` as switches and ports (text, or JSON with --json), as
 // "state show" does; every command that shows a host blob uses it.  A blob
 // that does not decode, or is not a host blob, throws dvsctl::Error naming

@@ -13,7 +13,6 @@
 #include "blob_tree.h"
 #include "error.h"
 #include "host_blob_view.h"
-#include "property_list.h"
 #include "state_diff_internal.h"
 
 namespace dvsctl {
@@ -232,18 +231,8 @@ class Differ {
 }  // namespace
 
 HostState ReadHostState(const Bytes &blob, const std::string &name) {
-   BlobTree tree;
-   const ReturnStatus status = DecodeBlobTree(blob, tree);
-   if (status != STATUS_OK) {
-      throw DecodeError(name, blob, status);
-   }
-   HostBlobView view;
-   std::string reason;
-   if (!BuildHostBlobView(tree, view, reason)) {
-      throw Error(name + ": " + reason);
-   }
    HostState host;
-   for (const SwitchView &sw : view.switches) {
+   for (const SwitchView &sw : ViewHostBlob(blob, name).switches) {
       host.switches.push_back(TakeSwitch(sw, name));
    }
    return host;

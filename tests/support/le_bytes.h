@@ -1,0 +1,69 @@
+// Byte builders for hand-made values and blobs: fixed-width fields in the
+// host's (little-endian) byte order, appended or written in place, and text
+// with its terminating NUL.
+#ifndef TESTS_SUPPORT_LE_BYTES_H
+#define TESTS_SUPPORT_LE_BYTES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+using Bytes = std::vector<uint8_t>;
+
+// v appended to b.
+template <typename T>
+void Put(Bytes *b, T v) {
+   const auto *p = reinterpret_cast<const uint8_t *>(&v);
+   b->insert(b->end(), p, p + sizeof v);
+}
+
+// v written over the bytes of b at off.
+template <typename T>
+void At(Bytes *b, size_t off, T v) {
+   std::memcpy(b->data() + off, &v, sizeof v);
+}
+
+template <typename T>
+T Get(const Bytes &b, size_t off) {
+   T v;
+   std::memcpy(&v, b.data() + off, sizeof v);
+   return v;
+}
+
+// Fields appended one after another: Packer().Put<uint32_t>(1).Put<uint16_t>(2).b
+struct Packer {
+   Bytes b;
+   template <typename T>
+   Packer &Put(T v) {
+      testsupport::Put(&b, v);
+      return *this;
+   }
+};
+
+// A 32-bit value as the bytes a blob holds it in.
+inline std::string U32(uint32_t v) {
+   return std::string(reinterpret_cast<const char *>(&v), sizeof v);
+}
+inline Bytes U32Bytes(uint32_t v) {
+   Bytes b;
+   Put(&b, v);
+   return b;
+}
+
+// Text with its terminating NUL.
+inline std::string Text(const std::string &s) {
+   return s + '\0';
+}
+inline Bytes TextBytes(const std::string &s) {
+   Bytes b(s.begin(), s.end());
+   b.push_back(0);
+   return b;
+}
+
+}  // namespace testsupport
+
+#endif  // TESTS_SUPPORT_LE_BYTES_H
