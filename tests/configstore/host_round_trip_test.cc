@@ -6,70 +6,19 @@
 // compared field by field.  Nothing may differ but the documented
 // conversions, and the ones this host must show have to show: a converter
 // that starts losing a field, or stops converting one, fails here.
-#include <configstore.h>
-#include <dvsconfigstore.h>
-#include <dvshyp.h>
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
 #include <string>
 
 #include "property_codecs.h"
 #include "sample_host.h"
-#include "sim/server.h"
-#include "sim/simulator.h"
 #include "state_diff.h"
+#include "tests/configstore/kernel_store_support.h"
 
 namespace dvsctl {
 namespace {
 
-Bytes Take(ReturnStatus status, void *buf, uint32_t len) {
-   EXPECT_EQ(status, STATUS_OK);
-   const auto *bytes = static_cast<const uint8_t *>(buf);
-   Bytes out = bytes != nullptr ? Bytes(bytes, bytes + len) : Bytes{};
-   DVSHYP_DataFree(buf);
-   return out;
-}
-
-ReturnStatus Init(const Bytes &blob) {
-   return DVSHYP_StateInit(blob.data(), static_cast<uint32_t>(blob.size()));
-}
-
-class HostRoundTripTest : public testing::Test {
-  protected:
-   static void SetUpTestSuite() {
-      char dir[] = "/tmp/dvs-host-trip-XXXXXX";
-      ASSERT_NE(mkdtemp(dir), nullptr);
-      dir_ = dir;
-      setenv(DVSHYP_DEVICE_PATH_ENV, (dir_ + "/sim.sock").c_str(), 1);
-      setenv(configstore::kPathEnv, (dir_ + "/store.db").c_str(), 1);
-      dvsconfigstore_debug = 0;  // failures only
-   }
-   static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
-
-   // A fresh kernel, as after a host restart.
-   void StartKernel() {
-      if (server_) {
-         server_->Stop();
-      }
-      server_.reset();
-      sim_ = std::make_unique<dvs::sim::Simulator>();
-      server_ = std::make_unique<dvs::sim::Server>(*sim_);
-      std::string error;
-      ASSERT_TRUE(server_->Start(dir_ + "/sim.sock", &error)) << error;
-   }
-   void TearDown() override {
-      if (server_) {
-         server_->Stop();
-      }
-   }
-
-   static inline std::string dir_;
-   std::unique_ptr<dvs::sim::Simulator> sim_;
-   std::unique_ptr<dvs::sim::Server> server_;
-};
+using kernelstore::KernelState;
+using kernelstore::LoadFromStore;
+using HostRoundTripTest = kernelstore::KernelStoreTest;
 
 size_t Count(const DiffReport &report, const char *conversion) {
    const auto it = report.summary.byConversion.find(conversion);
@@ -91,22 +40,15 @@ HostProp *Find(HostState &host, const std::string &name) {
 
 TEST_F(HostRoundTripTest, RealisticHostComesBackUpToTheDocumentedConversions) {
    StartKernel();
-   ASSERT_EQ(Init(BuildSampleHost({})), STATUS_OK);
-   void *buf = nullptr;
-   uint32_t len = 0;
-   const ReturnStatus persisted = DVSHYP_PersistentStateGet(&buf, &len);
-   const HostState before = ReadHostState(Take(persisted, buf, len), "persistent state");
+   const Bytes sample = BuildSampleHost({});
+   ASSERT_EQ(DVSHYP_StateInit(sample.data(), uint32_t(sample.size())), STATUS_OK);
+   const HostState before = KernelState(true);
 
    ASSERT_EQ(DVSState_SaveToConfigStore(), 0);
-   buf = nullptr;
-   ASSERT_EQ(DVSState_LoadFromConfigStoreAsBuf(&buf, &len, false), 0);
-   const Bytes loaded(static_cast<uint8_t *>(buf), static_cast<uint8_t *>(buf) + len);
-   std::free(buf);
+   const Bytes loaded = LoadFromStore(false);
    StartKernel();
-   ASSERT_EQ(Init(loaded), STATUS_OK);
-   buf = nullptr;
-   const ReturnStatus got = DVSHYP_StateGet(&buf, &len);
-   const HostState after = ReadHostState(Take(got, buf, len), "restored state");
+   ASSERT_EQ(DVSHYP_StateInit(loaded.data(), uint32_t(loaded.size())), STATUS_OK);
+   const HostState after = KernelState(false);
 
    const DiffReport report = DiffHosts(before, after);
    EXPECT_EQ(report.summary.switches, 5u);

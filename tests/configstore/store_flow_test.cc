@@ -11,21 +11,20 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "property_list.h"
-#include "sim/server.h"
-#include "sim/simulator.h"
 #include "state_diff.h"
+#include "tests/configstore/kernel_store_support.h"
 
 namespace dvsctl {
 namespace {
 
 namespace cs = configstore;
+using kernelstore::KernelState;
+using kernelstore::LoadFromStore;
 using namespace std::string_literals;
 
 constexpr uint32_t kSetFlag = 0x20;
@@ -82,28 +81,6 @@ void Build(const SwitchPlan &plan) {
    }
 }
 
-Bytes Take(void *buf, uint32_t len, void (*release)(void *)) {
-   const auto *bytes = static_cast<const uint8_t *>(buf);
-   const Bytes out = bytes != nullptr ? Bytes(bytes, bytes + len) : Bytes{};
-   release(buf);
-   return out;
-}
-
-HostState KernelState(bool persistent) {
-   void *buf = nullptr;
-   uint32_t len = 0;
-   EXPECT_EQ(persistent ? DVSHYP_PersistentStateGet(&buf, &len) : DVSHYP_StateGet(&buf, &len),
-             STATUS_OK);
-   return ReadHostState(Take(buf, len, DVSHYP_DataFree), persistent ? "persistent" : "kernel");
-}
-
-Bytes LoadFromStore(bool desired) {
-   void *buf = nullptr;
-   uint32_t len = 0;
-   EXPECT_EQ(DVSState_LoadFromConfigStoreAsBuf(&buf, &len, desired), 0);
-   return Take(buf, len, std::free);
-}
-
 // Writes every live switch object again as the desired user configuration.
 void CopyLiveToDesired() {
    cs::Store *store = nullptr;
@@ -123,29 +100,12 @@ void CopyLiveToDesired() {
    cs::DestroyStore(store);
 }
 
-class StoreFlowTest : public testing::Test {
+class StoreFlowTest : public kernelstore::KernelStoreTest {
   protected:
    static void SetUpTestSuite() {
-      char dir[] = "/tmp/dvs-store-flow-XXXXXX";
-      ASSERT_NE(mkdtemp(dir), nullptr);
-      dir_ = dir;
-      setenv(DVSHYP_DEVICE_PATH_ENV, (dir_ + "/sim.sock").c_str(), 1);  // read once
-      setenv(cs::kPathEnv, (dir_ + "/store.db").c_str(), 1);
+      KernelStoreTest::SetUpTestSuite();
       setenv(KSI_MAX_PORTS_ENV, "256", 1);
-      dvsconfigstore_debug = 0;
    }
-   static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
-   void StartKernel() {
-      server_.reset();
-      sim_.emplace();
-      server_.emplace(*sim_);
-      std::string error;
-      ASSERT_TRUE(server_->Start(dir_ + "/sim.sock", &error)) << error;
-   }
-
-   static inline std::string dir_;
-   std::optional<dvs::sim::Simulator> sim_;
-   std::optional<dvs::sim::Server> server_;
 };
 
 TEST_F(StoreFlowTest, HostRestoredFromStoreAloneMatchesUpToStoreConversions) {
