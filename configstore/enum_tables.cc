@@ -106,7 +106,8 @@ static_assert(std::size(CDP_OPERATION_2_CHARS) == 5 &&
               std::size(CHARS_2_CDP_OPERATION) == std::size(CDP_OPERATION_2_CHARS));
 static_assert(std::size(CDP_MODE_2_CHARS) == 3 &&
               std::size(CHARS_2_CDP_MODE) == std::size(CDP_MODE_2_CHARS));
-static_assert(std::size(PVLAN_2_CHARS) == 5 && std::size(CHARS_2_PVLAN) == std::size(PVLAN_2_CHARS));
+static_assert(std::size(PVLAN_2_CHARS) == 5 &&
+              std::size(CHARS_2_PVLAN) == std::size(PVLAN_2_CHARS));
 static_assert(std::size(ENCAP_TYPE_LOCAL_ENUM_2SCHEMA) == 3 &&
               std::size(SESSION_TYPE_LOCAL_ENUM_2_SCHEMA) == 6);
 static_assert(std::size(UNUSED_PRIMITIVE_PROPS) == 10 && std::size(UNUSED_SINGLETON_PROPS) == 5 &&

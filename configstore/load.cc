@@ -142,9 +142,11 @@ int32_t LoadSwitch(cs::Object *obj, DVSDataHandle top) {
          rc = AppendFlagged(swList.h, DVS_REC_MAX_PORTS, &maxPorts, sizeof maxPorts);
       }
       if (rc == cs::kSuccess) {
-         rc = LoadConfigProps(DVS_REC_GLOBAL_PROPS, obj, swList.h, PROP_CLASS_GLOBAL, version, nullptr);
+         rc = LoadConfigProps(DVS_REC_GLOBAL_PROPS, obj, swList.h, PROP_CLASS_GLOBAL, version,
+                              nullptr);
          if (rc == cs::kSuccess) {
-            rc = LoadConfigProps(DVS_REC_HOST_PROPS, obj, swList.h, PROP_CLASS_HOST, version, nullptr);
+            rc = LoadConfigProps(DVS_REC_HOST_PROPS, obj, swList.h, PROP_CLASS_HOST, version,
+                                 nullptr);
          }
          if (rc == cs::kSuccess) {
             rc = LoadPorts(obj, swList.h, version);

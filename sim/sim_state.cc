@@ -125,17 +125,17 @@ ReturnStatus EncodeSwitch(const Switch &sw, Bytes *blob) {
    if (!list) {
       return STATUS_NO_MEMORY;
    }
-   ReturnStatus status =
-      DVSData_Update(list.get(), DVS_REC_SWITCH_VERSION, &sw.version, sizeof sw.version, kSwitchLevelFlag);
+   ReturnStatus status = DVSData_Update(list.get(), DVS_REC_SWITCH_VERSION, &sw.version,
+                                        sizeof sw.version, kSwitchLevelFlag);
    if (status == STATUS_OK) {
       char className[DVS_CLASS_NAME_MAX] = {};
       sw.className.copy(className, sizeof className - 1);
-      status =
-         DVSData_Update(list.get(), DVS_REC_CLASS_NAME, className, sizeof className, kSwitchLevelFlag);
+      status = DVSData_Update(list.get(), DVS_REC_CLASS_NAME, className, sizeof className,
+                              kSwitchLevelFlag);
    }
    if (status == STATUS_OK) {
-      status =
-         DVSData_Update(list.get(), DVS_REC_MAX_PORTS, &sw.maxPorts, sizeof sw.maxPorts, kSwitchLevelFlag);
+      status = DVSData_Update(list.get(), DVS_REC_MAX_PORTS, &sw.maxPorts, sizeof sw.maxPorts,
+                              kSwitchLevelFlag);
    }
    if (status == STATUS_OK) {
       status = AddNestedList(list.get(), sw.global.get(), sw.version, DVS_REC_GLOBAL_PROPS);

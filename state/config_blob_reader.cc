@@ -34,8 +34,9 @@ ReturnStatus ReadU32(DVSDataEntry *entry, uint32_t *out) {
 // each of these names.  Every other kept record, in blob order, is a port.
 struct SwitchParts {
    enum Part { kHostList, kGlobalList, kVersion, kClassName, kMaxPorts, kCount };
-   static constexpr const char *kNames[kCount] = {DVS_REC_HOST_PROPS, DVS_REC_GLOBAL_PROPS, DVS_REC_SWITCH_VERSION,
-                                                  DVS_REC_CLASS_NAME, DVS_REC_MAX_PORTS};
+   static constexpr const char *kNames[kCount] = {DVS_REC_HOST_PROPS, DVS_REC_GLOBAL_PROPS,
+                                                  DVS_REC_SWITCH_VERSION, DVS_REC_CLASS_NAME,
+                                                  DVS_REC_MAX_PORTS};
    const dvs::data::RecordView *Get(Part part) const { return found[part] ? &recs[part] : nullptr; }
    bool IsPart(const dvs::data::RecordView &rec) const {
       for (int i = 0; i < kCount; i++) {

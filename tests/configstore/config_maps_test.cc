@@ -50,8 +50,8 @@ TEST(ConfigMaps, RowsAreWellFormedAndEndInTheCatchAllAndAClosingRow) {
       ASSERT_GE(n, 2u);
       const PropConfigMapEntry &catchAll = table[n - 1];
       EXPECT_STREQ(catchAll.propName, "DEFAULT");
-      EXPECT_EQ(catchAll.convType,
-                unsigned(cls == PROP_CLASS_PORT ? PROP_CONV_PORT_OPAQUE_DATA : PROP_CONV_OPAQUE_DATA));
+      EXPECT_EQ(catchAll.convType, unsigned(cls == PROP_CLASS_PORT ? PROP_CONV_PORT_OPAQUE_DATA
+                                                                   : PROP_CONV_OPAQUE_DATA));
       const PropConfigMapEntry &end = table[n];
       EXPECT_EQ(end.depth, 0u);
       EXPECT_EQ(end.convType, unsigned(PROP_CONV_END));
@@ -103,7 +103,8 @@ TEST(EnumTables, NumberTablesInvertTheTextTables) {
    EXPECT_EQ(Distinct(LACP_MODE_2_CAHRS).size(), 3u);
    // A key the save clears is cleared in one way only.
    std::set<std::string> cleared;
-   for (const auto *list : {UNUSED_PRIMITIVE_PROPS, UNUSED_SINGLETON_PROPS, UNUSED_NON_SINGLETON_PROPS}) {
+   for (const auto *list :
+        {UNUSED_PRIMITIVE_PROPS, UNUSED_SINGLETON_PROPS, UNUSED_NON_SINGLETON_PROPS}) {
       for (const std::string &key : Distinct(list)) {
          EXPECT_TRUE(cleared.insert(key).second) << key;
       }

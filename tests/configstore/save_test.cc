@@ -415,8 +415,8 @@ TEST_F(SaveTest, EarlyFailuresBeforeAnyStoreWork) {
    AddSwitch("sw-a", "vswitch", 8, 7);
    const std::string blob = TakeBlob();
 
-   const std::string noBuffer =
-      testsupport::CapturedStdout([] { EXPECT_EQ(DVSState_SaveBufToConfigStore(nullptr, 100), -1); });
+   const std::string noBuffer = testsupport::CapturedStdout(
+      [] { EXPECT_EQ(DVSState_SaveBufToConfigStore(nullptr, 100), -1); });
    EXPECT_TRUE(Has(noBuffer, "No dvs buffer to save to configstore\n")) << noBuffer;
    std::future<void> unlocked = ProbeLock();
    EXPECT_TRUE(Within(unlocked, 5000));

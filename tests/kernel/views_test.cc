@@ -21,11 +21,13 @@
 #include "sim/server.h"
 #include "sim/simulator.h"
 #include "tests/support/le_bytes.h"
+#include "tests/support/prop_lists.h"
 
 namespace {
 
 using Names = std::vector<std::string>;
 
+using testsupport::Decode;
 using testsupport::U32;
 
 std::string tmpDir;
@@ -70,16 +72,6 @@ Names Take(DVSDataHandle h) {
    return out;
 }
 
-std::vector<std::pair<std::string, std::string>> Decode(const std::string &blob) {
-   std::vector<std::pair<std::string, std::string>> out;
-   DVSDataHandle h = nullptr;
-   EXPECT_EQ(DVSData_Deserialize(&h, blob.data(), blob.size(), malloc, free), STATUS_OK);
-   for (DVSDataEntry *e = h ? h->head : nullptr; e; e = e->next)
-      out.emplace_back(e->name, std::string(reinterpret_cast<char *>(e->data), e->dataLen));
-   DVSData_Free(h);
-   return out;
-}
-
 std::string Join(const std::string &blob) {
    std::string out;
    for (const auto &rec : Decode(blob))
@@ -92,11 +84,12 @@ std::map<std::string, std::string> HostView(const std::string &blob) {
    std::map<std::string, std::string> out;
    for (const auto &[id, sw] : Decode(blob))
       for (const auto &[name, value] : Decode(sw))
-         if (name != "switchVersion" && name != "className" && name != "maxPorts")
+         if (name != DVS_REC_SWITCH_VERSION && name != DVS_REC_CLASS_NAME &&
+             name != DVS_REC_MAX_PORTS)
             out[id + "/" +
-                (name == "globalPropList" ? "global"
-                 : name == "hostPropList" ? "host"
-                                          : name)] = Join(value);
+                (name == DVS_REC_GLOBAL_PROPS ? "global"
+                 : name == DVS_REC_HOST_PROPS ? "host"
+                                              : name)] = Join(value);
    return out;
 }
 

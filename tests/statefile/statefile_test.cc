@@ -128,9 +128,7 @@ class StateFileTest : public testing::Test {
       path_ = dir_ + "/dvsdata.db";
       setenv("HOSTLIBS_LOG_STDERR", "1", 1);
    }
-   void TearDown() override {
-      g_refuse = Refuse::kNothing;
-   }
+   void TearDown() override { g_refuse = Refuse::kNothing; }
 
    testsupport::TempDir tmp_{"statefile-test"};
    const std::string dir_ = tmp_.path();

@@ -105,10 +105,11 @@ TEST_F(HostBlobViewTest, ShowsMalformedFieldsAsInvalidAndRefusesOtherBlobs) {
    EXPECT_EQ(sw.ports[1].problems, std::vector<std::string>{"type: 1 bytes, expected 4"});
    // What a reader of whole switches refuses: not a bad port type.
    EXPECT_EQ(sw.missing, (std::vector<std::string>{"maxPorts", "hostPropList"}));
-   EXPECT_EQ(sw.unreadable, (std::vector<std::string>{
-                               "switchVersion: 2 bytes, expected 4", "className: 129 bytes, expected 1 to 128",
-                               "globalPropList: not a property blob (3 bytes)",
-                               "port p1: port data: not a property blob (3 bytes)"}));
+   EXPECT_EQ(sw.unreadable,
+             (std::vector<std::string>{"switchVersion: 2 bytes, expected 4",
+                                       "className: 129 bytes, expected 1 to 128",
+                                       "globalPropList: not a property blob (3 bytes)",
+                                       "port p1: port data: not a property blob (3 bytes)"}));
    const std::string text = RenderHostText(view);
    EXPECT_NE(text.find("class <invalid>  version <invalid>  maxPorts <invalid>"), std::string::npos)
       << text;

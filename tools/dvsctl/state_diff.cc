@@ -39,8 +39,9 @@ HostSwitch TakeSwitch(const SwitchView &view, const std::string &name) {
    if (!view.unreadable.empty()) {
       throw Error(what + ": " + view.unreadable.front());
    }
-   HostSwitch sw{view.id, *view.version, *view.className, *view.maxPorts,
-                 Props(view.global), Props(view.host), {}};
+   HostSwitch sw{
+      view.id, *view.version, *view.className, *view.maxPorts, Props(view.global), Props(view.host),
+      {}};
    // A second port of the same id (an active port and its shadow) is told
    // apart by its place.
    std::map<std::string, int> portCount;

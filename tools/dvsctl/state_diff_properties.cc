@@ -242,9 +242,9 @@ const Conversion *ClassifyAdded(const ListPair &l, const HostProp &a) {
       if (n == ether || n == vswitch) {
          const std::string other = n == ether ? vswitch : ether;
          const HostProp *sibling = FindProp(l.after, other);
-         return ConvIf(FindProp(l.before, other) != nullptr && sibling != nullptr &&
-                          sibling->value == a.value,
-                       "mirror-rows-share-key");
+         return ConvIf(
+            FindProp(l.before, other) != nullptr && sibling != nullptr && sibling->value == a.value,
+            "mirror-rows-share-key");
       }
    }
    if (n == "com.ostrel.etherswitch.port.vlan" || n == "com.ostrel.vswitch.port.vlan") {
