@@ -18,7 +18,7 @@ namespace {
 
 // Eight 32-bit lanes; where the build has no 32-byte registers the compiler
 // splits each operation in two.
-typedef uint32_t Lanes __attribute__((vector_size(32)));
+using Lanes = WideLanes;
 constexpr size_t kLaneBytes = sizeof(Lanes);
 
 inline uint32_t LoadWord(const uint8_t *p) {
@@ -28,6 +28,15 @@ inline uint32_t LoadWord(const uint8_t *p) {
 }
 
 }  // namespace
+
+bool HasWideVectors() {
+#if DVS_HAVE_WIDE_VECTORS
+   static const bool wide = __builtin_cpu_supports("avx2");
+   return wide;
+#else
+   return false;
+#endif
+}
 
 DVS_WORD_SUM_CLONES uint32_t SumWords(const uint8_t *p, size_t words) {
    const size_t bytes = words * 4;
