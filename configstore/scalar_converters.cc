@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "configstore/converters.h"
+#include "configstore/property_layouts.h"
 
 namespace dvs::configstore {
 
@@ -16,12 +17,8 @@ namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
-// Record sizes of the counted name arrays, and the name field of a
-// resource pool key record.
-constexpr uint32_t kResPoolKeyRecord = 200;
-constexpr uint32_t kResPoolKeyNameMax = 128;
-constexpr uint32_t kUplinkKeyRecord = 48;
-constexpr uint32_t kUplinkNameRecord = 81;
+using namespace ::dvs::layouts;
+
 constexpr uint32_t kMaxRecord = kResPoolKeyRecord;
 
 constexpr uint32_t kPtAllowed = 2;
@@ -124,7 +121,7 @@ constexpr NameArrayLayout kResPoolKeys = {kResPoolKeyRecord, kResPoolKeyNameMax,
 constexpr NameArrayLayout kUplinkKeys = {kUplinkKeyRecord, kUplinkKeyRecord,
                                          "Failed to alloc memory for DVSUplinkPortIds",
                                          kConverterFailure};
-constexpr NameArrayLayout kUplinkNames = {kUplinkNameRecord, kUplinkNameRecord,
+constexpr NameArrayLayout kUplinkNames = {kUplinkNameSlot, kUplinkNameSlot,
                                           "Failed to alloc memory for DVSUplinkPorts",
                                           kConverterFailure};
 
@@ -381,7 +378,7 @@ int32_t LoadSwitchVersion(cs::Object *, const char *, DVSDataHandle props, const
 
 int32_t SaveUplinkNameList(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
                            const ConvertContext &) {
-   return SaveNameArray(obj, key, value, valueLen, kUplinkNameRecord, false);
+   return SaveNameArray(obj, key, value, valueLen, kUplinkNameSlot, false);
 }
 
 int32_t LoadUplinkNameList(cs::Object *obj, const char *key, DVSDataHandle props,
