@@ -46,15 +46,14 @@ int32_t WalkConfigPath(const char (*path)[PROP_CONFIG_NAME_MAX], uint32_t depth,
 
 // ---- module state -------------------------------------------------------
 // Converters read none of this: all they need comes in their
-// ConvertContext, filled per switch by the save or load.  What saves and
-// loads still share is only this module state: gSwitchClassKind (written
-// as each switch's save or load starts) and gIsZltSwitch (as each switch's
-// save starts), which keep the values of the last switch saved or loaded,
-// the save's time counter
-// gConfigStoreTimeMs and the load's out-of-memory note gStoreOutOfMemory
-// (store_calls.h).  They are unprotected: two runs at the same time convert
-// correctly, but these values then mix both runs, and a load may report
-// running out of memory because the other run did.
+// ConvertContext, filled once per switch by the save or load.  What runs
+// still share is only this module state, written without a lock:
+// gSwitchClassKind (written as each switch's save or load starts) and
+// gIsZltSwitch (as each switch's save starts), which keep the values of the
+// last switch saved or loaded, the save's time counter gConfigStoreTimeMs
+// and the load's out-of-memory note gStoreOutOfMemory (store_calls.h).  A
+// load that overlaps another run may thus report running out of memory for
+// a read of the other run.
 //
 // Kind (kClassKind*) of the switch saved or loaded last.
 extern uint32_t gSwitchClassKind;
