@@ -29,7 +29,8 @@ constexpr uint32_t kClassKindCswitch = 2;
 // each row: the class of the table the row came from (the catch-all rows
 // of the global and host tables share one converter and one store key),
 // the property's own name on save (the row may be the catch-all one) and
-// the object the row's path was walked from.
+// the object the row's path was walked from; for a global or host row
+// they also set switchObj to that object, the switch's own.
 struct ConvertContext {
    uint32_t propClass = PROP_CLASS_GLOBAL;  // PROP_CLASS_GLOBAL, _HOST or _PORT
    const char *propName = nullptr;          // save: the property's name; load: the row's
@@ -37,8 +38,8 @@ struct ConvertContext {
    // Version number of the switch: on load the one read from its store
    // object, on save the registry's.
    uint32_t version = 0;
-   // The switch's own store object (for a port row on save, the object of
-   // the port's switch; null for a port row on load).
+   // The switch's store object: set by the save for the port rows too,
+   // null for a port row on load.
    ::configstore::Object *switchObj = nullptr;
    uint32_t classKind = kClassKindOther;
 };

@@ -119,91 +119,22 @@ constexpr Field kSecurityFields[] = {
    DVSCTL_FIELD(PortSecurityPolicy, rejectBits, FieldKind::kUint),
 };
 
-// The records that are nothing but their fields.
-struct FixedRecord {
-   CodecKind kind;
-   size_t size;
-   FieldTable fields;
-};
-constexpr FixedRecord kFixedRecords[] = {
-   {CodecKind::kLacpPolicy, sizeof(LacpPortPolicy), kLacpPolicyFields},
-   {CodecKind::kLinkDiscovery, sizeof(LinkDiscoveryConfig), kLinkDiscoveryFields},
-   {CodecKind::kHealthCheck, sizeof(HealthCheckDeploy), kHealthCheckFields},
-   {CodecKind::kShaping, sizeof(PortShapingPolicy), kShapingFields},
-   {CodecKind::kSecurity, sizeof(PortSecurityPolicy), kSecurityFields},
-};
+// ---- records that are nothing but their fields -------------------------------
 
-struct NameList {
-   CodecKind kind;
-   size_t record;  // bytes a name occupies, its NUL included
-};
-constexpr NameList kNameLists[] = {{CodecKind::kUplinkNames, kUplinkNameSlot},
-                                   {CodecKind::kUplinkKeys, kUplinkKeyRecord},
-                                   {CodecKind::kResPoolKeys, kResPoolKeyRecord}};
-
-// The codec of each store converter type that converts a structured value.
-std::optional<CodecKind> CodecOfConverter(uint32_t convType) {
-   switch (convType) {
-      case PROP_CONV_TEAMING_ETHER:
-      case PROP_CONV_TEAMING_VSWITCH:
-         return CodecKind::kTeaming;
-      case PROP_CONV_LACP_GROUPS:
-         return CodecKind::kLacpGroups;
-      case PROP_CONV_LACP_POLICY:
-         return CodecKind::kLacpPolicy;
-      case PROP_CONV_PVLAN_MAP_ETHER:
-      case PROP_CONV_PVLAN_MAP_VSWITCH:
-         return CodecKind::kPvlanMap;
-      case PROP_CONV_MIRROR_SESSIONS:
-         return CodecKind::kMirrorSessions;
-      case PROP_CONV_IPFIX:
-         return CodecKind::kIpfix;
-      case PROP_CONV_LINK_DISCOVERY:
-         return CodecKind::kLinkDiscovery;
-      case PROP_CONV_HEALTH_CHECK:
-         return CodecKind::kHealthCheck;
-      case PROP_CONV_VLAN_ETHER:
-      case PROP_CONV_VLAN_VSWITCH:
-         return CodecKind::kPortVlan;
-      case PROP_CONV_SHAPING:
-         return CodecKind::kShaping;
-      case PROP_CONV_SECURITY_ETHER:
-      case PROP_CONV_SECURITY_VSWITCH:
-         return CodecKind::kSecurity;
-      case PROP_CONV_UPLINK_NAME_LIST:
-         return CodecKind::kUplinkNames;
-      case PROP_CONV_UPLINK_KEY_LIST:
-         return CodecKind::kUplinkKeys;
-      case PROP_CONV_RESPOOL_KEY_LIST:
-         return CodecKind::kResPoolKeys;
-      default:
-         return std::nullopt;
-   }
-}
-
-// ---- fixed records -----------------------------------------------------------
-
-const FixedRecord *FixedRecordOf(CodecKind kind) {
-   for (const FixedRecord &r : kFixedRecords) {
-      if (r.kind == kind) {
-         return &r;
-      }
-   }
-   return nullptr;
-}
-
-bool DecodeFixed(const FixedRecord &r, const uint8_t *p, size_t len, Fields &out,
-                 std::string &why) {
-   if (!ExactSize(len, r.size, why)) {
+template <typename Record, auto &kFields>
+bool DecodeRecord(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
+                  std::string &why) {
+   if (!ExactSize(len, sizeof(Record), why)) {
       return false;
    }
    out = Fields::object();
-   return DecodeFields(r.fields, p, out);
+   return DecodeFields(kFields, p, out);
 }
 
-Bytes EncodeFixed(const FixedRecord &r, const Fields &f, const Where &w) {
-   Bytes v(r.size, 0);
-   EncodeFields(r.fields, f, v.data(), w);
+template <typename Record, auto &kFields>
+Bytes EncodeRecord(const Fields &f, const CodecContext &, const Where &w) {
+   Bytes v(sizeof(Record), 0);
+   EncodeFields(kFields, f, v.data(), w);
    return v;
 }
 
@@ -211,7 +142,8 @@ Bytes EncodeFixed(const FixedRecord &r, const Fields &f, const Where &w) {
 
 constexpr size_t kTeamingNamesAt = offsetof(UplinkTeamingPolicy, uplinkNames);
 
-bool DecodeTeaming(const uint8_t *p, size_t len, Fields &out, std::string &why) {
+bool DecodeTeaming(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
+                  std::string &why) {
    if (!ExactSize(len, sizeof(UplinkTeamingPolicy), why)) {
       return false;
    }
@@ -237,7 +169,7 @@ bool DecodeTeaming(const uint8_t *p, size_t len, Fields &out, std::string &why) 
    return true;
 }
 
-Bytes EncodeTeaming(const Fields &f, const Where &w) {
+Bytes EncodeTeaming(const Fields &f, const CodecContext &, const Where &w) {
    Bytes v(sizeof(UplinkTeamingPolicy), 0);
    uint8_t *p = v.data();
    EncodeFields(kTeamingFields, f, p, w);
@@ -260,7 +192,8 @@ Bytes EncodeTeaming(const Fields &f, const Where &w) {
 
 constexpr size_t kLacpGroupSize = sizeof(LacpGroupEntry);
 
-bool DecodeLacpGroups(const uint8_t *p, size_t len, Fields &out, std::string &why) {
+bool DecodeLacpGroups(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
+                  std::string &why) {
    if (len < kCountSize) {
       return Refuse(why, std::to_string(len) + " bytes, too short for the group count");
    }
@@ -280,7 +213,7 @@ bool DecodeLacpGroups(const uint8_t *p, size_t len, Fields &out, std::string &wh
    return true;
 }
 
-Bytes EncodeLacpGroups(const Fields &f, const Where &w) {
+Bytes EncodeLacpGroups(const Fields &f, const CodecContext &, const Where &w) {
    const Fields &groups = List(f, "groups", (UINT32_MAX - kCountSize) / kLacpGroupSize, w);
    Bytes v(kCountSize + groups.size() * kLacpGroupSize, 0);
    Put(v.data(), static_cast<uint32_t>(groups.size()));
@@ -295,7 +228,8 @@ Bytes EncodeLacpGroups(const Fields &f, const Where &w) {
 
 constexpr size_t kPvlanEntrySize = sizeof(PvlanMapEntry);
 
-bool DecodePvlanMap(const uint8_t *p, size_t len, Fields &out, std::string &) {
+bool DecodePvlanMap(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
+                    std::string &) {
    out = {{"entries", Fields::array()}};
    const size_t count = len / kPvlanEntrySize;
    for (size_t i = 0; i < count; i++) {
@@ -309,7 +243,7 @@ bool DecodePvlanMap(const uint8_t *p, size_t len, Fields &out, std::string &) {
    return true;
 }
 
-Bytes EncodePvlanMap(const Fields &f, const Where &w) {
+Bytes EncodePvlanMap(const Fields &f, const CodecContext &, const Where &w) {
    const Fields &entries = List(f, "entries", UINT32_MAX / kPvlanEntrySize, w);
    Bytes v(entries.size() * kPvlanEntrySize, 0);
    for (size_t i = 0; i < entries.size(); i++) {
@@ -519,7 +453,8 @@ constexpr size_t kIpfixIpv6At = offsetof(IpfixConfig, collectorIsIpv6);
 constexpr size_t kIpfixTailAt = kIpfixAddressAt + 4;
 constexpr size_t kIpfixTailSize = sizeof(IpfixConfig::collectorAddress) - 4;
 
-bool DecodeIpfix(const uint8_t *p, size_t len, Fields &out, std::string &why) {
+bool DecodeIpfix(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
+                  std::string &why) {
    if (!ExactSize(len, sizeof(IpfixConfig), why)) {
       return false;
    }
@@ -536,7 +471,7 @@ bool DecodeIpfix(const uint8_t *p, size_t len, Fields &out, std::string &why) {
    return true;
 }
 
-Bytes EncodeIpfix(const Fields &f, const Where &w) {
+Bytes EncodeIpfix(const Fields &f, const CodecContext &, const Where &w) {
    Bytes v(sizeof(IpfixConfig), 0);
    uint8_t *p = v.data();
    EncodeFields(kIpfixHeadFields, f, p, w);
@@ -558,7 +493,8 @@ Bytes EncodeIpfix(const Fields &f, const Where &w) {
 constexpr size_t kVlanHeaderSize = sizeof(PortVlanPolicy);
 constexpr size_t kVlanRangeSize = sizeof(VlanRange);
 
-bool DecodeVlan(const uint8_t *p, size_t len, Fields &out, std::string &why) {
+bool DecodeVlan(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
+                  std::string &why) {
    if (len < kVlanHeaderSize) {
       return Refuse(why, std::to_string(len) + " bytes, too short for the VLAN header");
    }
@@ -578,7 +514,7 @@ bool DecodeVlan(const uint8_t *p, size_t len, Fields &out, std::string &why) {
    return true;
 }
 
-Bytes EncodeVlan(const Fields &f, const Where &w) {
+Bytes EncodeVlan(const Fields &f, const CodecContext &, const Where &w) {
    const Fields &ranges = List(f, "ranges", UINT16_MAX, w);
    Bytes v(kVlanHeaderSize + ranges.size() * kVlanRangeSize, 0);
    uint8_t *p = v.data();
@@ -593,16 +529,10 @@ Bytes EncodeVlan(const Fields &f, const Where &w) {
 
 // ---- name lists ----------------------------------------------------------------------
 
-size_t NameRecord(CodecKind kind) {
-   for (const NameList &list : kNameLists) {
-      if (list.kind == kind) {
-         return list.record;
-      }
-   }
-   return 0;
-}
-
-bool DecodeNames(size_t record, const uint8_t *p, size_t len, Fields &out, std::string &why) {
+// `record`: the bytes a name occupies, its NUL included.
+template <size_t record>
+bool DecodeNames(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
+                 std::string &why) {
    if (len < kCountSize) {
       return Refuse(why, std::to_string(len) + " bytes, too short for the name count");
    }
@@ -620,7 +550,8 @@ bool DecodeNames(size_t record, const uint8_t *p, size_t len, Fields &out, std::
    return true;
 }
 
-Bytes EncodeNames(size_t record, const Fields &f, const Where &w) {
+template <size_t record>
+Bytes EncodeNames(const Fields &f, const CodecContext &, const Where &w) {
    const Fields &names = List(f, "names", (UINT32_MAX - kCountSize) / record, w);
    Bytes v(kCountSize + names.size() * record, 0);
    Put(v.data(), static_cast<uint32_t>(names.size()));
@@ -629,6 +560,85 @@ Bytes EncodeNames(size_t record, const Fields &f, const Where &w) {
       PutText(v.data() + kCountSize + i * record, Text(one, "name", record, w.At("names").Index(i)));
    }
    return v;
+}
+
+// ---- the codecs ------------------------------------------------------------------
+
+using DecodeFn = bool (*)(const uint8_t *p, size_t len, const CodecContext &ctx, Fields &out,
+                          std::string &why);
+using EncodeFn = Bytes (*)(const Fields &f, const CodecContext &ctx, const Where &w);
+
+struct Codec {
+   CodecKind kind;
+   const char *name;
+   DecodeFn decode;
+   EncodeFn encode;
+};
+
+constexpr Codec kCodecs[] = {
+   {CodecKind::kTeaming, "teaming", DecodeTeaming, EncodeTeaming},
+   {CodecKind::kLacpGroups, "lacp groups", DecodeLacpGroups, EncodeLacpGroups},
+   {CodecKind::kLacpPolicy, "lacp policy", DecodeRecord<LacpPortPolicy, kLacpPolicyFields>,
+    EncodeRecord<LacpPortPolicy, kLacpPolicyFields>},
+   {CodecKind::kPvlanMap, "pvlan map", DecodePvlanMap, EncodePvlanMap},
+   {CodecKind::kMirrorSessions, "mirror sessions", DecodeMirror, EncodeMirror},
+   {CodecKind::kIpfix, "ipfix", DecodeIpfix, EncodeIpfix},
+   {CodecKind::kLinkDiscovery, "link discovery",
+    DecodeRecord<LinkDiscoveryConfig, kLinkDiscoveryFields>,
+    EncodeRecord<LinkDiscoveryConfig, kLinkDiscoveryFields>},
+   {CodecKind::kHealthCheck, "health check", DecodeRecord<HealthCheckDeploy, kHealthCheckFields>,
+    EncodeRecord<HealthCheckDeploy, kHealthCheckFields>},
+   {CodecKind::kPortVlan, "port vlan", DecodeVlan, EncodeVlan},
+   {CodecKind::kShaping, "shaping", DecodeRecord<PortShapingPolicy, kShapingFields>,
+    EncodeRecord<PortShapingPolicy, kShapingFields>},
+   {CodecKind::kSecurity, "security", DecodeRecord<PortSecurityPolicy, kSecurityFields>,
+    EncodeRecord<PortSecurityPolicy, kSecurityFields>},
+   {CodecKind::kUplinkNames, "uplink names", DecodeNames<kUplinkNameSlot>,
+    EncodeNames<kUplinkNameSlot>},
+   {CodecKind::kUplinkKeys, "uplink keys", DecodeNames<kUplinkKeyRecord>,
+    EncodeNames<kUplinkKeyRecord>},
+   {CodecKind::kResPoolKeys, "pool keys", DecodeNames<kResPoolKeyRecord>,
+    EncodeNames<kResPoolKeyRecord>},
+};
+
+const Codec *CodecOf(CodecKind kind) {
+   for (const Codec &codec : kCodecs) {
+      if (codec.kind == kind) {
+         return &codec;
+      }
+   }
+   return nullptr;
+}
+
+// The codec of each store converter type that converts a structured value.
+constexpr std::pair<uint32_t, CodecKind> kConverterCodecs[] = {
+   {PROP_CONV_TEAMING_ETHER, CodecKind::kTeaming},
+   {PROP_CONV_TEAMING_VSWITCH, CodecKind::kTeaming},
+   {PROP_CONV_LACP_GROUPS, CodecKind::kLacpGroups},
+   {PROP_CONV_LACP_POLICY, CodecKind::kLacpPolicy},
+   {PROP_CONV_PVLAN_MAP_ETHER, CodecKind::kPvlanMap},
+   {PROP_CONV_PVLAN_MAP_VSWITCH, CodecKind::kPvlanMap},
+   {PROP_CONV_MIRROR_SESSIONS, CodecKind::kMirrorSessions},
+   {PROP_CONV_IPFIX, CodecKind::kIpfix},
+   {PROP_CONV_LINK_DISCOVERY, CodecKind::kLinkDiscovery},
+   {PROP_CONV_HEALTH_CHECK, CodecKind::kHealthCheck},
+   {PROP_CONV_VLAN_ETHER, CodecKind::kPortVlan},
+   {PROP_CONV_VLAN_VSWITCH, CodecKind::kPortVlan},
+   {PROP_CONV_SHAPING, CodecKind::kShaping},
+   {PROP_CONV_SECURITY_ETHER, CodecKind::kSecurity},
+   {PROP_CONV_SECURITY_VSWITCH, CodecKind::kSecurity},
+   {PROP_CONV_UPLINK_NAME_LIST, CodecKind::kUplinkNames},
+   {PROP_CONV_UPLINK_KEY_LIST, CodecKind::kUplinkKeys},
+   {PROP_CONV_RESPOOL_KEY_LIST, CodecKind::kResPoolKeys},
+};
+
+std::optional<CodecKind> CodecOfConverter(uint32_t convType) {
+   for (const auto &[type, kind] : kConverterCodecs) {
+      if (type == convType) {
+         return kind;
+      }
+   }
+   return std::nullopt;
 }
 
 }  // namespace
@@ -648,37 +658,8 @@ std::optional<CodecKind> CodecFor(std::string_view propName) {
 }
 
 const char *CodecName(CodecKind kind) {
-   switch (kind) {
-      case CodecKind::kTeaming:
-         return "teaming";
-      case CodecKind::kLacpGroups:
-         return "lacp groups";
-      case CodecKind::kLacpPolicy:
-         return "lacp policy";
-      case CodecKind::kPvlanMap:
-         return "pvlan map";
-      case CodecKind::kMirrorSessions:
-         return "mirror sessions";
-      case CodecKind::kIpfix:
-         return "ipfix";
-      case CodecKind::kLinkDiscovery:
-         return "link discovery";
-      case CodecKind::kHealthCheck:
-         return "health check";
-      case CodecKind::kPortVlan:
-         return "port vlan";
-      case CodecKind::kShaping:
-         return "shaping";
-      case CodecKind::kSecurity:
-         return "security";
-      case CodecKind::kUplinkNames:
-         return "uplink names";
-      case CodecKind::kUplinkKeys:
-         return "uplink keys";
-      case CodecKind::kResPoolKeys:
-         return "pool keys";
-   }
-   return "unknown";
+   const Codec *codec = CodecOf(kind);
+   return codec != nullptr ? codec->name : "unknown";
 }
 
 bool DecodeProperty(CodecKind kind, const uint8_t *data, size_t len, const CodecContext &ctx,
@@ -686,30 +667,11 @@ bool DecodeProperty(CodecKind kind, const uint8_t *data, size_t len, const Codec
    if (data == nullptr && len != 0) {
       return Refuse(why, "no value");
    }
-   if (const FixedRecord *r = FixedRecordOf(kind)) {
-      return DecodeFixed(*r, data, len, out, why);
+   const Codec *codec = CodecOf(kind);
+   if (codec == nullptr) {
+      return Refuse(why, "unknown codec");
    }
-   switch (kind) {
-      case CodecKind::kTeaming:
-         return DecodeTeaming(data, len, out, why);
-      case CodecKind::kLacpGroups:
-         return DecodeLacpGroups(data, len, out, why);
-      case CodecKind::kPvlanMap:
-         return DecodePvlanMap(data, len, out, why);
-      case CodecKind::kMirrorSessions:
-         return DecodeMirror(data, len, ctx, out, why);
-      case CodecKind::kIpfix:
-         return DecodeIpfix(data, len, out, why);
-      case CodecKind::kPortVlan:
-         return DecodeVlan(data, len, out, why);
-      case CodecKind::kUplinkNames:
-      case CodecKind::kUplinkKeys:
-      case CodecKind::kResPoolKeys:
-         return DecodeNames(NameRecord(kind), data, len, out, why);
-      default:
-         break;
-   }
-   return Refuse(why, "unknown codec");
+   return codec->decode(data, len, ctx, out, why);
 }
 
 Bytes EncodeProperty(CodecKind kind, const Fields &fields, const CodecContext &ctx) {
@@ -717,30 +679,11 @@ Bytes EncodeProperty(CodecKind kind, const Fields &fields, const CodecContext &c
    if (!fields.is_object()) {
       w.Fail("the fields are not an object");
    }
-   if (const FixedRecord *r = FixedRecordOf(kind)) {
-      return EncodeFixed(*r, fields, w);
+   const Codec *codec = CodecOf(kind);
+   if (codec == nullptr) {
+      w.Fail("unknown codec");
    }
-   switch (kind) {
-      case CodecKind::kTeaming:
-         return EncodeTeaming(fields, w);
-      case CodecKind::kLacpGroups:
-         return EncodeLacpGroups(fields, w);
-      case CodecKind::kPvlanMap:
-         return EncodePvlanMap(fields, w);
-      case CodecKind::kMirrorSessions:
-         return EncodeMirror(fields, ctx, w);
-      case CodecKind::kIpfix:
-         return EncodeIpfix(fields, w);
-      case CodecKind::kPortVlan:
-         return EncodeVlan(fields, w);
-      case CodecKind::kUplinkNames:
-      case CodecKind::kUplinkKeys:
-      case CodecKind::kResPoolKeys:
-         return EncodeNames(NameRecord(kind), fields, w);
-      default:
-         break;
-   }
-   w.Fail("unknown codec");
+   return codec->encode(fields, ctx, w);
 }
 
 }  // namespace dvsctl
