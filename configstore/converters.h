@@ -32,8 +32,8 @@ constexpr uint32_t kClassKindCswitch = 2;
 // the object the row's path was walked from; for a global or host row
 // they also set switchObj to that object, the switch's own.
 struct ConvertContext {
-   uint32_t propClass = PROP_CLASS_GLOBAL;  // PROP_CLASS_GLOBAL, _HOST or _PORT
-   const char *propName = nullptr;          // save: the property's name; load: the row's
+   uint32_t propClass = PROP_CLASS_GLOBAL;   // PROP_CLASS_GLOBAL, _HOST or _PORT
+   const char *propName = nullptr;           // save: the property's name; load: the row's
    ::configstore::Object *source = nullptr;  // where the path walk started
    // Version number of the switch: on load the one read from its store
    // object, on save the registry's.

@@ -144,11 +144,11 @@ int32_t LoadSwitch(cs::Object *obj, DVSDataHandle top) {
          rc = AppendFlagged(swList.h, "maxPorts", &maxPorts, sizeof maxPorts);
       }
       if (rc == cs::kSuccess) {
-         rc = LoadConfigProps("globalPropList", obj, swList.h, PROP_CLASS_GLOBAL, switchCtx,
-                              nullptr);
+         rc =
+            LoadConfigProps("globalPropList", obj, swList.h, PROP_CLASS_GLOBAL, switchCtx, nullptr);
          if (rc == cs::kSuccess) {
-            rc = LoadConfigProps("hostPropList", obj, swList.h, PROP_CLASS_HOST, switchCtx,
-                                 nullptr);
+            rc =
+               LoadConfigProps("hostPropList", obj, swList.h, PROP_CLASS_HOST, switchCtx, nullptr);
          }
          if (rc == cs::kSuccess) {
             rc = LoadPorts(obj, swList.h, switchCtx);

@@ -92,8 +92,7 @@ int32_t LoadRows(const PropConfigMapEntry *table, uint32_t propClass, cs::Object
 }
 
 // An uplink port's resource pools are those of its switch.
-int32_t LoadPortResPools(cs::Object *resMgmt, const ConvertContext &switchCtx,
-                         DVSDataHandle list) {
+int32_t LoadPortResPools(cs::Object *resMgmt, const ConvertContext &switchCtx, DVSDataHandle list) {
    const PropConverter *converter = GetPropConverter(PROP_CONV_RESPOOL_CONFIG);
    if (converter == nullptr) {
       return kConfigStoreOwnFailure;
@@ -124,14 +123,12 @@ int32_t AddSerialized(DVSDataHandle dest, const char *name, DVSDataHandle list, 
 }  // namespace
 
 int32_t LoadConfigProps(const char *listName, cs::Object *src, DVSDataHandle dest,
-                        uint32_t propClass, const ConvertContext &switchCtx,
-                        cs::Object *resMgmt) {
+                        uint32_t propClass, const ConvertContext &switchCtx, cs::Object *resMgmt) {
    CONFIGSTORE_PROGRESS("LoadProps: %s\n", listName);
    DVSDataHandle list = nullptr;
    int32_t rc = kConfigStoreOwnFailure;
    if (propClass <= PROP_CLASS_PORT && DVSData_Alloc(&list, std::malloc, std::free) == STATUS_OK) {
-      rc = LoadRows(GetConfigMap(static_cast<int32_t>(propClass)), propClass, src, switchCtx,
-                    list);
+      rc = LoadRows(GetConfigMap(static_cast<int32_t>(propClass)), propClass, src, switchCtx, list);
       if (rc == cs::kSuccess && propClass == PROP_CLASS_PORT && resMgmt != nullptr) {
          rc = LoadPortResPools(resMgmt, switchCtx, list);
       }

@@ -143,7 +143,8 @@ bool CheckSide(const TableView &t, uint32_t session, const char *side, PortRule 
    for (uint32_t i = 0; i < count; i++) {
       const uint8_t *entry = t.Entry(static_cast<uint32_t>(first + i));
       if (EntryIsText(rule, EntryKind(entry)) &&
-          memchr(entry + kMirrorEntryPayloadAt, '\0', t.entrySize - kMirrorEntryPayloadAt) == nullptr) {
+          memchr(entry + kMirrorEntryPayloadAt, '\0', t.entrySize - kMirrorEntryPayloadAt) ==
+             nullptr) {
          CONFIGSTORE_FAIL("Mirror session %u: %s port %u not terminated\n", session, side, i);
          return false;
       }
@@ -263,8 +264,8 @@ int32_t WritePorts(const TableView &t, cs::Object *side, PortRule rule, uint32_t
          case PortRule::kMixed:
             if (kind == kMirrorPortKindKey || kind == kMirrorPortKindUplink) {
                EntryText(entry, t.entrySize, text);
-               rc = cs::AppendValueString(side, kind == kMirrorPortKindKey ? kPortKeys : kUplinkNames,
-                                          text);
+               rc = cs::AppendValueString(
+                  side, kind == kMirrorPortKindKey ? kPortKeys : kUplinkNames, text);
             }
             break;
          case PortRule::kVlans: {

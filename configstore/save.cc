@@ -19,8 +19,8 @@ namespace {
 // Writes every property of list with class propClass; stops at the first
 // failure and returns its code.  progress (may be null) is printed per
 // property.
-int32_t SavePropList(cs::Object *obj, DVSDataHandle list, uint32_t propClass,
-                     const char *progress, const ConvertContext &switchCtx) {
+int32_t SavePropList(cs::Object *obj, DVSDataHandle list, uint32_t propClass, const char *progress,
+                     const ConvertContext &switchCtx) {
    DVSDataEntry *e = nullptr;
    while (DVSData_Next(list, e, &e) == STATUS_OK && e != nullptr) {
       if (progress != nullptr) {
@@ -161,8 +161,8 @@ bool SaveSwitchToConfigStore(DVSwitch *dvs, void *arg) {
       rc = SavePropList(obj, dvs->globalPropList, PROP_CLASS_GLOBAL, "SaveGlobalProp: %s\n",
                         switchCtx);
       if (rc == cs::kSuccess) {
-         rc = SavePropList(obj, dvs->hostPropList, PROP_CLASS_HOST, "SaveHostProp: %s\n",
-                           switchCtx);
+         rc =
+            SavePropList(obj, dvs->hostPropList, PROP_CLASS_HOST, "SaveHostProp: %s\n", switchCtx);
       }
       if (rc == cs::kSuccess) {
          rc = SavePorts(obj, dvs, switchCtx);

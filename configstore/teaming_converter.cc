@@ -217,8 +217,8 @@ void LoadNames(cs::Object *order, const char *key, UplinkTeamingPolicy *policy, 
 
 int32_t LoadTeaming(cs::Object *parent, const char *key, DVSDataHandle props, const char *propName,
                     uint64_t propFlag, TeamingForm form, uint32_t classKind) {
-   const bool classFits = form == TeamingForm::kEther ? classKind == kClassKindOther
-                                                      : classKind != kClassKindOther;
+   const bool classFits =
+      form == TeamingForm::kEther ? classKind == kClassKindOther : classKind != kClassKindOther;
    if (!classFits) {
       return cs::kSuccess;
    }

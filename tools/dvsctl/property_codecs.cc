@@ -27,96 +27,89 @@ using namespace ::dvsctl::fields;
 // ---- field tables ----------------------------------------------------------
 
 constexpr Field kTeamingFields[] = {
-   DVSCTL_FIELD(UplinkTeamingPolicy, policy, FieldKind::kUint),
-   DVSCTL_FIELD(UplinkTeamingPolicy, failureFlags, FieldKind::kUint),
-   DVSCTL_FIELD(UplinkTeamingPolicy, percentage, FieldKind::kUint),
-   DVSCTL_FIELD(UplinkTeamingPolicy, fullDuplex, FieldKind::kUint),
-   DVSCTL_FIELD(UplinkTeamingPolicy, speed, FieldKind::kUint),
-   DVSCTL_FIELD(UplinkTeamingPolicy, teamingFlags, FieldKind::kUint),
+   DVSCTL_UINT(UplinkTeamingPolicy, policy),     DVSCTL_UINT(UplinkTeamingPolicy, failureFlags),
+   DVSCTL_UINT(UplinkTeamingPolicy, percentage), DVSCTL_UINT(UplinkTeamingPolicy, fullDuplex),
+   DVSCTL_UINT(UplinkTeamingPolicy, speed),      DVSCTL_UINT(UplinkTeamingPolicy, teamingFlags),
 };
 
 constexpr Field kLacpGroupFields[] = {
-   DVSCTL_FIELD(LacpGroupEntry, name, FieldKind::kText),
-   DVSCTL_FIELD(LacpGroupEntry, key, FieldKind::kText),
-   DVSCTL_FIELD(LacpGroupEntry, mode, FieldKind::kUint),
-   DVSCTL_FIELD(LacpGroupEntry, loadBalanceAlgorithm, FieldKind::kUint),
-   DVSCTL_FIELD(LacpGroupEntry, uplinkNum, FieldKind::kUint),
+   DVSCTL_TEXT(LacpGroupEntry, name),      DVSCTL_TEXT(LacpGroupEntry, key),
+   DVSCTL_UINT(LacpGroupEntry, mode),      DVSCTL_UINT(LacpGroupEntry, loadBalanceAlgorithm),
+   DVSCTL_UINT(LacpGroupEntry, uplinkNum),
 };
 
 constexpr Field kLacpPolicyFields[] = {
-   DVSCTL_FIELD(LacpPortPolicy, enabled, FieldKind::kUint),
-   DVSCTL_FIELD(LacpPortPolicy, mode, FieldKind::kUint),
+   DVSCTL_UINT(LacpPortPolicy, enabled),
+   DVSCTL_UINT(LacpPortPolicy, mode),
    DVSCTL_RESERVED(LacpPortPolicy, reserved),
 };
 
 constexpr Field kPvlanEntryFields[] = {
-   DVSCTL_FIELD(PvlanMapEntry, primaryId, FieldKind::kUint),
-   DVSCTL_FIELD(PvlanMapEntry, secondaryId, FieldKind::kUint),
-   {"type", offsetof(PvlanMapEntry, pvlanType), sizeof(PvlanMapEntry::pvlanType), FieldKind::kUint},
+   DVSCTL_UINT(PvlanMapEntry, primaryId),
+   DVSCTL_UINT(PvlanMapEntry, secondaryId),
+   DVSCTL_NAMED_FIELD(PvlanMapEntry, pvlanType, "type", FieldKind::kUint),
    DVSCTL_RESERVED(PvlanMapEntry, reserved),
 };
 
 // The port counts and the index of the first port are the table's own
 // bookkeeping, not fields.
 constexpr Field kMirrorSessionFields[] = {
-   DVSCTL_FIELD(MirrorSession, key, FieldKind::kText),
-   DVSCTL_FIELD(MirrorSession, name, FieldKind::kText),
+   DVSCTL_TEXT(MirrorSession, key),
+   DVSCTL_TEXT(MirrorSession, name),
    DVSCTL_RESERVED(MirrorSession, reserved1),
-   DVSCTL_FIELD(MirrorSession, sessionType, FieldKind::kUint),
-   DVSCTL_FIELD(MirrorSession, mirroredPacketLength, FieldKind::kUint),
-   DVSCTL_FIELD(MirrorSession, sessionFlags, FieldKind::kUint),
-   DVSCTL_FIELD(MirrorSession, encapsulationVlanId, FieldKind::kUint),
-   DVSCTL_FIELD(MirrorSession, recvWildcardTypes, FieldKind::kUint),
-   DVSCTL_FIELD(MirrorSession, transmitWildcardTypes, FieldKind::kUint),
+   DVSCTL_UINT(MirrorSession, sessionType),
+   DVSCTL_UINT(MirrorSession, mirroredPacketLength),
+   DVSCTL_UINT(MirrorSession, sessionFlags),
+   DVSCTL_UINT(MirrorSession, encapsulationVlanId),
+   DVSCTL_UINT(MirrorSession, recvWildcardTypes),
+   DVSCTL_UINT(MirrorSession, transmitWildcardTypes),
    DVSCTL_RESERVED(MirrorSession, reserved2),
-   DVSCTL_FIELD(MirrorSession, samplingRate, FieldKind::kUint),
-   DVSCTL_FIELD(MirrorSession, encapType, FieldKind::kUint),
-   DVSCTL_FIELD(MirrorSession, erspanId, FieldKind::kUint),
-   DVSCTL_FIELD(MirrorSession, erspanCos, FieldKind::kUint),
-   DVSCTL_FIELD(MirrorSession, erspanGraNanosec, FieldKind::kUint),
+   DVSCTL_UINT(MirrorSession, samplingRate),
+   DVSCTL_UINT(MirrorSession, encapType),
+   DVSCTL_UINT(MirrorSession, erspanId),
+   DVSCTL_UINT(MirrorSession, erspanCos),
+   DVSCTL_UINT(MirrorSession, erspanGraNanosec),
    DVSCTL_RESERVED(MirrorSession, reserved3),
 };
 
 // The collector address sits between the two halves: its form follows
 // collectorIsIpv6.
 constexpr Field kIpfixHeadFields[] = {
-   DVSCTL_FIELD(IpfixConfig, idleFlowTimeout, FieldKind::kUint),
-   DVSCTL_FIELD(IpfixConfig, activeFlowTimeout, FieldKind::kUint),
+   DVSCTL_UINT(IpfixConfig, idleFlowTimeout),
+   DVSCTL_UINT(IpfixConfig, activeFlowTimeout),
 };
 constexpr Field kIpfixTailFields[] = {
-   DVSCTL_FIELD(IpfixConfig, collectorPort, FieldKind::kUint),
-   DVSCTL_FIELD(IpfixConfig, samplingRate, FieldKind::kUint),
-   DVSCTL_FIELD(IpfixConfig, internalFlowsOnly, FieldKind::kUint),
-   DVSCTL_FIELD(IpfixConfig, collectorIsIpv6, FieldKind::kUint),
-   DVSCTL_FIELD(IpfixConfig, observationDomainId, FieldKind::kUint),
+   DVSCTL_UINT(IpfixConfig, collectorPort),       DVSCTL_UINT(IpfixConfig, samplingRate),
+   DVSCTL_UINT(IpfixConfig, internalFlowsOnly),   DVSCTL_UINT(IpfixConfig, collectorIsIpv6),
+   DVSCTL_UINT(IpfixConfig, observationDomainId),
 };
 
 // The range count is the length of the "ranges" list.
 constexpr Field kVlanHeaderFields[] = {
-   DVSCTL_FIELD(PortVlanPolicy, flags, FieldKind::kUint),
-   DVSCTL_FIELD(PortVlanPolicy, vlanId, FieldKind::kUint),
+   DVSCTL_UINT(PortVlanPolicy, flags),
+   DVSCTL_UINT(PortVlanPolicy, vlanId),
    DVSCTL_RESERVED(PortVlanPolicy, reserved),
 };
 constexpr Field kVlanRangeFields[] = {
-   DVSCTL_FIELD(VlanRange, start, FieldKind::kUint),
-   DVSCTL_FIELD(VlanRange, end, FieldKind::kUint),
+   DVSCTL_UINT(VlanRange, start),
+   DVSCTL_UINT(VlanRange, end),
 };
 
 constexpr Field kLinkDiscoveryFields[] = {
-   DVSCTL_FIELD(LinkDiscoveryConfig, protocol, FieldKind::kUint),
-   DVSCTL_FIELD(LinkDiscoveryConfig, operation, FieldKind::kUint),
+   DVSCTL_UINT(LinkDiscoveryConfig, protocol),
+   DVSCTL_UINT(LinkDiscoveryConfig, operation),
 };
 constexpr Field kHealthCheckFields[] = {
-   DVSCTL_FIELD(HealthCheckDeploy, enable, FieldKind::kUint),
-   DVSCTL_FIELD(HealthCheckDeploy, interval, FieldKind::kUint),
+   DVSCTL_UINT(HealthCheckDeploy, enable),
+   DVSCTL_UINT(HealthCheckDeploy, interval),
 };
 constexpr Field kShapingFields[] = {
-   DVSCTL_FIELD(PortShapingPolicy, averageBandwidth, FieldKind::kUint),
-   DVSCTL_FIELD(PortShapingPolicy, peakBandwidth, FieldKind::kUint),
-   DVSCTL_FIELD(PortShapingPolicy, burstSize, FieldKind::kUint),
+   DVSCTL_UINT(PortShapingPolicy, averageBandwidth),
+   DVSCTL_UINT(PortShapingPolicy, peakBandwidth),
+   DVSCTL_UINT(PortShapingPolicy, burstSize),
 };
 constexpr Field kSecurityFields[] = {
-   DVSCTL_FIELD(PortSecurityPolicy, rejectBits, FieldKind::kUint),
+   DVSCTL_UINT(PortSecurityPolicy, rejectBits),
 };
 
 // ---- records that are nothing but their fields -------------------------------
@@ -143,7 +136,7 @@ Bytes EncodeRecord(const Fields &f, const CodecContext &, const Where &w) {
 constexpr size_t kTeamingNamesAt = offsetof(UplinkTeamingPolicy, uplinkNames);
 
 bool DecodeTeaming(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
-                  std::string &why) {
+                   std::string &why) {
    if (!ExactSize(len, sizeof(UplinkTeamingPolicy), why)) {
       return false;
    }
@@ -193,7 +186,7 @@ Bytes EncodeTeaming(const Fields &f, const CodecContext &, const Where &w) {
 constexpr size_t kLacpGroupSize = sizeof(LacpGroupEntry);
 
 bool DecodeLacpGroups(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
-                  std::string &why) {
+                      std::string &why) {
    if (len < kCountSize) {
       return Refuse(why, std::to_string(len) + " bytes, too short for the group count");
    }
@@ -253,8 +246,7 @@ Bytes EncodePvlanMap(const Fields &f, const CodecContext &, const Where &w) {
    if (const auto it = f.find("trailing"); it != f.end()) {
       const size_t n = it->is_string() ? it->get<std::string>().size() / 2 : 0;
       if (n == 0 || n >= kPvlanEntrySize) {
-         w.At("trailing").Fail("not 1 to " + std::to_string(kPvlanEntrySize - 1) +
-                               " bytes of hex");
+         w.At("trailing").Fail("not 1 to " + std::to_string(kPvlanEntrySize - 1) + " bytes of hex");
       }
       v.resize(v.size() + n, 0);
       OptionalHex(f, "trailing", v.data() + v.size() - n, n, w);
@@ -454,7 +446,7 @@ constexpr size_t kIpfixTailAt = kIpfixAddressAt + 4;
 constexpr size_t kIpfixTailSize = sizeof(IpfixConfig::collectorAddress) - 4;
 
 bool DecodeIpfix(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
-                  std::string &why) {
+                 std::string &why) {
    if (!ExactSize(len, sizeof(IpfixConfig), why)) {
       return false;
    }
@@ -493,8 +485,7 @@ Bytes EncodeIpfix(const Fields &f, const CodecContext &, const Where &w) {
 constexpr size_t kVlanHeaderSize = sizeof(PortVlanPolicy);
 constexpr size_t kVlanRangeSize = sizeof(VlanRange);
 
-bool DecodeVlan(const uint8_t *p, size_t len, const CodecContext &, Fields &out,
-                  std::string &why) {
+bool DecodeVlan(const uint8_t *p, size_t len, const CodecContext &, Fields &out, std::string &why) {
    if (len < kVlanHeaderSize) {
       return Refuse(why, std::to_string(len) + " bytes, too short for the VLAN header");
    }
@@ -557,7 +548,8 @@ Bytes EncodeNames(const Fields &f, const CodecContext &, const Where &w) {
    Put(v.data(), static_cast<uint32_t>(names.size()));
    for (size_t i = 0; i < names.size(); i++) {
       const Fields one = {{"name", names[i]}};
-      PutText(v.data() + kCountSize + i * record, Text(one, "name", record, w.At("names").Index(i)));
+      PutText(v.data() + kCountSize + i * record,
+              Text(one, "name", record, w.At("names").Index(i)));
    }
    return v;
 }

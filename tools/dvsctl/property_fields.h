@@ -111,16 +111,18 @@ class FieldTable {
    size_t count_;
 };
 
-// A field of a layout struct named as its member.
-#define DVSCTL_FIELD(Record, member, kind)                                               \
-   ::dvsctl::fields::Field {                                                             \
-      #member, offsetof(Record, member), sizeof(Record::member), ::dvsctl::fields::kind \
+// A field of a layout struct: NAMED_FIELD under a name of its own, the
+// others under the member's name; every reserved run is "reserved".
+#define DVSCTL_NAMED_FIELD(Record, member, name, kind)             \
+   ::dvsctl::fields::Field {                                       \
+      name, offsetof(Record, member), sizeof(Record::member), kind \
    }
-#define DVSCTL_RESERVED(Record, member)                                                  \
-   ::dvsctl::fields::Field {                                                             \
-      "reserved", offsetof(Record, member), sizeof(Record::member),                      \
-         ::dvsctl::fields::FieldKind::kReserved                                          \
-   }
+#define DVSCTL_UINT(Record, member) \
+   DVSCTL_NAMED_FIELD(Record, member, #member, ::dvsctl::fields::FieldKind::kUint)
+#define DVSCTL_TEXT(Record, member) \
+   DVSCTL_NAMED_FIELD(Record, member, #member, ::dvsctl::fields::FieldKind::kText)
+#define DVSCTL_RESERVED(Record, member) \
+   DVSCTL_NAMED_FIELD(Record, member, "reserved", ::dvsctl::fields::FieldKind::kReserved)
 
 // Adds the fields of the record at p to out, in table order, the joined
 // reserved runs last.  Returns false when a text has no NUL in its slot;
