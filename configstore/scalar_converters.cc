@@ -76,7 +76,7 @@ int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint3
                       uint32_t recordSize, bool emptyWhenZero) {
    const auto *bytes = static_cast<const uint8_t *>(value);
    const uint32_t count = Fixed<uint32_t>(value, valueLen);
-   if (valueLen < 4 || uint64_t{count} * recordSize + 4 > valueLen) {
+   if (valueLen < kCountSize || uint64_t{count} * recordSize + kCountSize > valueLen) {
       if (dvsconfigstore_debug >= 0) {
          printf("Bad name array for key: %s, count: %u, length: %u\n", key, count, valueLen);
       }
@@ -93,7 +93,7 @@ int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint3
       // A record is a name and its NUL; a name that fills its whole record
       // ends there.
       char name[kMaxRecord + 1];
-      memcpy(name, bytes + 4 + size_t{i} * recordSize, recordSize);
+      memcpy(name, bytes + kCountSize + size_t{i} * recordSize, recordSize);
       name[recordSize] = '\0';
       rc = cs::AppendValueString(obj, key, name);
       if (rc != cs::kSuccess) {
@@ -137,7 +137,7 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, DVSDataHandle props, con
       cs::DestroyStringArrayValue(names, count);
       return AbsentIsSuccess(rc);
    }
-   const uint64_t len = uint64_t{count} * layout.recordSize + 4;
+   const uint64_t len = uint64_t{count} * layout.recordSize + kCountSize;
    // Zero-filled: the bytes after each name carry no meaning, and no heap
    // contents may reach a blob.
    auto *buf = len <= UINT32_MAX ? static_cast<uint8_t *>(calloc(1, len)) : nullptr;
@@ -151,7 +151,7 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, DVSDataHandle props, con
    } else {
       memcpy(buf, &count, sizeof count);
       for (uint32_t i = 0; i < count; i++) {
-         char *rec = reinterpret_cast<char *>(buf + 4 + size_t{i} * layout.recordSize);
+         char *rec = reinterpret_cast<char *>(buf + kCountSize + size_t{i} * layout.recordSize);
          snprintf(rec, layout.nameMax, "%s", names[i]);
       }
       rc = Update(props, propName, buf, static_cast<uint32_t>(len), propFlag);
