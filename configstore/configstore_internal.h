@@ -10,6 +10,7 @@
 
 #include "common/debug_log.h"
 
+#include "configstore/converters.h"
 #include "configstore/store_calls.h"
 
 // The store client's handles (configstore.h).
@@ -44,25 +45,25 @@ int32_t WalkConfigPath(const char (*path)[PROP_CONFIG_NAME_MAX], uint32_t depth,
                        ::configstore::Object *start, bool create, ::configstore::Object **out);
 
 // ---- module state -------------------------------------------------------
-// Kind of the switch being saved or loaded, from its class name: 1 for
-// exactly "vswitch", 2 for exactly "cswitch", 0 for any other class.  Some
-// rows exist once per family of classes and the load picks one of each pair
-// by it.  Unprotected: saves and loads never run at the same time.
-constexpr uint32_t kClassKindOther = 0;
-constexpr uint32_t kClassKindVswitch = 1;
-constexpr uint32_t kClassKindCswitch = 2;
+// Converters read none of this: all they need comes in their
+// ConvertContext, filled once per switch by the save or load.  What runs
+// still share is only this module state, written without a lock:
+// gSwitchClassKind (written as each switch's save or load starts) and
+// gIsZltSwitch (as each switch's save starts), which keep the values of the
+// last switch saved or loaded, the save's time counter gConfigStoreTimeMs
+// and the load's out-of-memory note gStoreOutOfMemory (store_calls.h).  A
+// load that overlaps another run may thus report running out of memory for
+// a read of the other run.
+//
+// Kind (kClassKind*) of the switch saved or loaded last.
 extern uint32_t gSwitchClassKind;
-// Whether the switch being saved has a version of the overlay family (100
+// Whether the switch saved last has a version of the overlay family (100
 // and up).
 extern bool gIsZltSwitch;
-// Version number of the switch being saved or loaded.
-extern uint32_t gSwitchVersion;
-// The store object of the switch being saved (null between switches), for
-// converters of port rows that write onto their switch.
-extern ::configstore::Object *gSwitchObject;
 // Milliseconds spent in store calls during the current save.
 extern int64_t gConfigStoreTimeMs;
 
+// The kClassKind* of a switch class name.
 uint32_t SwitchClassKind(const char *className);
 // The monotonic clock in milliseconds.
 int64_t MonotonicMs();
@@ -84,8 +85,9 @@ struct ConfigSaveCtx {
 
 // Writes one property of class propClass onto obj through its map row and
 // converter.  Returns the store's code or -1.
+// switchCtx holds the switch's version, class kind and store object.
 int32_t SaveConfigProp(::configstore::Object *obj, const char *name, const void *value,
-                       uint32_t valueLen, uint32_t propClass, uint64_t propFlag);
+                       uint32_t valueLen, uint32_t propClass, const ConvertContext &switchCtx);
 
 // Fetches the store object of switch swId, clearing the keys and sub-objects
 // a previous save may have left, or creates an empty one.  Returns 0 or the
@@ -114,10 +116,12 @@ bool SaveSwitchIdentityToConfigStore(DVSwitch *dvs, void *ctx);
 
 // ---- load -----------------------------------------------------------------
 // Builds the property list of class propClass from src and adds it,
-// serialized with version, to dest under listName.  resMgmt (may be null)
-// is the switch's "resource_management" object, given for uplink ports.
+// serialized with the switch's version, to dest under listName.  switchCtx
+// holds the switch's version and class kind.  resMgmt (may be null) is the
+// switch's "resource_management" object, given for uplink ports.
 int32_t LoadConfigProps(const char *listName, ::configstore::Object *src, DVSDataHandle dest,
-                        uint32_t propClass, uint32_t version, ::configstore::Object *resMgmt);
+                        uint32_t propClass, const ConvertContext &switchCtx,
+                        ::configstore::Object *resMgmt);
 
 }  // namespace dvs::configstore
 

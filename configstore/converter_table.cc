@@ -1,5 +1,4 @@
-// The converter of each converter type.  The structured converters join
-// this table as they are written; until then their entries stay empty.
+// The converter of each converter type; type 30 has none.
 #include "configstore/converters.h"
 
 namespace dvs::configstore {

@@ -15,6 +15,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "configstore/property_layouts.h"
 
 namespace dvs::configstore {
 
@@ -22,38 +23,12 @@ namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
-constexpr uint32_t kGroupNameSlot = 65;  // up to 64 characters and the NUL
-constexpr uint32_t kGroupKeySlot = 16;   // up to 15 characters and the NUL
+using namespace ::dvs::layouts;
 
 // Codes that have a text: LACP_MODE_2_CAHRS and LACP_LB_POLICY_SCHEMA
 // without their closing null.
 constexpr uint32_t kLacpModeCount = 3;
 constexpr uint32_t kLacpLbPolicyCount = 21;
-
-#pragma pack(push, 1)
-struct LacpGroupEntry {
-   char name[kGroupNameSlot];
-   char key[kGroupKeySlot];
-   uint32_t mode;
-   uint32_t loadBalanceAlgorithm;
-   uint32_t uplinkNum;
-};
-
-struct LacpPortPolicy {
-   uint8_t enabled;
-   uint8_t reserved[3];
-   uint32_t mode;
-};
-#pragma pack(pop)
-static_assert(sizeof(LacpGroupEntry) == 93, "LACP group size");
-static_assert(offsetof(LacpGroupEntry, key) == 65, "LACP group layout");
-static_assert(offsetof(LacpGroupEntry, mode) == 81, "LACP group layout");
-static_assert(offsetof(LacpGroupEntry, loadBalanceAlgorithm) == 85, "LACP group layout");
-static_assert(offsetof(LacpGroupEntry, uplinkNum) == 89, "LACP group layout");
-static_assert(sizeof(LacpPortPolicy) == 8, "LACP port policy size");
-static_assert(offsetof(LacpPortPolicy, mode) == 4, "LACP port policy layout");
-
-constexpr uint32_t kCountSize = sizeof(uint32_t);
 
 LacpGroupEntry GroupAt(const uint8_t *bytes, uint32_t i) {
    LacpGroupEntry entry;

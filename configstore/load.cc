@@ -52,7 +52,7 @@ struct PropList {
 
 // The ports of a switch object; uplink ports (those named by the switch's
 // "uplink_port_keys") also get the switch's resource pools.
-int32_t LoadPorts(cs::Object *obj, DVSDataHandle swList, uint32_t version) {
+int32_t LoadPorts(cs::Object *obj, DVSDataHandle swList, const ConvertContext &switchCtx) {
    cs::FilterSpec *filter = nullptr;
    int32_t rc = cs::CreateFilterSpecObject("ports", "", "", "", &filter);
    if (rc != cs::kSuccess) {
@@ -78,7 +78,7 @@ int32_t LoadPorts(cs::Object *obj, DVSDataHandle swList, uint32_t version) {
       }
       cs::Object *pools =
          keyCount >= 1 && StringExistInArray(portKey.s, keys, keyCount) ? resMgmt : nullptr;
-      rc = LoadConfigProps(portKey.s, ports.objects[i], swList, PROP_CLASS_PORT, version, pools);
+      rc = LoadConfigProps(portKey.s, ports.objects[i], swList, PROP_CLASS_PORT, switchCtx, pools);
    }
    cs::DestroyFilterSpecObject(filter);
    cs::DestroyStringArrayValue(keys, keyCount);
@@ -126,13 +126,15 @@ int32_t LoadSwitch(cs::Object *obj, DVSDataHandle top) {
    PropList swList;
    ReturnStatus listStatus = STATUS_NO_MEMORY;
    if (swList.Alloc()) {
-      gSwitchClassKind = SwitchClassKind(className.s);
+      ConvertContext switchCtx;
+      switchCtx.classKind = SwitchClassKind(className.s);
+      gSwitchClassKind = switchCtx.classKind;
       uint32_t version = 0;
       rc = ReadSwitchVersion(obj, &version);
       if (rc != cs::kSuccess) {
          return rc;
       }
-      gSwitchVersion = version;
+      switchCtx.version = version;
       const uint32_t classLen = static_cast<uint32_t>(std::strlen(className.s) + 1);
       rc = AppendFlagged(swList.h, DVS_REC_SWITCH_VERSION, &version, sizeof version);
       if (rc == cs::kSuccess) {
@@ -142,14 +144,14 @@ int32_t LoadSwitch(cs::Object *obj, DVSDataHandle top) {
          rc = AppendFlagged(swList.h, DVS_REC_MAX_PORTS, &maxPorts, sizeof maxPorts);
       }
       if (rc == cs::kSuccess) {
-         rc = LoadConfigProps(DVS_REC_GLOBAL_PROPS, obj, swList.h, PROP_CLASS_GLOBAL, version,
+         rc = LoadConfigProps(DVS_REC_GLOBAL_PROPS, obj, swList.h, PROP_CLASS_GLOBAL, switchCtx,
                               nullptr);
          if (rc == cs::kSuccess) {
-            rc = LoadConfigProps(DVS_REC_HOST_PROPS, obj, swList.h, PROP_CLASS_HOST, version,
+            rc = LoadConfigProps(DVS_REC_HOST_PROPS, obj, swList.h, PROP_CLASS_HOST, switchCtx,
                                  nullptr);
          }
          if (rc == cs::kSuccess) {
-            rc = LoadPorts(obj, swList.h, version);
+            rc = LoadPorts(obj, swList.h, switchCtx);
          }
          if (rc != cs::kSuccess) {
             return rc;

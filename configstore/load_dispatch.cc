@@ -24,8 +24,8 @@ bool Named(const PropConfigMapEntry *row, const char *name) {
 
 // Some properties exist once per family of switch classes and share one
 // store key; only the one that fits the class of the switch is loaded.
-bool RowFitsSwitchClass(const PropConfigMapEntry *row) {
-   const bool vswitchFamily = gSwitchClassKind != kClassKindOther;
+bool RowFitsSwitchClass(const PropConfigMapEntry *row, uint32_t classKind) {
+   const bool vswitchFamily = classKind != kClassKindOther;
    switch (row->convType) {
       case PROP_CONV_STRING:
          if (vswitchFamily) {
@@ -34,10 +34,10 @@ bool RowFitsSwitchClass(const PropConfigMapEntry *row) {
          return !Named(row, "com.ostrel.vswitch.multicastFilter");
       case PROP_CONV_MTU:
          if (Named(row, "com.ostrel.vswitch.mtu")) {
-            return gSwitchClassKind == kClassKindVswitch;
+            return classKind == kClassKindVswitch;
          }
          if (Named(row, "com.ostrel.etherswitch.mtu")) {
-            return gSwitchClassKind == kClassKindOther;
+            return classKind == kClassKindOther;
          }
          return true;
       case PROP_CONV_TX_UPLINK:
@@ -55,7 +55,7 @@ void PrintRowFailure(const PropConfigMapEntry *row, const char *key, int32_t rc)
 
 // Converts every row of table that the store object src holds into list.
 int32_t LoadRows(const PropConfigMapEntry *table, uint32_t propClass, cs::Object *src,
-                 uint32_t version, DVSDataHandle list) {
+                 const ConvertContext &switchCtx, DVSDataHandle list) {
    for (const PropConfigMapEntry *row = table; row->propName != nullptr; row++) {
       cs::Object *target = src;
       int32_t rc = WalkConfigPath(row->path, row->depth, src, false, &target);
@@ -74,11 +74,14 @@ int32_t LoadRows(const PropConfigMapEntry *table, uint32_t propClass, cs::Object
          PrintRowFailure(row, key, kConfigStoreOwnFailure);
          return kConfigStoreOwnFailure;
       }
-      if (!RowFitsSwitchClass(row)) {
+      if (!RowFitsSwitchClass(row, switchCtx.classKind)) {
          continue;
       }
-      cs::Object *switchObj = propClass == PROP_CLASS_PORT ? nullptr : src;
-      ConvertContext ctx{propClass, row->propName, src, version, switchObj};
+      ConvertContext ctx = switchCtx;
+      ctx.propClass = propClass;
+      ctx.propName = row->propName;
+      ctx.source = src;
+      ctx.switchObj = propClass == PROP_CLASS_PORT ? nullptr : src;
       rc = converter->load(target, key, list, row->propName, row->propFlag, ctx);
       if (rc != cs::kSuccess && rc != cs::kNotFound) {
          PrintRowFailure(row, key, rc);
@@ -89,12 +92,16 @@ int32_t LoadRows(const PropConfigMapEntry *table, uint32_t propClass, cs::Object
 }
 
 // An uplink port's resource pools are those of its switch.
-int32_t LoadPortResPools(cs::Object *resMgmt, uint32_t version, DVSDataHandle list) {
+int32_t LoadPortResPools(cs::Object *resMgmt, const ConvertContext &switchCtx, DVSDataHandle list) {
    const PropConverter *converter = GetPropConverter(PROP_CONV_RESPOOL_CONFIG);
    if (converter == nullptr) {
       return kConfigStoreOwnFailure;
    }
-   ConvertContext ctx{PROP_CLASS_PORT, kPortResPoolsProp, resMgmt, version};
+   ConvertContext ctx = switchCtx;
+   ctx.propClass = PROP_CLASS_PORT;
+   ctx.propName = kPortResPoolsProp;
+   ctx.source = resMgmt;
+   ctx.switchObj = nullptr;
    const int32_t rc =
       converter->load(resMgmt, "traffic_resources", list, kPortResPoolsProp, kLoadedPropFlag, ctx);
    return AbsentIsSuccess(rc);
@@ -116,17 +123,17 @@ int32_t AddSerialized(DVSDataHandle dest, const char *name, DVSDataHandle list, 
 }  // namespace
 
 int32_t LoadConfigProps(const char *listName, cs::Object *src, DVSDataHandle dest,
-                        uint32_t propClass, uint32_t version, cs::Object *resMgmt) {
+                        uint32_t propClass, const ConvertContext &switchCtx, cs::Object *resMgmt) {
    CONFIGSTORE_PROGRESS("LoadProps: %s\n", listName);
    DVSDataHandle list = nullptr;
    int32_t rc = kConfigStoreOwnFailure;
    if (propClass <= PROP_CLASS_PORT && DVSData_Alloc(&list, std::malloc, std::free) == STATUS_OK) {
-      rc = LoadRows(GetConfigMap(static_cast<int32_t>(propClass)), propClass, src, version, list);
+      rc = LoadRows(GetConfigMap(static_cast<int32_t>(propClass)), propClass, src, switchCtx, list);
       if (rc == cs::kSuccess && propClass == PROP_CLASS_PORT && resMgmt != nullptr) {
-         rc = LoadPortResPools(resMgmt, version, list);
+         rc = LoadPortResPools(resMgmt, switchCtx, list);
       }
       if (rc == cs::kSuccess) {
-         rc = AddSerialized(dest, listName, list, version);
+         rc = AddSerialized(dest, listName, list, switchCtx.version);
       }
       DVSData_Free(list);
    }

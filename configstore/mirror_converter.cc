@@ -21,6 +21,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "configstore/property_layouts.h"
 
 namespace dvs::configstore {
 
@@ -28,12 +29,7 @@ namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
-constexpr uint32_t kTableMagic = 0xFACEBEEF;
-constexpr uint32_t kTableVersion = 1;
-constexpr uint32_t kPacketLengthNotSet = 0xFFFFFFFF;
-
-constexpr uint32_t kSessionKeySlot = 32;
-constexpr uint32_t kSessionNameSlot = 81;
+using namespace ::dvs::layouts;
 
 // Session flags.
 constexpr uint32_t kFlagNoNormalTraffic = 0x01;
@@ -43,73 +39,9 @@ constexpr uint32_t kFlagEncapVlan = 0x08;
 constexpr uint32_t kFlagLegacyMode = 0x10;
 constexpr uint32_t kFlagDisabled = 0x20;
 
-// Session types, positions in SESSION_TYPE_LOCAL_ENUM_2_SCHEMA.
-constexpr uint32_t kMixedDestMirror = 0;
-constexpr uint32_t kRemoteMirrorSource = 2;
-constexpr uint32_t kRemoteMirrorDest = 3;
-constexpr uint32_t kEncapRemoteMirrorSource = 4;
 // The types that have a text (the table's closing null is not one).
 constexpr uint32_t kSessionTypeCount = 5;
-
-// Port entries: a kind word, then a payload whose width depends on the
-// switch version.
-constexpr uint32_t kPortKindKey = 0;
-constexpr uint32_t kPortKindUplink = 1;
-constexpr uint32_t kPayloadOffset = 4;
-constexpr uint32_t kAddressOffset = 8;
-constexpr uint32_t kEntrySizeClassic = 36;
-constexpr uint32_t kEntrySizeWide = 52;
-constexpr uint32_t kWideEntryFromVersion = 100;
-constexpr uint32_t kMaxEntrySize = kEntrySizeWide;
-
-#pragma pack(push, 1)
-struct MirrorTableHeader {
-   uint32_t magic;
-   uint32_t version;
-   uint32_t numSessions;
-   uint32_t numPorts;
-   uint32_t reserved;
-};
-
-struct MirrorSession {
-   char key[kSessionKeySlot];
-   char name[kSessionNameSlot];
-   uint8_t reserved1[3];
-   uint32_t sessionType;
-   uint32_t mirroredPacketLength;
-   uint32_t sessionFlags;
-   uint16_t encapsulationVlanId;
-   uint16_t recvWildcardTypes;
-   uint16_t transmitWildcardTypes;
-   uint8_t reserved2[2];
-   uint32_t samplingRate;
-   uint32_t encapType;
-   uint16_t erspanId;
-   uint8_t erspanCos;
-   uint8_t erspanGraNanosec;
-   uint8_t reserved3[68];
-   uint32_t numDestPorts;
-   uint32_t numRecvPorts;
-   uint32_t numTransmitPorts;
-   uint32_t firstPortIndex;
-};
-#pragma pack(pop)
-static_assert(sizeof(MirrorTableHeader) == 20, "mirror table header size");
-static_assert(sizeof(MirrorSession) == 232, "mirror session size");
-static_assert(offsetof(MirrorSession, name) == 32, "mirror session layout");
-static_assert(offsetof(MirrorSession, sessionType) == 116, "mirror session layout");
-static_assert(offsetof(MirrorSession, mirroredPacketLength) == 120, "mirror session layout");
-static_assert(offsetof(MirrorSession, sessionFlags) == 124, "mirror session layout");
-static_assert(offsetof(MirrorSession, encapsulationVlanId) == 128, "mirror session layout");
-static_assert(offsetof(MirrorSession, recvWildcardTypes) == 130, "mirror session layout");
-static_assert(offsetof(MirrorSession, transmitWildcardTypes) == 132, "mirror session layout");
-static_assert(offsetof(MirrorSession, samplingRate) == 136, "mirror session layout");
-static_assert(offsetof(MirrorSession, encapType) == 140, "mirror session layout");
-static_assert(offsetof(MirrorSession, erspanId) == 144, "mirror session layout");
-static_assert(offsetof(MirrorSession, erspanCos) == 146, "mirror session layout");
-static_assert(offsetof(MirrorSession, erspanGraNanosec) == 147, "mirror session layout");
-static_assert(offsetof(MirrorSession, numDestPorts) == 216, "mirror session layout");
-static_assert(offsetof(MirrorSession, firstPortIndex) == 228, "mirror session layout");
+constexpr uint32_t kMaxEntrySize = kMirrorEntrySizeWide;
 
 constexpr uint32_t kHeaderSize = sizeof(MirrorTableHeader);
 constexpr uint32_t kSessionSize = sizeof(MirrorSession);
@@ -129,10 +61,6 @@ constexpr const char *kTransmitSource = "source_transmit_port";
 constexpr const char *kPortKeys = "port_keys";
 constexpr const char *kUplinkNames = "uplink_port_names";
 
-uint32_t EntrySize(uint32_t version) {
-   return version >= kWideEntryFromVersion ? kEntrySizeWide : kEntrySizeClassic;
-}
-
 // How the entries of one side of a session are kept in the store.
 enum class PortRule {
    kPortKeys,     // every entry's text in "port_keys"
@@ -144,11 +72,11 @@ enum class PortRule {
 
 PortRule DestinationRule(uint32_t sessionType) {
    switch (sessionType) {
-      case kRemoteMirrorSource:
+      case kMirrorRemoteSource:
          return PortRule::kUplinkNames;
-      case kEncapRemoteMirrorSource:
+      case kMirrorEncapRemoteSource:
          return PortRule::kAddresses;
-      case kMixedDestMirror:
+      case kMirrorMixedDest:
          return PortRule::kMixed;
       default:
          return PortRule::kPortKeys;
@@ -156,7 +84,7 @@ PortRule DestinationRule(uint32_t sessionType) {
 }
 
 PortRule SourceRule(uint32_t sessionType) {
-   return sessionType == kRemoteMirrorDest ? PortRule::kVlans : PortRule::kPortKeys;
+   return sessionType == kMirrorRemoteDest ? PortRule::kVlans : PortRule::kPortKeys;
 }
 
 // A read-only view of a table that has passed CheckTable.
@@ -188,7 +116,7 @@ bool EntryIsText(PortRule rule, uint32_t kind) {
       case PortRule::kUplinkNames:
          return true;
       case PortRule::kMixed:
-         return kind == kPortKindKey || kind == kPortKindUplink;
+         return kind == kMirrorPortKindKey || kind == kMirrorPortKindUplink;
       default:
          return false;
    }
@@ -197,8 +125,8 @@ bool EntryIsText(PortRule rule, uint32_t kind) {
 // The text of a port entry, cut at the payload's end (a checked table has
 // its NUL inside the payload).
 void EntryText(const uint8_t *entry, uint32_t entrySize, char (&text)[kMaxEntrySize]) {
-   const uint32_t width = entrySize - kPayloadOffset;
-   memcpy(text, entry + kPayloadOffset, width);
+   const uint32_t width = entrySize - kMirrorEntryPayloadAt;
+   memcpy(text, entry + kMirrorEntryPayloadAt, width);
    text[width < kMaxEntrySize ? width : kMaxEntrySize - 1] = '\0';
 }
 
@@ -215,7 +143,8 @@ bool CheckSide(const TableView &t, uint32_t session, const char *side, PortRule 
    for (uint32_t i = 0; i < count; i++) {
       const uint8_t *entry = t.Entry(static_cast<uint32_t>(first + i));
       if (EntryIsText(rule, EntryKind(entry)) &&
-          memchr(entry + kPayloadOffset, '\0', t.entrySize - kPayloadOffset) == nullptr) {
+          memchr(entry + kMirrorEntryPayloadAt, '\0', t.entrySize - kMirrorEntryPayloadAt) ==
+             nullptr) {
          CONFIGSTORE_FAIL("Mirror session %u: %s port %u not terminated\n", session, side, i);
          return false;
       }
@@ -283,8 +212,8 @@ int32_t CheckTable(const void *value, uint32_t valueLen, uint32_t entrySize, Tab
 // The address of an encapsulated destination as text: dotted IPv4, or
 // eight groups of four hex digits for IPv6.
 void FormatAddress(const uint8_t *entry, char (&text)[40]) {
-   const uint8_t *a = entry + kAddressOffset;
-   if (entry[kPayloadOffset] != 0) {
+   const uint8_t *a = entry + kMirrorEntryAddressAt;
+   if (entry[kMirrorEntryPayloadAt] != 0) {
       snprintf(text, sizeof text,
                "%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x", a[0],
                a[1], a[2], a[3], a[4], a[5], a[6], a[7], a[8], a[9], a[10], a[11], a[12], a[13],
@@ -333,15 +262,15 @@ int32_t WritePorts(const TableView &t, cs::Object *side, PortRule rule, uint32_t
                                        text);
             break;
          case PortRule::kMixed:
-            if (kind == kPortKindKey || kind == kPortKindUplink) {
+            if (kind == kMirrorPortKindKey || kind == kMirrorPortKindUplink) {
                EntryText(entry, t.entrySize, text);
-               rc = cs::AppendValueString(side, kind == kPortKindKey ? kPortKeys : kUplinkNames,
-                                          text);
+               rc = cs::AppendValueString(
+                  side, kind == kMirrorPortKindKey ? kPortKeys : kUplinkNames, text);
             }
             break;
          case PortRule::kVlans: {
             uint16_t vlan;
-            memcpy(&vlan, entry + kPayloadOffset, sizeof vlan);
+            memcpy(&vlan, entry + kMirrorEntryPayloadAt, sizeof vlan);
             rc = cs::AppendValueInt(side, "vlans", vlan);
             break;
          }
@@ -387,8 +316,8 @@ int32_t SaveSession(const TableView &t, uint32_t i, cs::Object *obj, const char 
    }
    // Only the "not set" length is written; any other length is left out
    // and loads back as not set.
-   if (rc == cs::kSuccess && s.mirroredPacketLength == kPacketLengthNotSet) {
-      rc = cs::SetValueUint32(inst, "mirrored_packet_length", kPacketLengthNotSet);
+   if (rc == cs::kSuccess && s.mirroredPacketLength == kMirrorPacketLengthNotSet) {
+      rc = cs::SetValueUint32(inst, "mirrored_packet_length", kMirrorPacketLengthNotSet);
    }
    if (rc == cs::kSuccess) {
       rc = cs::SetValueStr(inst, "session_type", SESSION_TYPE_LOCAL_ENUM_2_SCHEMA[s.sessionType]);
@@ -606,7 +535,7 @@ int32_t ReadSession(cs::Object *inst, MirrorSession *s) {
    s->mirroredPacketLength =
       cs::GetValueUint32(inst, "mirrored_packet_length", &u32) == cs::kSuccess
          ? u32
-         : kPacketLengthNotSet;
+         : kMirrorPacketLengthNotSet;
    uint16_t u16 = 0;
    rc = ReadOptional<uint16_t, cs::GetValueUint16>(inst, "encapsulation_vlan_id", &u16);
    if (rc != cs::kSuccess) {
@@ -680,7 +609,7 @@ int32_t ReadSession(cs::Object *inst, MirrorSession *s) {
 // Appends the texts of list as entries of kind, from entry *next on.
 int32_t PutPorts(uint8_t *ports, uint32_t entrySize, const StringList &list, uint32_t kind,
                  const char *sessionKey, uint32_t *next) {
-   const uint32_t width = entrySize - kPayloadOffset;
+   const uint32_t width = entrySize - kMirrorEntryPayloadAt;
    for (uint32_t i = 0; i < list.count; i++) {
       const size_t len = strlen(list.items[i]);
       if (len >= width) {
@@ -690,7 +619,7 @@ int32_t PutPorts(uint8_t *ports, uint32_t entrySize, const StringList &list, uin
       }
       uint8_t *entry = ports + size_t{*next} * entrySize;
       memcpy(entry, &kind, sizeof kind);
-      memcpy(entry + kPayloadOffset, list.items[i], len + 1);
+      memcpy(entry + kMirrorEntryPayloadAt, list.items[i], len + 1);
       (*next)++;
    }
    return cs::kSuccess;
@@ -699,7 +628,7 @@ int32_t PutPorts(uint8_t *ports, uint32_t entrySize, const StringList &list, uin
 // Builds the table of n sessions into a zeroed buffer of len bytes.
 int32_t FillTable(uint8_t *buf, uint32_t entrySize, cs::Object **insts, SessionPorts *ports,
                   uint32_t n, uint32_t numPorts) {
-   const MirrorTableHeader header{kTableMagic, kTableVersion, n, numPorts, 0};
+   const MirrorTableHeader header{kMirrorTableMagic, kMirrorTableVersion, n, numPorts, 0};
    memcpy(buf, &header, sizeof header);
    uint8_t *portArray = buf + kHeaderSize + size_t{n} * kSessionSize;
    uint32_t next = 0;
@@ -715,15 +644,15 @@ int32_t FillTable(uint8_t *buf, uint32_t entrySize, cs::Object **insts, SessionP
       s.numDestPorts = p.destKeys.count + p.destUplinks.count;
       s.numRecvPorts = p.recvKeys.count;
       s.numTransmitPorts = p.transmitKeys.count;
-      rc = PutPorts(portArray, entrySize, p.destKeys, kPortKindKey, s.key, &next);
+      rc = PutPorts(portArray, entrySize, p.destKeys, kMirrorPortKindKey, s.key, &next);
       if (rc == cs::kSuccess) {
-         rc = PutPorts(portArray, entrySize, p.destUplinks, kPortKindUplink, s.key, &next);
+         rc = PutPorts(portArray, entrySize, p.destUplinks, kMirrorPortKindUplink, s.key, &next);
       }
       if (rc == cs::kSuccess) {
-         rc = PutPorts(portArray, entrySize, p.recvKeys, kPortKindKey, s.key, &next);
+         rc = PutPorts(portArray, entrySize, p.recvKeys, kMirrorPortKindKey, s.key, &next);
       }
       if (rc == cs::kSuccess) {
-         rc = PutPorts(portArray, entrySize, p.transmitKeys, kPortKindKey, s.key, &next);
+         rc = PutPorts(portArray, entrySize, p.transmitKeys, kMirrorPortKindKey, s.key, &next);
       }
       if (rc != cs::kSuccess) {
          return rc;
@@ -779,7 +708,7 @@ int32_t LoadSessions(cs::Object **insts, uint32_t n, uint32_t entrySize, DVSData
 int32_t SaveMirrorSessions(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
                            const ConvertContext &ctx) {
    TableView t{};
-   int32_t rc = CheckTable(value, valueLen, EntrySize(ctx.version), &t);
+   int32_t rc = CheckTable(value, valueLen, MirrorPortEntrySize(ctx.version), &t);
    uint32_t nextPort = 0;
    for (uint32_t i = 0; i < t.numSessions && rc == cs::kSuccess; i++) {
       rc = SaveSession(t, i, obj, key, ctx.switchObj, &nextPort);
@@ -801,7 +730,7 @@ int32_t LoadMirrorSessions(cs::Object *obj, const char *key, DVSDataHandle props
    if (rc == cs::kNotFound) {
       rc = cs::kSuccess;  // no sessions, no property
    } else if (rc == cs::kSuccess && n >= 1) {
-      rc = LoadSessions(insts, n, EntrySize(ctx.version), props, propName, propFlag);
+      rc = LoadSessions(insts, n, MirrorPortEntrySize(ctx.version), props, propName, propFlag);
    }
    free(insts);
    return rc;

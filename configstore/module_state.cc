@@ -1,5 +1,6 @@
-// State the converters of one save or load share: the kind of the switch
-// being converted and the time spent in store calls.
+// The module state a save or load leaves behind: the kind of the last
+// switch converted, the time spent in store calls and the out-of-memory
+// note of the load.  Converters read none of it.
 #include <cstring>
 #include <ctime>
 
@@ -9,8 +10,6 @@ namespace dvs::configstore {
 
 uint32_t gSwitchClassKind = kClassKindOther;
 bool gIsZltSwitch = false;
-uint32_t gSwitchVersion = 0;
-::configstore::Object *gSwitchObject = nullptr;
 int64_t gConfigStoreTimeMs = 0;
 bool gStoreOutOfMemory = false;
 

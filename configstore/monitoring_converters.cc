@@ -14,6 +14,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "configstore/property_layouts.h"
 
 namespace dvs::configstore {
 
@@ -21,39 +22,7 @@ namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
-#pragma pack(push, 1)
-struct IpfixConfig {
-   uint32_t idleFlowTimeout;
-   uint32_t activeFlowTimeout;
-   uint8_t collectorAddress[16];  // IPv4 in the first 4 bytes, or IPv6
-   uint16_t collectorPort;
-   uint32_t samplingRate;
-   uint8_t internalFlowsOnly;
-   uint8_t collectorIsIpv6;
-   uint32_t observationDomainId;
-};
-
-struct LinkDiscoveryConfig {
-   uint8_t protocol;   // index into CDP_MODE_2_CHARS
-   uint8_t operation;  // index into CDP_OPERATION_2_CHARS
-};
-
-struct HealthCheckDeploy {
-   uint8_t enable;
-   uint32_t interval;
-};
-#pragma pack(pop)
-
-static_assert(sizeof(IpfixConfig) == 36, "IpfixConfig layout");
-static_assert(offsetof(IpfixConfig, collectorAddress) == 8, "IpfixConfig layout");
-static_assert(offsetof(IpfixConfig, collectorPort) == 24, "IpfixConfig layout");
-static_assert(offsetof(IpfixConfig, samplingRate) == 26, "IpfixConfig layout");
-static_assert(offsetof(IpfixConfig, internalFlowsOnly) == 30, "IpfixConfig layout");
-static_assert(offsetof(IpfixConfig, collectorIsIpv6) == 31, "IpfixConfig layout");
-static_assert(offsetof(IpfixConfig, observationDomainId) == 32, "IpfixConfig layout");
-static_assert(sizeof(LinkDiscoveryConfig) == 2, "LinkDiscoveryConfig layout");
-static_assert(sizeof(HealthCheckDeploy) == 5, "HealthCheckDeploy layout");
-static_assert(offsetof(HealthCheckDeploy, interval) == 1, "HealthCheckDeploy layout");
+using namespace ::dvs::layouts;
 
 // Numbers of texts in the link discovery tables: a protocol or operation
 // at or past these has no text.

@@ -13,6 +13,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "configstore/property_layouts.h"
 
 namespace dvs::configstore {
 
@@ -20,32 +21,7 @@ namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
-#pragma pack(push, 1)
-struct PortVlanPolicy {
-   uint16_t flags;
-   uint16_t vlanId;  // VLAN or private VLAN id; unused for a trunk
-   uint16_t reserved;
-   uint16_t rangeCount;  // trunk ranges that follow
-};
-
-struct VlanRange {
-   uint16_t start;
-   uint16_t end;
-};
-
-struct PortShapingPolicy {
-   uint64_t averageBandwidth;
-   uint64_t peakBandwidth;
-   uint64_t burstSize;
-};
-#pragma pack(pop)
-
-static_assert(sizeof(PortVlanPolicy) == 8, "PortVlanPolicy layout");
-static_assert(offsetof(PortVlanPolicy, vlanId) == 2, "PortVlanPolicy layout");
-static_assert(offsetof(PortVlanPolicy, rangeCount) == 6, "PortVlanPolicy layout");
-static_assert(sizeof(VlanRange) == 4, "VlanRange layout");
-static_assert(sizeof(PortShapingPolicy) == 24, "PortShapingPolicy layout");
-static_assert(offsetof(PortShapingPolicy, burstSize) == 16, "PortShapingPolicy layout");
+using namespace ::dvs::layouts;
 
 constexpr uint16_t kVlanTrunk = 0x1;
 constexpr uint16_t kVlanPrivate = 0x2;
@@ -244,23 +220,23 @@ int32_t SaveVlanEther(cs::Object *obj, const char *key, const void *value, uint3
 // Only switches of the vswitch and cswitch classes keep this row's value.
 int32_t SaveVlanVswitch(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
                         const ConvertContext &ctx) {
-   if (gSwitchClassKind == kClassKindOther) {
+   if (ctx.classKind == kClassKindOther) {
       return cs::kSuccess;
    }
    return SaveVlan(obj, key, value, valueLen, ctx, false);
 }
 
 int32_t LoadVlanEther(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                      uint64_t propFlag, const ConvertContext &) {
-   if (gSwitchClassKind != kClassKindOther) {
+                      uint64_t propFlag, const ConvertContext &ctx) {
+   if (ctx.classKind != kClassKindOther) {
       return cs::kSuccess;
    }
    return LoadVlan(obj, key, props, propName, propFlag, false);
 }
 
 int32_t LoadVlanVswitch(cs::Object *obj, const char *key, DVSDataHandle props, const char *propName,
-                        uint64_t propFlag, const ConvertContext &) {
-   if (gSwitchClassKind == kClassKindOther) {
+                        uint64_t propFlag, const ConvertContext &ctx) {
+   if (ctx.classKind == kClassKindOther) {
       return cs::kSuccess;
    }
    return LoadVlan(obj, key, props, propName, propFlag, true);
@@ -337,11 +313,12 @@ int32_t LoadShaping(cs::Object *obj, const char *key, DVSDataHandle props, const
 // Both rows write the same way, whatever the switch's class.
 int32_t SaveSecurity(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
                      const ConvertContext &ctx) {
-   uint32_t bits;
-   if (ValueTooShort(value, valueLen, sizeof bits, ctx, key)) {
+   PortSecurityPolicy policyValue;
+   if (ValueTooShort(value, valueLen, sizeof policyValue, ctx, key)) {
       return kConverterBadValue;
    }
-   memcpy(&bits, value, sizeof bits);
+   memcpy(&policyValue, value, sizeof policyValue);
+   const uint32_t bits = policyValue.rejectBits;
    cs::Object *policy = nullptr;
    int32_t rc = GetOrCreateSubObject(true, obj, key, nullptr, &policy);
    for (const SecurityKey &k : kSecurityKeys) {
@@ -363,11 +340,11 @@ int32_t LoadSecurity(cs::Object *obj, const char *key, DVSDataHandle props, cons
       return AbsentIsSuccess(rc);
    }
    // Only an explicit "not allowed" sets a bit.
-   uint32_t bits = 0;
+   PortSecurityPolicy bits{0};
    for (const SecurityKey &k : kSecurityKeys) {
       bool allowed = true;
       if (cs::GetValueBool(policy, k.allowKey, &allowed) == cs::kSuccess && !allowed) {
-         bits |= k.rejectBit;
+         bits.rejectBits |= k.rejectBit;
       }
    }
    return UpdateProp(props, propName, &bits, sizeof bits, propFlag);
@@ -376,16 +353,16 @@ int32_t LoadSecurity(cs::Object *obj, const char *key, DVSDataHandle props, cons
 }  // namespace
 
 int32_t LoadSecurityEther(cs::Object *obj, const char *key, DVSDataHandle props,
-                          const char *propName, uint64_t propFlag, const ConvertContext &) {
-   if (gSwitchClassKind != kClassKindOther) {
+                          const char *propName, uint64_t propFlag, const ConvertContext &ctx) {
+   if (ctx.classKind != kClassKindOther) {
       return cs::kSuccess;
    }
    return LoadSecurity(obj, key, props, propName, propFlag);
 }
 
 int32_t LoadSecurityVswitch(cs::Object *obj, const char *key, DVSDataHandle props,
-                            const char *propName, uint64_t propFlag, const ConvertContext &) {
-   if (gSwitchClassKind == kClassKindOther) {
+                            const char *propName, uint64_t propFlag, const ConvertContext &ctx) {
+   if (ctx.classKind == kClassKindOther) {
       return cs::kSuccess;
    }
    return LoadSecurity(obj, key, props, propName, propFlag);

@@ -12,6 +12,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "configstore/property_layouts.h"
 
 namespace dvs::configstore {
 
@@ -22,26 +23,15 @@ namespace {
 constexpr const char *kEtherPvlanProp = "com.ostrel.etherswitch.pvlanMap";
 constexpr const char *kVswitchPvlanProp = "com.ostrel.vswitch.pvlanMap";
 
-// Switches of this class, and every switch of a version above this one,
-// keep the map in the vswitch property.
+using namespace ::dvs::layouts;
+
+// Switches of this class, and every switch of a version above
+// kLastEtherPvlanVersion, keep the map in the vswitch property.
 constexpr const char *kCswitchClass = "cswitch";
-constexpr uint32_t kLastEtherPvlanVersion = 106;
 
 // Port types that have a text in PVLAN_2_CHARS.
 constexpr uint8_t kPvlanTypeFirst = 1;
 constexpr uint8_t kPvlanTypeLast = 3;
-
-#pragma pack(push, 1)
-struct PvlanMapEntry {
-   uint16_t primaryId;
-   uint16_t secondaryId;
-   uint8_t pvlanType;
-   uint8_t reserved[3];
-};
-#pragma pack(pop)
-static_assert(sizeof(PvlanMapEntry) == 8, "private VLAN entry size");
-static_assert(offsetof(PvlanMapEntry, secondaryId) == 2, "private VLAN entry layout");
-static_assert(offsetof(PvlanMapEntry, pvlanType) == 4, "private VLAN entry layout");
 
 PvlanMapEntry EntryAt(const void *value, uint32_t i) {
    PvlanMapEntry entry;

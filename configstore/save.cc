@@ -19,14 +19,14 @@ namespace {
 // Writes every property of list with class propClass; stops at the first
 // failure and returns its code.  progress (may be null) is printed per
 // property.
-int32_t SavePropList(cs::Object *obj, DVSDataHandle list, uint32_t propClass,
-                     const char *progress) {
+int32_t SavePropList(cs::Object *obj, DVSDataHandle list, uint32_t propClass, const char *progress,
+                     const ConvertContext &switchCtx) {
    DVSDataEntry *e = nullptr;
    while (DVSData_Next(list, e, &e) == STATUS_OK && e != nullptr) {
       if (progress != nullptr) {
          CONFIGSTORE_PROGRESS(progress, e->name);
       }
-      const int32_t rc = SaveConfigProp(obj, e->name, e->data, e->dataLen, propClass, e->flag);
+      const int32_t rc = SaveConfigProp(obj, e->name, e->data, e->dataLen, propClass, switchCtx);
       if (rc != cs::kSuccess) {
          return rc;
       }
@@ -35,7 +35,7 @@ int32_t SavePropList(cs::Object *obj, DVSDataHandle list, uint32_t propClass,
 }
 
 // Every port in use, in slot order, as a "ports" instance of obj.
-int32_t SavePorts(cs::Object *obj, DVSwitch *dvs) {
+int32_t SavePorts(cs::Object *obj, DVSwitch *dvs, const ConvertContext &switchCtx) {
    if (dvs->portBitmap == nullptr) {
       return cs::kSuccess;
    }
@@ -48,7 +48,7 @@ int32_t SavePorts(cs::Object *obj, DVSwitch *dvs) {
       cs::Object *portObj = nullptr;
       int32_t rc = GetOrCreateSubObject(true, obj, "ports", port->id, &portObj);
       if (rc == cs::kSuccess) {
-         rc = SavePropList(portObj, port->data, PROP_CLASS_PORT, nullptr);
+         rc = SavePropList(portObj, port->data, PROP_CLASS_PORT, nullptr, switchCtx);
       }
       if (rc != cs::kSuccess) {
          return rc;
@@ -135,9 +135,11 @@ class ExistingObjects {
 
 bool SaveSwitchToConfigStore(DVSwitch *dvs, void *arg) {
    auto *ctx = static_cast<ConfigSaveCtx *>(arg);
-   gSwitchVersion = DVS_Version(dvs);
-   gIsZltSwitch = gSwitchVersion > 99;
-   gSwitchClassKind = SwitchClassKind(DVS_ClassName(dvs));
+   ConvertContext switchCtx;
+   switchCtx.version = DVS_Version(dvs);
+   switchCtx.classKind = SwitchClassKind(DVS_ClassName(dvs));
+   gIsZltSwitch = switchCtx.version > 99;
+   gSwitchClassKind = switchCtx.classKind;
 
    int64_t start = MonotonicMs();
    cs::Object *obj = nullptr;
@@ -145,7 +147,7 @@ bool SaveSwitchToConfigStore(DVSwitch *dvs, void *arg) {
       return true;
    }
 
-   gSwitchObject = obj;
+   switchCtx.switchObj = obj;
    cs::Object *product = nullptr;
    int32_t rc = GetOrCreateSubObject(true, obj, "product", "", &product);
    if (rc == cs::kSuccess) {
@@ -156,12 +158,14 @@ bool SaveSwitchToConfigStore(DVSwitch *dvs, void *arg) {
       gConfigStoreTimeMs += MonotonicMs() - start;
    }
    if (rc == cs::kSuccess) {
-      rc = SavePropList(obj, dvs->globalPropList, PROP_CLASS_GLOBAL, "SaveGlobalProp: %s\n");
+      rc = SavePropList(obj, dvs->globalPropList, PROP_CLASS_GLOBAL, "SaveGlobalProp: %s\n",
+                        switchCtx);
       if (rc == cs::kSuccess) {
-         rc = SavePropList(obj, dvs->hostPropList, PROP_CLASS_HOST, "SaveHostProp: %s\n");
+         rc =
+            SavePropList(obj, dvs->hostPropList, PROP_CLASS_HOST, "SaveHostProp: %s\n", switchCtx);
       }
       if (rc == cs::kSuccess) {
-         rc = SavePorts(obj, dvs);
+         rc = SavePorts(obj, dvs, switchCtx);
       }
       if (rc == cs::kSuccess) {
          start = MonotonicMs();
@@ -171,7 +175,6 @@ bool SaveSwitchToConfigStore(DVSwitch *dvs, void *arg) {
    }
    // On any failure nothing of this switch was written: Set is the only
    // call that reaches the database, and the caller cancels the run.
-   gSwitchObject = nullptr;
    return FinishSwitchSave(ctx, dvs, obj, rc);
 }
 

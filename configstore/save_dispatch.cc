@@ -11,7 +11,7 @@ namespace dvs::configstore {
 namespace cs = ::dvs::configstore::store_calls;
 
 int32_t SaveConfigProp(::configstore::Object *obj, const char *name, const void *value,
-                       uint32_t valueLen, uint32_t propClass, uint64_t /* propFlag */) {
+                       uint32_t valueLen, uint32_t propClass, const ConvertContext &switchCtx) {
    if (propClass > PROP_CLASS_PORT) {
       return kConfigStoreOwnFailure;
    }
@@ -41,9 +41,14 @@ int32_t SaveConfigProp(::configstore::Object *obj, const char *name, const void 
       CONFIGSTORE_FAIL("Unknow prop type: %d\n", static_cast<int>(row->convType));
       rc = kConfigStoreOwnFailure;
    } else {
+      ConvertContext ctx = switchCtx;
+      ctx.propClass = propClass;
+      ctx.propName = name;
+      ctx.source = obj;
       // Global and host rows start on the switch object itself.
-      cs::Object *switchObj = propClass == PROP_CLASS_PORT ? gSwitchObject : obj;
-      const ConvertContext ctx{propClass, name, obj, gSwitchVersion, switchObj};
+      if (propClass != PROP_CLASS_PORT) {
+         ctx.switchObj = obj;
+      }
       rc = converter->save(target, key, value, valueLen, ctx);
    }
    gConfigStoreTimeMs += MonotonicMs() - start;

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "configstore/converters.h"
+#include "configstore/property_layouts.h"
 
 namespace dvs::configstore {
 
@@ -16,12 +17,8 @@ namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
-// Record sizes of the counted name arrays, and the name field of a
-// resource pool key record.
-constexpr uint32_t kResPoolKeyRecord = 200;
-constexpr uint32_t kResPoolKeyNameMax = 128;
-constexpr uint32_t kUplinkKeyRecord = 48;
-constexpr uint32_t kUplinkNameRecord = 81;
+using namespace ::dvs::layouts;
+
 constexpr uint32_t kMaxRecord = kResPoolKeyRecord;
 
 constexpr uint32_t kPtAllowed = 2;
@@ -79,7 +76,7 @@ int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint3
                       uint32_t recordSize, bool emptyWhenZero) {
    const auto *bytes = static_cast<const uint8_t *>(value);
    const uint32_t count = Fixed<uint32_t>(value, valueLen);
-   if (valueLen < 4 || uint64_t{count} * recordSize + 4 > valueLen) {
+   if (valueLen < kCountSize || uint64_t{count} * recordSize + kCountSize > valueLen) {
       if (dvsconfigstore_debug >= 0) {
          printf("Bad name array for key: %s, count: %u, length: %u\n", key, count, valueLen);
       }
@@ -96,7 +93,7 @@ int32_t SaveNameArray(cs::Object *obj, const char *key, const void *value, uint3
       // A record is a name and its NUL; a name that fills its whole record
       // ends there.
       char name[kMaxRecord + 1];
-      memcpy(name, bytes + 4 + size_t{i} * recordSize, recordSize);
+      memcpy(name, bytes + kCountSize + size_t{i} * recordSize, recordSize);
       name[recordSize] = '\0';
       rc = cs::AppendValueString(obj, key, name);
       if (rc != cs::kSuccess) {
@@ -124,7 +121,7 @@ constexpr NameArrayLayout kResPoolKeys = {kResPoolKeyRecord, kResPoolKeyNameMax,
 constexpr NameArrayLayout kUplinkKeys = {kUplinkKeyRecord, kUplinkKeyRecord,
                                          "Failed to alloc memory for DVSUplinkPortIds",
                                          kConverterFailure};
-constexpr NameArrayLayout kUplinkNames = {kUplinkNameRecord, kUplinkNameRecord,
+constexpr NameArrayLayout kUplinkNames = {kUplinkNameSlot, kUplinkNameSlot,
                                           "Failed to alloc memory for DVSUplinkPorts",
                                           kConverterFailure};
 
@@ -140,7 +137,7 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, DVSDataHandle props, con
       cs::DestroyStringArrayValue(names, count);
       return AbsentIsSuccess(rc);
    }
-   const uint64_t len = uint64_t{count} * layout.recordSize + 4;
+   const uint64_t len = uint64_t{count} * layout.recordSize + kCountSize;
    // Zero-filled: the bytes after each name carry no meaning, and no heap
    // contents may reach a blob.
    auto *buf = len <= UINT32_MAX ? static_cast<uint8_t *>(calloc(1, len)) : nullptr;
@@ -154,7 +151,7 @@ int32_t LoadNameArray(cs::Object *obj, const char *key, DVSDataHandle props, con
    } else {
       memcpy(buf, &count, sizeof count);
       for (uint32_t i = 0; i < count; i++) {
-         char *rec = reinterpret_cast<char *>(buf + 4 + size_t{i} * layout.recordSize);
+         char *rec = reinterpret_cast<char *>(buf + kCountSize + size_t{i} * layout.recordSize);
          snprintf(rec, layout.nameMax, "%s", names[i]);
       }
       rc = Update(props, propName, buf, static_cast<uint32_t>(len), propFlag);
@@ -381,7 +378,7 @@ int32_t LoadSwitchVersion(cs::Object *, const char *, DVSDataHandle props, const
 
 int32_t SaveUplinkNameList(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
                            const ConvertContext &) {
-   return SaveNameArray(obj, key, value, valueLen, kUplinkNameRecord, false);
+   return SaveNameArray(obj, key, value, valueLen, kUplinkNameSlot, false);
 }
 
 int32_t LoadUplinkNameList(cs::Object *obj, const char *key, DVSDataHandle props,

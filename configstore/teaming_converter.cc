@@ -24,6 +24,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "configstore/property_layouts.h"
 
 namespace dvs::configstore {
 
@@ -31,8 +32,8 @@ namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
-constexpr uint32_t kMaxUplinks = 32;      // name slots in the record
-constexpr uint32_t kUplinkNameSlot = 81;  // a name of up to 80 characters and its NUL
+using namespace ::dvs::layouts;
+
 constexpr uint32_t kUplinkNameMax = kUplinkNameSlot - 1;
 
 // failureFlags
@@ -49,29 +50,6 @@ constexpr uint32_t kNotifySwitches = 0x20;
 
 // The policy codes that have a text; 0 and 6 have none.
 constexpr uint32_t kPolicyTextLimit = 6;
-
-#pragma pack(push, 1)
-struct UplinkTeamingPolicy {
-   uint32_t policy;
-   uint32_t failureFlags;
-   uint8_t percentage;
-   uint8_t fullDuplex;
-   uint16_t speed;
-   uint32_t teamingFlags;
-   uint32_t numActive;
-   uint32_t numStandby;
-   char uplinkNames[kMaxUplinks][kUplinkNameSlot];
-};
-#pragma pack(pop)
-static_assert(sizeof(UplinkTeamingPolicy) == 2616, "teaming policy size");
-static_assert(offsetof(UplinkTeamingPolicy, failureFlags) == 4, "teaming policy layout");
-static_assert(offsetof(UplinkTeamingPolicy, percentage) == 8, "teaming policy layout");
-static_assert(offsetof(UplinkTeamingPolicy, fullDuplex) == 9, "teaming policy layout");
-static_assert(offsetof(UplinkTeamingPolicy, speed) == 10, "teaming policy layout");
-static_assert(offsetof(UplinkTeamingPolicy, teamingFlags) == 12, "teaming policy layout");
-static_assert(offsetof(UplinkTeamingPolicy, numActive) == 16, "teaming policy layout");
-static_assert(offsetof(UplinkTeamingPolicy, numStandby) == 20, "teaming policy layout");
-static_assert(offsetof(UplinkTeamingPolicy, uplinkNames) == 24, "teaming policy layout");
 
 // The booleans of teamingFlags, in the order they are written and read.
 struct FlagKey {
@@ -100,9 +78,9 @@ bool ReadPolicyValue(const void *value, uint32_t valueLen, const char *key,
    }
    memcpy(policy, value, sizeof *policy);
    const uint64_t names = uint64_t{policy->numActive} + policy->numStandby;
-   if (names > kMaxUplinks) {
+   if (names > kTeamingUplinkSlots) {
       CONFIGSTORE_FAIL("Teaming policy for key: %s has %u + %u uplinks, more than %u slots\n", key,
-                       policy->numActive, policy->numStandby, kMaxUplinks);
+                       policy->numActive, policy->numStandby, kTeamingUplinkSlots);
       return false;
    }
    for (uint32_t i = 0; i < names; i++) {
@@ -127,8 +105,8 @@ int32_t AppendNames(cs::Object *order, const char *key, const UplinkTeamingPolic
 }
 
 int32_t SaveTeaming(cs::Object *parent, const char *key, const void *value, uint32_t valueLen,
-                    TeamingForm form) {
-   if (form == TeamingForm::kVswitch && gSwitchClassKind == kClassKindOther) {
+                    TeamingForm form, uint32_t classKind) {
+   if (form == TeamingForm::kVswitch && classKind == kClassKindOther) {
       return cs::kSuccess;
    }
    UplinkTeamingPolicy policy;
@@ -215,11 +193,11 @@ void LoadNames(cs::Object *order, const char *key, UplinkTeamingPolicy *policy, 
       return;
    }
    for (uint32_t i = 0; i < n; i++) {
-      if (*used >= kMaxUplinks) {
+      if (*used >= kTeamingUplinkSlots) {
          CONFIGSTORE_FAIL(
             "Teaming policy: %u of the %u names in %s ignored, all %u uplink "
             "slots are taken\n",
-            n - i, n, key, kMaxUplinks);
+            n - i, n, key, kTeamingUplinkSlots);
          break;
       }
       const char *name = names[i] != nullptr ? names[i] : "";
@@ -238,9 +216,9 @@ void LoadNames(cs::Object *order, const char *key, UplinkTeamingPolicy *policy, 
 }
 
 int32_t LoadTeaming(cs::Object *parent, const char *key, DVSDataHandle props, const char *propName,
-                    uint64_t propFlag, TeamingForm form) {
-   const bool classFits = form == TeamingForm::kEther ? gSwitchClassKind == kClassKindOther
-                                                      : gSwitchClassKind != kClassKindOther;
+                    uint64_t propFlag, TeamingForm form, uint32_t classKind) {
+   const bool classFits =
+      form == TeamingForm::kEther ? classKind == kClassKindOther : classKind != kClassKindOther;
    if (!classFits) {
       return cs::kSuccess;
    }
@@ -309,23 +287,23 @@ uint32_t TeamingPolicyFromSchema(const char *text) {
 }
 
 int32_t SaveTeamingEther(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
-                         const ConvertContext &) {
-   return SaveTeaming(obj, key, value, valueLen, TeamingForm::kEther);
+                         const ConvertContext &ctx) {
+   return SaveTeaming(obj, key, value, valueLen, TeamingForm::kEther, ctx.classKind);
 }
 
 int32_t LoadTeamingEther(cs::Object *obj, const char *key, DVSDataHandle props,
-                         const char *propName, uint64_t propFlag, const ConvertContext &) {
-   return LoadTeaming(obj, key, props, propName, propFlag, TeamingForm::kEther);
+                         const char *propName, uint64_t propFlag, const ConvertContext &ctx) {
+   return LoadTeaming(obj, key, props, propName, propFlag, TeamingForm::kEther, ctx.classKind);
 }
 
 int32_t SaveTeamingVswitch(cs::Object *obj, const char *key, const void *value, uint32_t valueLen,
-                           const ConvertContext &) {
-   return SaveTeaming(obj, key, value, valueLen, TeamingForm::kVswitch);
+                           const ConvertContext &ctx) {
+   return SaveTeaming(obj, key, value, valueLen, TeamingForm::kVswitch, ctx.classKind);
 }
 
 int32_t LoadTeamingVswitch(cs::Object *obj, const char *key, DVSDataHandle props,
-                           const char *propName, uint64_t propFlag, const ConvertContext &) {
-   return LoadTeaming(obj, key, props, propName, propFlag, TeamingForm::kVswitch);
+                           const char *propName, uint64_t propFlag, const ConvertContext &ctx) {
+   return LoadTeaming(obj, key, props, propName, propFlag, TeamingForm::kVswitch, ctx.classKind);
 }
 
 }  // namespace dvs::configstore

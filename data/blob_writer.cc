@@ -100,17 +100,40 @@ ReturnStatus TakeBuffer(DVSDataHandle h, void **blob, uint32_t *len, uint32_t ne
    return STATUS_OK;
 }
 
-// Writes the list's blob of `need` bytes (its FilteredSize) at out; see
-// WriteListBlob.
-ReturnStatus WriteInto(DVSDataHandle h, const Filter &filter, uint8_t *out, uint32_t need,
-                       uint32_t *wordSum) {
-   // Every record image is a whole number of words at a word offset, so the
-   // checksum is summed while the records are copied.
-   WordSum sum;
-   sum.Add(WriteBlobHeader(out, need));
-   uint32_t pos = DVSDATA_HEADER_SIZE;
+// Where a record copy stopped: the write position, the part of the list's
+// recorded size not walked, the entry it stopped at (null at the end) and
+// the word sum of what was copied.
+struct RecordCopy {
+   uint32_t pos;
+   uint32_t remaining;
+   const DVSDataEntry *stop;
+   uint32_t sum;
+};
+
+// Copies the record images the filter keeps to out + pos, summing their
+// words as they are copied (every image is a whole number of words at a
+// word offset).  Built once per lane width; see CopyKeptRecords.
+template <typename Sum>
+__attribute__((always_inline)) inline RecordCopy CopyKeptRecordsWith(DVSDataHandle h,
+                                                                     const Filter &filter,
+                                                                     uint8_t *out, uint32_t pos,
+                                                                     uint32_t need) {
+   Sum sum;
    uint32_t remaining = h->serialSize - DVSDATA_HEADER_SIZE;
    const DVSDataEntry *e = h->head;
+   if (filter.IsNone() && dvsdata_debug < 2) {
+      // Nothing to test or trace per record: a loop without calls keeps
+      // the sum in registers.
+      for (; e != nullptr && e->serialLen < remaining; e = e->next) {
+         if (e->serialLen > need - kEndMarkerSize - pos) {
+            break;
+         }
+         sum.Copy(out + pos, RecordImage(e), e->serialLen / 4);
+         pos += e->serialLen;
+         remaining -= e->serialLen;
+      }
+      return RecordCopy{pos, remaining, e, sum.Total()};
+   }
    for (; e != nullptr && e->serialLen < remaining; e = e->next) {
       if (filter.Keeps(e)) {
          // A list changed behind our back could outgrow the buffer; treat
@@ -125,15 +148,50 @@ ReturnStatus WriteInto(DVSDataHandle h, const Filter &filter, uint8_t *out, uint
       }
       remaining -= e->serialLen;
    }
-   if (e == nullptr && remaining == kEndMarkerSize && pos == need - kEndMarkerSize) {
-      WriteEndMarker(out, pos);
-      *wordSum = SealWithWordSum(out, need, sum.Total());
+   return RecordCopy{pos, remaining, e, sum.Total()};
+}
+
+RecordCopy CopyKeptRecordsNarrow(DVSDataHandle h, const Filter &filter, uint8_t *out,
+                                 uint32_t pos, uint32_t need) {
+   return CopyKeptRecordsWith<WordSum>(h, filter, out, pos, need);
+}
+
+#if DVS_HAVE_WIDE_VECTORS
+DVS_WIDE_VECTORS RecordCopy CopyKeptRecordsWide(DVSDataHandle h, const Filter &filter,
+                                                uint8_t *out, uint32_t pos, uint32_t need) {
+   return CopyKeptRecordsWith<WideWordSum>(h, filter, out, pos, need);
+}
+#endif
+
+// The records are short (a 140-byte head and the value), so the copy runs
+// at memory speed only with the widest vectors the processor has.
+RecordCopy CopyKeptRecords(DVSDataHandle h, const Filter &filter, uint8_t *out, uint32_t pos,
+                           uint32_t need) {
+#if DVS_HAVE_WIDE_VECTORS
+   if (HasWideVectors()) {
+      return CopyKeptRecordsWide(h, filter, out, pos, need);
+   }
+#endif
+   return CopyKeptRecordsNarrow(h, filter, out, pos, need);
+}
+
+// Writes the list's blob of `need` bytes (its FilteredSize) at out; see
+// WriteListBlob.
+ReturnStatus WriteInto(DVSDataHandle h, const Filter &filter, uint8_t *out, uint32_t need,
+                       uint32_t *wordSum) {
+   const uint32_t headSum = WriteBlobHeader(out, need);
+   const RecordCopy copy = CopyKeptRecords(h, filter, out, DVSDATA_HEADER_SIZE, need);
+   if (copy.stop == nullptr && copy.remaining == kEndMarkerSize &&
+       copy.pos == need - kEndMarkerSize) {
+      WriteEndMarker(out, copy.pos);
+      *wordSum = SealWithWordSum(out, need, headSum + copy.sum);
       return STATUS_OK;
    }
    DATA_TRACE(0,
               "DVSData length changed during serialization, buflen = %u, lenRemaining = %u, "
               "name %s, size %u\n",
-              need, remaining, e != nullptr ? e->name : "NULL", e != nullptr ? e->serialLen : 0);
+              need, copy.remaining, copy.stop != nullptr ? copy.stop->name : "NULL",
+              copy.stop != nullptr ? copy.stop->serialLen : 0);
    return STATUS_LIMIT_EXCEEDED;
 }
 
@@ -163,12 +221,11 @@ uint32_t ListBlobSize(DVSDataHandle h, uint32_t typeMask) {
 }
 
 uint32_t CopyListRecords(DVSDataHandle h, uint8_t *out) {
-   WordSum sum;
-   for (const DVSDataEntry *e = h->head; e != nullptr; e = e->next) {
-      sum.Copy(out, RecordImage(e), e->serialLen / 4);
-      out += e->serialLen;
-   }
-   return sum.Total();
+   // The whole list, unfiltered: the walk ends with the list itself.
+   const uint32_t all = h->serialSize;
+   return CopyKeptRecords(h, Filter::None(), out - DVSDATA_HEADER_SIZE, DVSDATA_HEADER_SIZE,
+                          all)
+      .sum;
 }
 
 ReturnStatus WriteListBlob(DVSDataHandle h, uint32_t typeMask, uint8_t *out, uint32_t size,

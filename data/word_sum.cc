@@ -18,7 +18,7 @@ namespace {
 
 // Eight 32-bit lanes; where the build has no 32-byte registers the compiler
 // splits each operation in two.
-typedef uint32_t Lanes __attribute__((vector_size(32)));
+using Lanes = WideLanes;
 constexpr size_t kLaneBytes = sizeof(Lanes);
 
 inline uint32_t LoadWord(const uint8_t *p) {
@@ -28,6 +28,15 @@ inline uint32_t LoadWord(const uint8_t *p) {
 }
 
 }  // namespace
+
+bool HasWideVectors() {
+#if DVS_HAVE_WIDE_VECTORS
+   static const bool wide = __builtin_cpu_supports("avx2");
+   return wide;
+#else
+   return false;
+#endif
+}
 
 DVS_WORD_SUM_CLONES uint32_t SumWords(const uint8_t *p, size_t words) {
    const size_t bytes = words * 4;
@@ -51,34 +60,9 @@ DVS_WORD_SUM_CLONES uint32_t SumWords(const uint8_t *p, size_t words) {
 }
 
 DVS_WORD_SUM_CLONES uint32_t CopySumWords(uint8_t *dst, const uint8_t *src, size_t words) {
-   const size_t bytes = words * 4;
-   Lanes a = {}, b = {}, x, y;
-   size_t i = 0;
-   for (; i + 2 * kLaneBytes <= bytes; i += 2 * kLaneBytes) {
-      std::memcpy(&x, src + i, kLaneBytes);
-      std::memcpy(&y, src + i + kLaneBytes, kLaneBytes);
-      std::memcpy(dst + i, &x, kLaneBytes);
-      std::memcpy(dst + i + kLaneBytes, &y, kLaneBytes);
-      a += x;
-      b += y;
-   }
-   if (i + kLaneBytes <= bytes) {
-      std::memcpy(&x, src + i, kLaneBytes);
-      std::memcpy(dst + i, &x, kLaneBytes);
-      a += x;
-      i += kLaneBytes;
-   }
-   a += b;
-   uint32_t sum = 0;
-   for (size_t lane = 0; lane < kLaneBytes / 4; ++lane) {
-      sum += a[lane];
-   }
-   for (; i < bytes; i += 4) {
-      const uint32_t w = LoadWord(src + i);
-      std::memcpy(dst + i, &w, sizeof w);
-      sum += w;
-   }
-   return sum;
+   WideWordSum sum;
+   sum.Copy(dst, src, words);
+   return sum.Total();
 }
 
 }  // namespace dvs::data

@@ -131,8 +131,15 @@ DVS_EXPORT extern const char *const UNUSED_NON_SINGLETON_PROPS[];
  * Saving to and loading from the configuration store.  These return the
  * store's own codes (0 success, 6 not found, ...) or -1 for a failure of
  * this library's own.  A save holds the switch handle lock for its whole
- * run and leaves the switch registry empty; a load takes no lock.  Saves,
- * loads and upgrades must not run at the same time.
+ * run and leaves the switch registry empty; a load takes no lock.  Saves
+ * and upgrades hold that lock, so they never overlap each other.  The
+ * conversions of a run depend only on that run's own switches; what runs
+ * still share is only this module's state, written without a lock: the
+ * class kind of the last switch saved or loaded, the save's store-time
+ * counter, and the out-of-memory note a load checks before it hands out a
+ * blob.  A load that overlaps another run can therefore fail with the
+ * store's out-of-memory code for a read of the other run that ran out of
+ * memory.
  */
 
 /* Saves every switch the kernel holds (its persistent state); with swId,

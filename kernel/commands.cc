@@ -132,6 +132,23 @@ ReturnStatus ResultCommand(uint32_t code, DVSHYPCmd *rec, void **buf, uint32_t *
    return status;
 }
 
+// The global and host property commands differ only in their codes.
+ReturnStatus SwitchPropGet(uint32_t code, const char *sw, const char *prop, void **buf,
+                           uint32_t *len) {
+   DVSHYPCmd rec = NewRecord(sw);
+   SetText(rec.name, prop);
+   return ResultCommand(code, &rec, buf, len);
+}
+
+ReturnStatus SwitchPropSet(uint32_t code, const char *sw, const char *prop, const void *val,
+                           uint32_t len, uint32_t flag) {
+   DVSHYPCmd rec = NewRecord(sw);
+   SetText(rec.name, prop);
+   SetInput(&rec, val, len);
+   rec.flag = flag;
+   return DVSHYP_Ioctl(code, &rec);
+}
+
 }  // namespace
 }  // namespace dvs::kernel
 
@@ -202,18 +219,12 @@ DVS_EXPORT ReturnStatus DVSHYP_SwitchDissociate(const char *sw) {
 
 DVS_EXPORT ReturnStatus DVSHYP_GlobalPropGet(const char *sw, const char *prop, void **buf,
                                              uint32_t *len) {
-   DVSHYPCmd rec = NewRecord(sw);
-   SetText(rec.name, prop);
-   return ResultCommand(DVSHYP_CMD_GLOBAL_PROP_GET, &rec, buf, len);
+   return SwitchPropGet(DVSHYP_CMD_GLOBAL_PROP_GET, sw, prop, buf, len);
 }
 
 DVS_EXPORT ReturnStatus DVSHYP_GlobalPropSet(const char *sw, const char *prop, const void *val,
                                              uint32_t len, uint32_t flag) {
-   DVSHYPCmd rec = NewRecord(sw);
-   SetText(rec.name, prop);
-   SetInput(&rec, val, len);
-   rec.flag = flag;
-   return DVSHYP_Ioctl(DVSHYP_CMD_GLOBAL_PROP_SET, &rec);
+   return SwitchPropSet(DVSHYP_CMD_GLOBAL_PROP_SET, sw, prop, val, len, flag);
 }
 
 DVS_EXPORT ReturnStatus DVSHYPSwitchPropClear(const char *sw, const char *prop, uint32_t cmd) {
@@ -228,18 +239,12 @@ DVS_EXPORT ReturnStatus DVSHYP_GlobalPropClear(const char *sw, const char *prop)
 
 DVS_EXPORT ReturnStatus DVSHYP_HostPropGet(const char *sw, const char *prop, void **buf,
                                            uint32_t *len) {
-   DVSHYPCmd rec = NewRecord(sw);
-   SetText(rec.name, prop);
-   return ResultCommand(DVSHYP_CMD_HOST_PROP_GET, &rec, buf, len);
+   return SwitchPropGet(DVSHYP_CMD_HOST_PROP_GET, sw, prop, buf, len);
 }
 
 DVS_EXPORT ReturnStatus DVSHYP_HostPropSet(const char *sw, const char *prop, const void *val,
                                            uint32_t len, uint32_t flag) {
-   DVSHYPCmd rec = NewRecord(sw);
-   SetText(rec.name, prop);
-   SetInput(&rec, val, len);
-   rec.flag = flag;
-   return DVSHYP_Ioctl(DVSHYP_CMD_HOST_PROP_SET, &rec);
+   return SwitchPropSet(DVSHYP_CMD_HOST_PROP_SET, sw, prop, val, len, flag);
 }
 
 DVS_EXPORT ReturnStatus DVSHYP_HostPropClear(const char *sw, const char *prop) {

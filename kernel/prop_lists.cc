@@ -198,6 +198,21 @@ ReturnStatus FetchPortProps(const char *sw, const char *port, DVSDataHandle *out
    return status;
 }
 
+namespace {
+
+// The start of the per-port list calls: checks the caller's arguments,
+// clears its out pointer and fetches the port's properties into *list.
+ReturnStatus FetchCallerPortProps(const char *sw, const char *port, DVSDataHandle *out,
+                                  DVSDataHandle *list) {
+   if (sw == nullptr || port == nullptr || out == nullptr) {
+      return STATUS_BAD_PARAM;
+   }
+   *out = nullptr;
+   return FetchPortProps(sw, port, list);
+}
+
+}  // namespace
+
 }  // namespace dvs::kernel
 
 using namespace dvs::kernel;
@@ -344,13 +359,8 @@ DVS_EXPORT ReturnStatus DVSHYP_PortGetByExternalId(const char *sw, const char *e
 
 DVS_EXPORT ReturnStatus DVSHYP_VendorPortPropList(const char *sw, const char *port,
                                                   DVSDataHandle *out, uint32_t type) {
-   if (sw == nullptr || port == nullptr || out == nullptr) {
-      return STATUS_BAD_PARAM;
-   }
-   *out = nullptr;
    DVSDataHandle list = nullptr;
-   ReturnStatus status = FetchPortProps(sw, port, &list);
-   if (status != STATUS_OK) {
+   if (ReturnStatus status = FetchCallerPortProps(sw, port, out, &list); status != STATUS_OK) {
       return status;
    }
    for (const char *family : kPortSystemFamilies) {
@@ -365,13 +375,8 @@ DVS_EXPORT ReturnStatus DVSHYP_VendorPortPropList(const char *sw, const char *po
 
 DVS_EXPORT ReturnStatus DVSHYP_ExtraConfigPortPropList(const char *sw, const char *port,
                                                        DVSDataHandle *out, uint32_t type) {
-   if (sw == nullptr || port == nullptr || out == nullptr) {
-      return STATUS_BAD_PARAM;
-   }
-   *out = nullptr;
    DVSDataHandle list = nullptr;
-   ReturnStatus status = FetchPortProps(sw, port, &list);
-   if (status != STATUS_OK) {
+   if (ReturnStatus status = FetchCallerPortProps(sw, port, out, &list); status != STATUS_OK) {
       return status;
    }
    DVSHYPExtractNamedPropForType(list, kPortExtraConfig, type);

@@ -50,12 +50,9 @@ class MonitoringPortPolicy : public storetest::StoreObjectTest {
    void SetUp() override {
       StoreObjectTest::SetUp();
       ASSERT_EQ(cs::CreateSubObject(obj_, "ports", "p1", &port_), 0);
-      gSwitchClassKind = kClassKindOther;
+      sw_.version = 7;
    }
-   void TearDown() override {
-      StoreObjectTest::TearDown();
-      gSwitchClassKind = kClassKindOther;
-   }
+   ConvertContext sw_;  // the switch the rows are saved and loaded for
    // Writes the switch and reads it back from the file.
    void Reopen() {
       StoreObjectTest::Reopen();
@@ -63,7 +60,7 @@ class MonitoringPortPolicy : public storetest::StoreObjectTest {
    }
    cs::Object *Src(uint32_t cls) const { return cls == PROP_CLASS_PORT ? port_ : obj_; }
    int32_t Save(uint32_t cls, const char *name, const Bytes &v) {
-      return SaveConfigProp(Src(cls), name, v.data(), static_cast<uint32_t>(v.size()), cls, 0x10);
+      return SaveConfigProp(Src(cls), name, v.data(), static_cast<uint32_t>(v.size()), cls, sw_);
    }
    // Every property the load dispatcher rebuilds from the class's object.
    std::map<std::string, Bytes> LoadAll(uint32_t cls, int32_t expectRc = 0) {
@@ -71,7 +68,7 @@ class MonitoringPortPolicy : public storetest::StoreObjectTest {
       DVSDataHandle dest = nullptr, list = nullptr;
       EXPECT_EQ(DVSData_Alloc(&dest, malloc, free), STATUS_OK);
       DVSDataEntry *e = nullptr;
-      EXPECT_EQ(LoadConfigProps("l", Src(cls), dest, cls, 7, nullptr), expectRc);
+      EXPECT_EQ(LoadConfigProps("l", Src(cls), dest, cls, sw_, nullptr), expectRc);
       if (DVSData_Lookup(dest, "l", &e) == STATUS_OK &&
           DVSData_Deserialize(&list, e->data, e->dataLen, malloc, free) == STATUS_OK) {
          for (e = nullptr; DVSData_Next(list, e, &e) == STATUS_OK;) {
@@ -241,7 +238,7 @@ TEST_F(MonitoringPortPolicy, PortVlanTrunkPrivateAndPlain) {
    // ether row is read only outside it.
    ASSERT_EQ(Save(PROP_CLASS_PORT, kVsVlan, Vlan(0, 20)), 0);
    EXPECT_TRUE(Load(PROP_CLASS_PORT, kVsVlan).empty());
-   gSwitchClassKind = kClassKindCswitch;
+   sw_.classKind = kClassKindCswitch;
    EXPECT_TRUE(Load(PROP_CLASS_PORT, kEsVlan).empty());
    EXPECT_EQ(Load(PROP_CLASS_PORT, kVsVlan), Vlan(0, 10));
    ASSERT_EQ(Save(PROP_CLASS_PORT, kVsVlan, Vlan(1, 0, {{7, 7}})), 0);
@@ -286,7 +283,7 @@ TEST_F(MonitoringPortPolicy, SecurityBitsAreRefusals) {
    EXPECT_FALSE(Bool(mac, "allow_forged_transmit"));
    EXPECT_EQ(Load(PROP_CLASS_PORT, kEs), bits);
    EXPECT_TRUE(Load(PROP_CLASS_PORT, kVs).empty());
-   gSwitchClassKind = kClassKindVswitch;
+   sw_.classKind = kClassKindVswitch;
    EXPECT_TRUE(Load(PROP_CLASS_PORT, kEs).empty());
    ASSERT_EQ(Save(PROP_CLASS_PORT, kVs, Packer().Put<uint32_t>(0x2).b), 0);
    EXPECT_EQ(Load(PROP_CLASS_PORT, kVs), Packer().Put<uint32_t>(0x2).b);

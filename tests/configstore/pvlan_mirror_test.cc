@@ -120,8 +120,9 @@ class PvlanMirror : public storetest::StoreObjectTest {
    void SetUp() override {
       StoreObjectTest::SetUp();
       SetProduct("etherswitch");
-      gSwitchVersion = 5;
+      sw_.version = 5;
    }
+   ConvertContext sw_;  // the switch the rows are saved for
    void SetProduct(const char *cls) {
       cs::Object *product = nullptr;
       ASSERT_EQ(cs::CreateSubObject(obj_, "product", "", &product), 0);
@@ -148,14 +149,16 @@ class PvlanMirror : public storetest::StoreObjectTest {
       return b;
    }
    int32_t Save(const char *name, const Bytes &v) {
-      return SaveConfigProp(obj_, name, v.data(), v.size(), PROP_CLASS_GLOBAL, 0x10);
+      return SaveConfigProp(obj_, name, v.data(), v.size(), PROP_CLASS_GLOBAL, sw_);
    }
    // Runs the global load at version; *out is the property name's value,
    // empty when the property is absent.
    int32_t Load(uint32_t version, const char *name, Bytes *out) {
       DVSDataHandle dest = nullptr, list = nullptr;
       EXPECT_EQ(DVSData_Alloc(&dest, malloc, free), STATUS_OK);
-      const int32_t rc = LoadConfigProps("g", obj_, dest, PROP_CLASS_GLOBAL, version, nullptr);
+      ConvertContext sw;
+      sw.version = version;
+      const int32_t rc = LoadConfigProps("g", obj_, dest, PROP_CLASS_GLOBAL, sw, nullptr);
       DVSDataEntry *e = nullptr;
       out->clear();
       if (rc == 0 && DVSData_Lookup(dest, "g", &e) == STATUS_OK &&
@@ -291,9 +294,9 @@ TEST_F(PvlanMirror, MirrorSessionsRoundTripWithTheirDeliberateAsymmetries) {
 TEST_F(PvlanMirror, MirrorPortEntriesAreWideFromVersion100) {
    Session s = Make("w", 1, {{0, std::string(40, 'k')}});
    s.flags = 0;
-   gSwitchVersion = 5;  // 36-byte entries: the key is not terminated inside its payload
+   sw_.version = 5;  // 36-byte entries: the key is not terminated inside its payload
    EXPECT_EQ(Save(kMirror, Table({s}, 52)), kBadParam);
-   gSwitchVersion = 100;
+   sw_.version = 100;
    ASSERT_EQ(Save(kMirror, Table({s}, 52)), 0);
    Reopen();
    Session back = s;
@@ -312,17 +315,16 @@ TEST_F(PvlanMirror, PortLegacySessionIsNamedOnTheSwitch) {
    ASSERT_EQ(cs::CreateSubObject(obj_, "ports", "p1", &port), 0);
    const Bytes table = Table({Make("legacy", 1, {{0, "p1"}})}, 36);
    ASSERT_EQ(
-      SaveConfigProp(port, portMirror, table.data(), uint32_t(table.size()), PROP_CLASS_PORT, 0x10),
+      SaveConfigProp(port, portMirror, table.data(), uint32_t(table.size()), PROP_CLASS_PORT, sw_),
       0);
    cs::Object *settings = nullptr;
    EXPECT_EQ(cs::GetSubObject(obj_, "settings", "", &settings), cs::kNotFound)
       << "outside a switch save there is no switch object to name it on";
 
-   gSwitchObject = obj_;
-   const int32_t rc =
-      SaveConfigProp(port, portMirror, table.data(), uint32_t(table.size()), PROP_CLASS_PORT, 0x10);
-   gSwitchObject = nullptr;
-   ASSERT_EQ(rc, 0);
+   sw_.switchObj = obj_;
+   ASSERT_EQ(
+      SaveConfigProp(port, portMirror, table.data(), uint32_t(table.size()), PROP_CLASS_PORT, sw_),
+      0);
    ASSERT_EQ(cs::GetSubObject(obj_, "settings", "", &settings), 0);
    EXPECT_EQ(Str(settings, "promiscuous_mode_vspan_session"), "legacy");
 }

@@ -71,10 +71,11 @@ class TeamingLacp : public storetest::StoreObjectTest {
   protected:
    void SetUp() override {
       StoreObjectTest::SetUp();
-      gSwitchClassKind = kClassKindOther;
+      sw_.version = 7;
    }
+   ConvertContext sw_;  // the switch the rows are saved and loaded for
    int32_t Save(const char *prop, uint32_t cls, const Bytes &v) {
-      return SaveConfigProp(obj_, prop, v.data(), v.size(), cls, 0x10);
+      return SaveConfigProp(obj_, prop, v.data(), v.size(), cls, sw_);
    }
    // settings/<key>[/<sub>], or null.
    cs::Object *Sub(const char *key, const char *sub = nullptr) {
@@ -91,8 +92,10 @@ class TeamingLacp : public storetest::StoreObjectTest {
       EXPECT_EQ(GetOrCreateSubObject(true, obj_, "settings", nullptr, &settings), 0);
       DVSDataHandle props;
       EXPECT_EQ(DVSData_Alloc(&props, malloc, free), STATUS_OK);
-      int32_t rc = GetPropConverter(type)->load(settings, key, props, "p", 0x10,
-                                                ConvertContext{PROP_CLASS_GLOBAL, "p", obj_});
+      ConvertContext ctx = sw_;
+      ctx.propName = "p";
+      ctx.source = obj_;
+      int32_t rc = GetPropConverter(type)->load(settings, key, props, "p", 0x10, ctx);
       DVSDataEntry *e = nullptr;
       out_.clear();
       if (DVSData_Lookup(props, "p", &e) == STATUS_OK)
@@ -151,7 +154,7 @@ TEST_F(TeamingLacp, TeamingSaveFollowsTheSwitchClassAndRefusesDamagedValues) {
    Bytes v = Teaming(0, {"a"}, {});
    EXPECT_EQ(Save("com.ostrel.vswitch.teaming", PROP_CLASS_GLOBAL, v), 0);
    EXPECT_EQ(Sub("uplink_teaming_policy"), nullptr) << "vswitch form, switch of another class";
-   gSwitchClassKind = kClassKindCswitch;
+   sw_.classKind = kClassKindCswitch;
    // Codes without a text write no "policy" and never index past the table.
    for (uint32_t code : {0u, 6u, 7u, 0xffffffffu}) {
       ASSERT_EQ(Save("com.ostrel.vswitch.teaming", PROP_CLASS_GLOBAL, Teaming(code, {}, {})), 0);
@@ -279,11 +282,11 @@ TEST_F(TeamingLacp, PortRowsLoadByClassThroughTheDispatchers) {
       Save("com.ostrel.etherswitch.port.lacp", PROP_CLASS_PORT, Bytes{1, 0, 0, 0, 2, 0, 0, 0}), 0);
    Reopen();
    for (uint32_t kind : {kClassKindOther, kClassKindVswitch}) {
-      gSwitchClassKind = kind;
+      sw_.classKind = kind;
       DVSDataHandle dest = nullptr, port = nullptr;
       DVSDataEntry *e = nullptr;
       ASSERT_EQ(DVSData_Alloc(&dest, malloc, free), STATUS_OK);
-      ASSERT_EQ(LoadConfigProps("port-1", obj_, dest, PROP_CLASS_PORT, 7, nullptr), 0);
+      ASSERT_EQ(LoadConfigProps("port-1", obj_, dest, PROP_CLASS_PORT, sw_, nullptr), 0);
       ASSERT_EQ(DVSData_Lookup(dest, "port-1", &e), STATUS_OK);
       ASSERT_EQ(DVSData_Deserialize(&port, e->data, e->dataLen, malloc, free), STATUS_OK);
       const char *vswitchTeaming = "com.ostrel.vswitch.port.teaming.policy";

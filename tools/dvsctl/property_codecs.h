@@ -75,17 +75,16 @@ enum class CodecKind {
    kResPoolKeys,
 };
 
-// What a layout depends on besides the value: mirror session tables use
-// 52-byte port entries on switches of version 100 and above, 36-byte ones
-// below.
+// What a layout depends on besides the value: the width of a mirror
+// session table's port entries follows the switch version
+// (dvs::layouts::MirrorPortEntrySize).
 struct CodecContext {
    uint32_t switchVersion = 0;
 };
 
-uint32_t MirrorPortEntrySize(uint32_t switchVersion);
-
-// The codec of a property, by its name; none for a property that is not a
-// structured one.
+// The codec of a property, by its name: the one of the store converter
+// its row in libdvs's property-to-store maps names; none for a property
+// that is not a structured one.
 std::optional<CodecKind> CodecFor(std::string_view propName);
 
 // A short name of the codec ("teaming", "mirror sessions", ...).
