@@ -39,6 +39,9 @@ HostSwitch TakeSwitch(const SwitchView &view, const std::string &name) {
    if (!view.unreadable.empty()) {
       throw Error(what + ": " + view.unreadable.front());
    }
+   if (!view.version || !view.className || !view.maxPorts) {
+      throw Error(what + ": not a switch blob");  // the view says why among its problems
+   }
    HostSwitch sw{
       view.id, *view.version, *view.className, *view.maxPorts, Props(view.global), Props(view.host),
       {}};

@@ -49,9 +49,10 @@ struct HostState {
    std::vector<HostSwitch> switches;
 };
 
-// Reads a host configuration blob.  A blob that does not decode, or whose
-// records are not switch blobs with their four fixed records, throws
-// dvsctl::Error naming `name`.
+// Reads a host configuration blob through the host blob view, with every
+// value as stored.  A blob that does not decode, is not a host blob, or
+// holds a switch whose fixed records are missing or unreadable (or a port
+// whose data is not a property blob), throws dvsctl::Error naming `name`.
 HostState ReadHostState(const Bytes &blob, const std::string &name);
 
 // One known conversion of the store round trip.
