@@ -14,6 +14,7 @@
 
 #include <dvsdata.h>
 
+#include "tests/support/le_bytes.h"
 #include "tests/support/temp_dir.h"
 
 namespace dvstest {
@@ -91,17 +92,9 @@ inline std::string Value(DVSDataHandle h, const char *name) {
    return std::string(static_cast<const char *>(data), n);
 }
 
-// Little-endian field access, written out so as not to borrow the library's.
-inline void PutU32(uint8_t *b, size_t off, uint32_t v) {
-   for (int i = 0; i < 4; ++i)
-      b[off + i] = uint8_t(v >> (8 * i));
-}
-inline void PutU16(uint8_t *b, size_t off, uint16_t v) {
-   b[off] = uint8_t(v), b[off + 1] = uint8_t(v >> 8);
-}
-inline uint32_t GetU32(const uint8_t *b, size_t off) {
-   return b[off] | b[off + 1] << 8 | b[off + 2] << 16 | uint32_t(b[off + 3]) << 24;
-}
+using testsupport::GetU32;
+using testsupport::PutU16;
+using testsupport::PutU32;
 
 // The checksum written out from its definition: 32-bit words from byte 32
 // up to the last whole word of the header length, then any trailing bytes.

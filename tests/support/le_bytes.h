@@ -44,6 +44,19 @@ struct Packer {
    }
 };
 
+// Little-endian fields of a raw buffer, written out byte by byte so that
+// layout tests do not borrow the library's own accessors.
+inline void PutU32(uint8_t *b, size_t off, uint32_t v) {
+   for (int i = 0; i < 4; ++i)
+      b[off + i] = uint8_t(v >> (8 * i));
+}
+inline void PutU16(uint8_t *b, size_t off, uint16_t v) {
+   b[off] = uint8_t(v), b[off + 1] = uint8_t(v >> 8);
+}
+inline uint32_t GetU32(const uint8_t *b, size_t off) {
+   return b[off] | b[off + 1] << 8 | b[off + 2] << 16 | uint32_t(b[off + 3]) << 24;
+}
+
 // A 32-bit value as the bytes a blob holds it in.
 inline std::string U32(uint32_t v) {
    return std::string(reinterpret_cast<const char *>(&v), sizeof v);
