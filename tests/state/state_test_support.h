@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/blob_layout.h"
 #include "tests/support/le_bytes.h"
 #include "tests/support/prop_lists.h"
 #include "tests/support/temp_dir.h"
@@ -30,20 +31,14 @@ using testsupport::NewList;
 using testsupport::Props;
 using testsupport::U32;
 
-// A property blob composed from the layout: length, checksum, version 1,
-// reserved; records of serialLen = (dataLen + 146) & ~3, name[128], flag,
-// dataLen, data, padding; four zero bytes.  Unused bytes are zero.
+// A property blob composed from the layout (tests/support/blob_layout.h),
+// every record with `flag`.
 inline std::string Blob(const Props &props, uint32_t flag = 0x10) {
-   std::string b(12, '\0');
-   for (const auto &[name, data] : props) {
-      const uint32_t serialLen = uint32_t(data.size() + 146) & ~3u;
-      b += U32(serialLen) + name + std::string(128 - name.size(), '\0') + U32(flag) +
-           U32(uint32_t(data.size())) + data + std::string(serialLen - 140 - data.size(), '\0');
-   }
-   b += U32(0);
-   b.replace(0, 4, U32(uint32_t(b.size())));
-   b[8] = 1;
-   return b.replace(4, 4, U32(DVSDataChecksum(b.data())));
+   std::vector<testsupport::Rec> recs;
+   for (const auto &[name, data] : props)
+      recs.push_back({name, flag, data});
+   const testsupport::Blob b = testsupport::MakeBlob(recs);
+   return std::string(b.bytes.begin(), b.bytes.end());
 }
 
 // The ports of a switch in walk order, as "id/type".
