@@ -1,7 +1,8 @@
 // host_blob_view.h -- a host configuration blob read as switches and ports.
 //
 // The host blob is a property blob with one record per switch, named by the
-// switch id, whose value is the switch blob:
+// switch id, whose value is the switch blob (record names: DVS_REC_* in
+// dvsstate.h):
 //
 //   switchVersion   u32
 //   className       128 bytes: text, NUL, zeros
