@@ -215,6 +215,7 @@ TEST(StateDiff, ReadsHostBlobsAndRefusesOthers) {
    ASSERT_EQ(sw.ports.size(), 2u);
    EXPECT_EQ(sw.ports[1].id, "7#2");
    EXPECT_EQ(sw.global.at(0).value.size(), 4u);
+   EXPECT_EQ(sw.ports[0].props.at(0).value, Text("vm-1")) << "values as stored, NUL included";
 
    EXPECT_THROW(
       {
