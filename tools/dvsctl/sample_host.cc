@@ -16,6 +16,7 @@
 
 #include <dvsstate.h>
 
+#include "configstore/property_layouts.h"
 #include "error.h"
 #include "property_codecs.h"
 #include "property_list.h"
@@ -30,7 +31,7 @@ constexpr uint32_t kMaxSwitches = 32;
 constexpr uint32_t kUplinksPerSwitch = 4;
 // Every switch may hold all the sample's ports.
 constexpr uint32_t kMaxPortsPerSwitch = kMaxSamplePorts;
-constexpr uint32_t kPacketLengthNotSet = 0xFFFFFFFF;
+constexpr uint32_t kPacketLengthNotSet = dvs::layouts::kMirrorPacketLengthNotSet;
 
 // A deterministic generator (splitmix64): the same seed gives the same host
 // on every platform.
@@ -309,7 +310,9 @@ class SwitchBuilder {
       s["receive"] = Fields::array({PortEntry(0, SomeVmPort(9))});
       sessions.push_back(s);
       return Encode(CodecKind::kMirrorSessions,
-                    {{"magic", 0xFACEBEEFu}, {"version", 1}, {"sessions", sessions}});
+                    {{"magic", dvs::layouts::kMirrorTableMagic},
+                     {"version", dvs::layouts::kMirrorTableVersion},
+                     {"sessions", sessions}});
    }
 
    PropList GlobalProps() {

@@ -2,6 +2,7 @@
 // conversions that explain a field's change.
 #include <set>
 
+#include "configstore/property_layouts.h"
 #include "state_diff_internal.h"
 
 namespace dvsctl {
@@ -21,7 +22,7 @@ const Fields &MemberOr(const Fields &obj, const std::string &key) {
 
 namespace {
 
-constexpr uint32_t kPacketLengthNotSet = 0xFFFFFFFF;
+constexpr uint32_t kPacketLengthNotSet = dvs::layouts::kMirrorPacketLengthNotSet;
 
 // Flag words compared bit by bit.
 const std::set<std::string> kBitFields = {
@@ -160,7 +161,9 @@ const Conversion *ClassifyMirror(const FieldChange &c) {
    uint64_t b = 0, a = 0;
    const bool nums = Num(c.before, &b) && Num(c.after, &a);
    if (c.key == "magic" || c.key == "version") {
-      return ConvIf(nums && a == (c.key == "magic" ? 0xFACEBEEF : 1), "mirror-header");
+      const uint32_t expected = c.key == "magic" ? dvs::layouts::kMirrorTableMagic
+                                                 : dvs::layouts::kMirrorTableVersion;
+      return ConvIf(nums && a == expected, "mirror-header");
    }
    if (c.key == "reserved") {
       return ConvIf(c.after.is_null(), "reserved-zeroed");

@@ -8,6 +8,7 @@
 
 #include <dvsstate.h>
 
+#include "configstore/property_layouts.h"
 #include "state_diff_internal.h"
 
 namespace dvsctl {
@@ -15,7 +16,7 @@ namespace diff {
 namespace {
 
 // Switches of versions above this one keep the vswitch private VLAN map.
-constexpr uint32_t kLastEtherPvlanVersion = 106;
+using dvs::layouts::kLastEtherPvlanVersion;
 
 constexpr const char *kVersionProp = "com.ostrel.common.version";
 constexpr const char *kPortsetMtu = "com.ostrel.common.portset.mtu";
