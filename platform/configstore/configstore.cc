@@ -9,10 +9,13 @@
 // function catches everything: no exception leaves the library.
 #include "configstore.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <limits>
 #include <memory>
 #include <new>
@@ -38,15 +41,24 @@ struct Store {
    bool inTransaction = false;
 };
 
+namespace detail {
+
+// What only a top-level object has: its tree, its name and the handles
+// handed out into the tree.
+struct TopLevel {
+   NodePtr tree;
+   std::string group, object, component, instance;
+   // Sub-object handles, each the Node::handle of its node; a deque never
+   // moves them and allocates them a block at a time.
+   std::deque<Object> handles;
+};
+
+}  // namespace detail
+
 struct Object {
    Object *root = nullptr;    // this, for a top-level object
    std::weak_ptr<Node> node;  // the node this handle stands for
-
-   // Top-level objects only.
-   NodePtr top;
-   std::string group, object, component, instance;
-   std::vector<std::unique_ptr<Object>> arena;  // sub-object handles
-   std::unordered_map<const Node *, Object *> handleOf;
+   std::unique_ptr<detail::TopLevel> top;  // top-level objects only
 };
 
 struct FilterSpec {
@@ -99,29 +111,30 @@ bool IsRoot(const Object *obj) {
 std::unique_ptr<Object> NewRoot(NodePtr node, std::string group, std::string object,
                                 std::string component, std::string instance) {
    auto obj = std::make_unique<Object>();
+   obj->top = std::make_unique<detail::TopLevel>();
    obj->root = obj.get();
-   obj->top = std::move(node);
-   obj->node = obj->top;
-   obj->group = std::move(group);
-   obj->object = std::move(object);
-   obj->component = std::move(component);
-   obj->instance = std::move(instance);
+   obj->node = node;
+   detail::TopLevel &top = *obj->top;
+   top.tree = std::move(node);
+   top.group = std::move(group);
+   top.object = std::move(object);
+   top.component = std::move(component);
+   top.instance = std::move(instance);
    return obj;
 }
 
-// The handle of `node` in the tree of `root`, reused when one exists.
+// The handle of `node` in the tree of `root`, reused when one exists.  A
+// node carries the one handle made for it: a node taken out of the tree
+// and a new one made in its place never share a handle.
 Object *HandleFor(Object *root, const NodePtr &node) {
-   auto it = root->handleOf.find(node.get());
-   if (it != root->handleOf.end() && it->second->node.lock() == node) {
-      return it->second;
+   if (node->handle != nullptr) {
+      return node->handle;
    }
-   auto handle = std::make_unique<Object>();
-   handle->root = root;
-   handle->node = node;
-   Object *raw = handle.get();
-   root->arena.push_back(std::move(handle));
-   root->handleOf[node.get()] = raw;
-   return raw;
+   Object &handle = root->top->handles.emplace_back();
+   handle.root = root;
+   handle.node = node;
+   node->handle = &handle;
+   return &handle;
 }
 
 // The live node of a handle, or null once it has been deleted.
@@ -139,26 +152,33 @@ Object **NewObjectArray(size_t count) {
 
 // ---- values -----------------------------------------------------------------------
 
+// A value found by Lookup.  It points into the tree, which `node` keeps
+// alive, except for an instance's "key", which `scratch` holds.
+struct Found {
+   NodePtr node;
+   Value scratch;
+   const Value *value = nullptr;
+};
+
 // Finds `key` in `obj`; an instance answers "key" with its id unless a
-// value "key" was set.  `scratch` holds that synthesized value.
-int32_t Lookup(Object *obj, const char *key, Value &scratch, const Value **out) {
+// value "key" was set.
+int32_t Lookup(Object *obj, const char *key, Found *found) {
    if (obj == nullptr || Empty(key)) {
       return kBadParam;
    }
-   NodePtr node = Live(obj);
-   if (!node) {
+   found->node = Live(obj);
+   if (!found->node) {
       return kNotFound;
    }
-   if (const Value *v = node->FindValue(key)) {
-      scratch = *v;
-      *out = &scratch;
+   Node &node = *found->node;
+   if (const Value *v = node.FindValue(key)) {
+      found->value = v;
       return kSuccess;
    }
-   if (!IsRoot(obj) && !node->id.empty() && std::strcmp(key, "key") == 0) {
-      scratch = Value{};
-      scratch.kind = Kind::kString;
-      scratch.str = node->id;
-      *out = &scratch;
+   if (!IsRoot(obj) && !node.id.empty() && std::strcmp(key, "key") == 0) {
+      found->scratch.kind = Kind::kString;
+      found->scratch.str = node.id;
+      found->value = &found->scratch;
       return kSuccess;
    }
    return kNotFound;
@@ -167,9 +187,9 @@ int32_t Lookup(Object *obj, const char *key, Value &scratch, const Value **out) 
 // Finds key in obj as a value whose kind `accepts` takes; a value of
 // another kind is a type mismatch.
 template <typename Accepts>
-int32_t LookupKind(Object *obj, const char *key, Value &scratch, const Value **v, Accepts accepts) {
-   const int32_t rc = Lookup(obj, key, scratch, v);
-   if (rc == kSuccess && !accepts(**v)) {
+int32_t LookupKind(Object *obj, const char *key, Found *found, Accepts accepts) {
+   const int32_t rc = Lookup(obj, key, found);
+   if (rc == kSuccess && !accepts(*found->value)) {
       return kTypeMismatch;
    }
    return rc;
@@ -179,15 +199,14 @@ int32_t GetInteger(Object *obj, const char *key, int64_t lo, int64_t hi, int64_t
    if (out == nullptr) {
       return kBadParam;
    }
-   Value scratch;
-   const Value *v = nullptr;
-   const int32_t rc = LookupKind(obj, key, scratch, &v, [&](const Value &x) {
+   Found found;
+   const int32_t rc = LookupKind(obj, key, &found, [&](const Value &x) {
       return x.kind == Kind::kInt && x.num >= lo && x.num <= hi;
    });
    if (rc != kSuccess) {
       return rc;
    }
-   *out = v->num;
+   *out = found.value->num;
    return kSuccess;
 }
 
@@ -272,11 +291,11 @@ int32_t OpenStore(Store **out) {
    return rc;
 }
 
-int32_t SubObjectArray(Object *parent, const std::vector<NodePtr> &nodes, Object ***objects,
+int32_t SubObjectArray(Object *parent, const NodePtr *nodes, size_t n, Object ***objects,
                        uint32_t *count) {
-   Object **array = NewObjectArray(nodes.size());
+   Object **array = NewObjectArray(n);
    try {
-      for (size_t i = 0; i < nodes.size(); ++i) {
+      for (size_t i = 0; i < n; ++i) {
          array[i] = HandleFor(parent->root, nodes[i]);
       }
    } catch (...) {
@@ -284,9 +303,56 @@ int32_t SubObjectArray(Object *parent, const std::vector<NodePtr> &nodes, Object
       throw;
    }
    *objects = array;
-   *count = static_cast<uint32_t>(nodes.size());
+   *count = static_cast<uint32_t>(n);
    return kSuccess;
 }
+
+// The random bits of generated instance ids.  Each thread draws from a
+// generator of its own, seeded with 256 bits from /dev/urandom (from
+// std::random_device when that cannot be read) the first time it makes an
+// id; a forked child seeds its own afresh, so that parent and child never
+// go on with the same sequence.
+class IdSource {
+  public:
+   static IdSource &ForThisThread() {
+      thread_local IdSource source;
+      if (source.pid_ != ::getpid()) {
+         source.Seed();
+      }
+      return source;
+   }
+
+   void Fill(unsigned char (&bytes)[16]) {
+      for (int half = 0; half < 2; ++half) {
+         uint64_t word = engine_();
+         for (int i = 0; i < 8; ++i) {
+            bytes[half * 8 + i] = static_cast<unsigned char>(word >> (8 * i));
+         }
+      }
+   }
+
+  private:
+   void Seed() {
+      uint32_t words[8];
+      bool filled = false;
+      if (FILE *f = std::fopen("/dev/urandom", "rbe")) {
+         filled = std::fread(words, 1, sizeof words, f) == sizeof words;
+         std::fclose(f);
+      }
+      if (!filled) {
+         std::random_device rd;
+         for (uint32_t &w : words) {
+            w = rd();
+         }
+      }
+      std::seed_seq seq(std::begin(words), std::end(words));
+      engine_.seed(seq);
+      pid_ = ::getpid();
+   }
+
+   std::mt19937_64 engine_;
+   pid_t pid_ = 0;
+};
 
 }  // namespace
 
@@ -481,8 +547,9 @@ int32_t Set(Store *store, Object *obj, const char *source) {
       if (store == nullptr || obj == nullptr || !IsRoot(obj) || !ValidSource(source)) {
          return kBadParam;
       }
-      const std::string doc = detail::SerializeDocument(*obj->top);
-      const detail::ObjectName name{obj->group, obj->object, obj->component, obj->instance};
+      const detail::TopLevel &top = *obj->top;
+      const std::string doc = detail::SerializeDocument(*top.tree);
+      const detail::ObjectName name{top.group, top.object, top.component, top.instance};
       return store->backend->Write(name, source, doc);
    });
 }
@@ -502,7 +569,7 @@ int32_t GetInstanceId(Object *obj, char **id) {
       if (obj == nullptr || id == nullptr || !IsRoot(obj)) {
          return kBadParam;
       }
-      *id = DupString(obj->instance);
+      *id = DupString(obj->top->instance);
       return kSuccess;
    });
 }
@@ -512,7 +579,7 @@ int32_t GetStoredDocument(Object *obj, char **json) {
       if (obj == nullptr || json == nullptr || !IsRoot(obj)) {
          return kBadParam;
       }
-      *json = DupString(detail::SerializeDocument(*obj->top));
+      *json = DupString(detail::SerializeDocument(*obj->top->tree));
       return kSuccess;
    });
 }
@@ -593,15 +660,14 @@ int32_t GetSubObjectInstances(Object *parent, FilterSpec *filter, Object ***obje
       if (!node) {
          return kNotFound;
       }
-      std::vector<NodePtr> selected;
       if (filter->b.empty()) {
-         if (detail::SubKey *sub = node->FindSub(filter->a)) {
-            selected = sub->entries;
-         }
-      } else if (NodePtr child = node->FindChild(filter->a, filter->b)) {
-         selected.push_back(std::move(child));
+         const detail::SubKey *sub = node->FindSub(filter->a);
+         return sub != nullptr ? SubObjectArray(parent, sub->entries.data(), sub->entries.size(),
+                                                objects, count)
+                               : SubObjectArray(parent, nullptr, 0, objects, count);
       }
-      return SubObjectArray(parent, selected, objects, count);
+      const NodePtr *child = node->FindChild(filter->a, filter->b);
+      return SubObjectArray(parent, child, child != nullptr ? 1 : 0, objects, count);
    });
 }
 
@@ -632,11 +698,11 @@ int32_t GetSubObject(Object *parent, const char *key, const char *instanceId, Ob
       if (!node) {
          return kNotFound;
       }
-      NodePtr child = node->FindChild(key, OrEmpty(instanceId));
-      if (!child) {
+      const NodePtr *child = node->FindChild(key, instanceId == nullptr ? "" : instanceId);
+      if (child == nullptr) {
          return kNotFound;
       }
-      *out = HandleFor(parent->root, child);
+      *out = HandleFor(parent->root, *child);
       return kSuccess;
    });
 }
@@ -651,7 +717,7 @@ int32_t CreateSubObject(Object *parent, const char *key, const char *instanceId,
       if (!node) {
          return kNotFound;
       }
-      NodePtr child = node->AddChild(key, OrEmpty(instanceId));
+      NodePtr child = node->AddChild(key, instanceId == nullptr ? "" : instanceId);
       *out = HandleFor(parent->root, child);
       return kSuccess;
    });
@@ -666,7 +732,8 @@ int32_t DeleteSubObject(Object *parent, const char *key, const char *instanceId)
       if (!node) {
          return kNotFound;
       }
-      return node->RemoveChild(key, OrEmpty(instanceId)) ? kSuccess : kNotFound;
+      return node->RemoveChild(key, instanceId == nullptr ? "" : instanceId) ? kSuccess
+                                                                             : kNotFound;
    });
 }
 
@@ -677,17 +744,7 @@ int32_t GenerateInstanceId(char **id) {
       }
       *id = nullptr;
       unsigned char bytes[16];
-      bool filled = false;
-      if (FILE *f = std::fopen("/dev/urandom", "rbe")) {
-         filled = std::fread(bytes, 1, sizeof bytes, f) == sizeof bytes;
-         std::fclose(f);
-      }
-      if (!filled) {
-         std::random_device rd;
-         for (auto &b : bytes) {
-            b = static_cast<unsigned char>(rd());
-         }
-      }
+      IdSource::ForThisThread().Fill(bytes);
       bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0f) | 0x40);  // version 4
       bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3f) | 0x80);  // RFC 4122 variant
       char text[37];
@@ -707,14 +764,13 @@ int32_t GetValueStr(Object *obj, const char *key, char **value) {
       if (value == nullptr) {
          return kBadParam;
       }
-      Value scratch;
-      const Value *v = nullptr;
+      Found found;
       const int32_t rc =
-         LookupKind(obj, key, scratch, &v, [](const Value &x) { return x.kind == Kind::kString; });
+         LookupKind(obj, key, &found, [](const Value &x) { return x.kind == Kind::kString; });
       if (rc != kSuccess) {
          return rc;
       }
-      *value = DupString(v->str);
+      *value = DupString(found.value->str);
       return kSuccess;
    });
 }
@@ -740,14 +796,13 @@ int32_t GetValueBool(Object *obj, const char *key, bool *value) {
       if (value == nullptr) {
          return kBadParam;
       }
-      Value scratch;
-      const Value *v = nullptr;
+      Found found;
       const int32_t rc =
-         LookupKind(obj, key, scratch, &v, [](const Value &x) { return x.kind == Kind::kBool; });
+         LookupKind(obj, key, &found, [](const Value &x) { return x.kind == Kind::kBool; });
       if (rc != kSuccess) {
          return rc;
       }
-      *value = v->num != 0;
+      *value = found.value->num != 0;
       return kSuccess;
    });
 }
@@ -757,14 +812,14 @@ int32_t GetValueStringArray(Object *obj, const char *key, char ***values, uint32
       if (values == nullptr || count == nullptr) {
          return kBadParam;
       }
-      Value scratch;
-      const Value *v = nullptr;
-      const int32_t rc = LookupKind(obj, key, scratch, &v, [](const Value &x) {
+      Found found;
+      const int32_t rc = LookupKind(obj, key, &found, [](const Value &x) {
          return x.kind == Kind::kStringList || x.kind == Kind::kEmptyList;
       });
       if (rc != kSuccess) {
          return rc;
       }
+      const Value *v = found.value;
       size_t n = v->strs.size();
       // One spare slot keeps the array NULL-terminated as well.
       auto **array = static_cast<char **>(std::calloc(n + 1, sizeof(char *)));

@@ -15,14 +15,14 @@ using Json = nlohmann::ordered_json;
 
 // ---- sub-object keys --------------------------------------------------------
 
-NodePtr SubKey::Find(const std::string &childId) const {
+const NodePtr *SubKey::Find(std::string_view childId) const {
    if (!byId_.empty()) {
       auto it = byId_.find(childId);
-      return it == byId_.end() ? nullptr : it->second;
+      return it == byId_.end() ? nullptr : &it->second;
    }
    for (const NodePtr &entry : entries) {
       if (entry->id == childId) {
-         return entry;
+         return &entry;
       }
    }
    return nullptr;
@@ -31,34 +31,45 @@ NodePtr SubKey::Find(const std::string &childId) const {
 void SubKey::Add(NodePtr child) {
    entries.push_back(std::move(child));
    if (!byId_.empty()) {
-      byId_.emplace(entries.back()->id, entries.back());
+      try {
+         byId_.emplace(entries.back()->id, entries.back());
+      } catch (...) {
+         entries.pop_back();
+         throw;
+      }
    } else if (entries.size() > kIndexFrom) {
-      byId_.reserve(entries.size() * 2);
-      for (const NodePtr &entry : entries) {
-         byId_.emplace(entry->id, entry);
+      try {
+         byId_.reserve(entries.size() * 2);
+         for (const NodePtr &entry : entries) {
+            byId_.emplace(entry->id, entry);
+         }
+      } catch (...) {
+         byId_.clear();  // without an index every entry is still found by a scan
+         throw;
       }
    }
 }
 
-bool SubKey::Remove(const std::string &childId) {
+bool SubKey::Remove(std::string_view childId) {
    auto it = std::find_if(entries.begin(), entries.end(),
                           [&](const NodePtr &n) { return n->id == childId; });
    if (it == entries.end()) {
       return false;
    }
-   entries.erase(it);
+   // The index's key views the id of the entry: out of the index first.
    byId_.erase(childId);
+   entries.erase(it);
    return true;
 }
 
 void SubKey::Clear() {
-   entries.clear();
    byId_.clear();
+   entries.clear();
 }
 
 // ---- tree -----------------------------------------------------------------
 
-Value *Node::FindValue(const std::string &key) {
+Value *Node::FindValue(std::string_view key) {
    for (auto &entry : values) {
       if (entry.first == key) {
          return &entry.second;
@@ -67,15 +78,15 @@ Value *Node::FindValue(const std::string &key) {
    return nullptr;
 }
 
-Value &Node::PutValue(const std::string &key) {
+Value &Node::PutValue(std::string_view key) {
    if (Value *v = FindValue(key)) {
       return *v;
    }
-   values.emplace_back(key, Value{});
+   values.emplace_back(std::string(key), Value{});
    return values.back().second;
 }
 
-bool Node::RemoveValue(const std::string &key) {
+bool Node::RemoveValue(std::string_view key) {
    auto it = std::find_if(values.begin(), values.end(),
                           [&](const std::pair<std::string, Value> &e) { return e.first == key; });
    if (it == values.end()) {
@@ -85,7 +96,7 @@ bool Node::RemoveValue(const std::string &key) {
    return true;
 }
 
-SubKey *Node::FindSub(const std::string &key) {
+SubKey *Node::FindSub(std::string_view key) {
    for (auto &sub : subs) {
       if (sub.key == key) {
          return &sub;
@@ -94,19 +105,24 @@ SubKey *Node::FindSub(const std::string &key) {
    return nullptr;
 }
 
-NodePtr Node::FindChild(const std::string &key, const std::string &childId) {
+const NodePtr *Node::FindChild(std::string_view key, std::string_view childId) {
    SubKey *sub = FindSub(key);
    return sub == nullptr ? nullptr : sub->Find(childId);
 }
 
-NodePtr Node::AddChild(const std::string &key, const std::string &childId) {
+NodePtr Node::AddChild(std::string_view key, std::string_view childId) {
    SubKey *sub = FindSub(key);
    if (sub == nullptr) {
       subs.emplace_back();
       sub = &subs.back();
-      sub->key = key;
-   } else if (NodePtr existing = sub->Find(childId)) {
-      return existing;
+      try {
+         sub->key = key;
+      } catch (...) {
+         subs.pop_back();
+         throw;
+      }
+   } else if (const NodePtr *existing = sub->Find(childId)) {
+      return *existing;
    }
    auto child = std::make_shared<Node>();
    child->id = childId;
@@ -114,7 +130,7 @@ NodePtr Node::AddChild(const std::string &key, const std::string &childId) {
    return child;
 }
 
-bool Node::RemoveChild(const std::string &key, const std::string &childId) {
+bool Node::RemoveChild(std::string_view key, std::string_view childId) {
    SubKey *sub = FindSub(key);
    if (sub == nullptr || !sub->Remove(childId)) {
       return false;
@@ -125,7 +141,7 @@ bool Node::RemoveChild(const std::string &key, const std::string &childId) {
    return true;
 }
 
-bool Node::RemoveSub(const std::string &key) {
+bool Node::RemoveSub(std::string_view key) {
    auto it = std::find_if(subs.begin(), subs.end(), [&](const SubKey &s) { return s.key == key; });
    if (it == subs.end()) {
       return false;

@@ -16,11 +16,15 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 namespace configstore {
+
+struct Object;
+
 namespace detail {
 
 // Thrown for JSON text or a stored document that does not describe an
@@ -45,22 +49,25 @@ using NodePtr = std::shared_ptr<Node>;
 
 // The entries of one sub-object key, in creation order.  Most keys hold a
 // singleton or a few instances, found by a scan; a key that grows past
-// kIndexFrom entries also keeps an index by instance id.
+// kIndexFrom entries also keeps an index by instance id, whose keys view
+// the ids of the entries themselves (a node's id never changes once it
+// has joined a key, and the node does not move).
 struct SubKey {
    static constexpr size_t kIndexFrom = 8;
 
    std::string key;
    std::vector<NodePtr> entries;
 
-   NodePtr Find(const std::string &id) const;
+   // The entry of `id`, or null; valid until the key changes.
+   const NodePtr *Find(std::string_view id) const;
    // Adds a child whose id no entry has.
    void Add(NodePtr child);
    // Removes the entry of `id`; false when there is none.
-   bool Remove(const std::string &id);
+   bool Remove(std::string_view id);
    void Clear();
 
   private:
-   std::unordered_map<std::string, NodePtr> byId_;  // empty until kIndexFrom
+   std::unordered_map<std::string_view, NodePtr> byId_;  // empty until kIndexFrom
 };
 
 struct Node {
@@ -69,18 +76,22 @@ struct Node {
    std::string id;
    std::vector<std::pair<std::string, Value>> values;
    std::vector<SubKey> subs;
+   // The handle handed out for this node, once there is one; it belongs
+   // to the top-level handle of the tree and lives as long as that.
+   Object *handle = nullptr;
 
-   Value *FindValue(const std::string &key);
+   Value *FindValue(std::string_view key);
    // The value under `key`, created (as an empty string) when missing.
-   Value &PutValue(const std::string &key);
-   bool RemoveValue(const std::string &key);
+   Value &PutValue(std::string_view key);
+   bool RemoveValue(std::string_view key);
 
-   SubKey *FindSub(const std::string &key);
-   NodePtr FindChild(const std::string &key, const std::string &id);
+   SubKey *FindSub(std::string_view key);
+   // The child (key, id), or null.
+   const NodePtr *FindChild(std::string_view key, std::string_view id);
    // The child (key, id); an existing one is returned as it is.
-   NodePtr AddChild(const std::string &key, const std::string &id);
-   bool RemoveChild(const std::string &key, const std::string &id);
-   bool RemoveSub(const std::string &key);
+   NodePtr AddChild(std::string_view key, std::string_view id);
+   bool RemoveChild(std::string_view key, std::string_view id);
+   bool RemoveSub(std::string_view key);
 };
 
 // Deepest nesting accepted when reading JSON.
