@@ -21,7 +21,7 @@
 #include <new>
 #include <random>
 #include <string>
-#include <unordered_map>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -46,7 +46,7 @@ namespace detail {
 // What only a top-level object has: its tree, its name and the handles
 // handed out into the tree.
 struct TopLevel {
-   NodePtr tree;
+   std::unique_ptr<Tree> tree;  // destroyed last: the handles refer into it
    std::string group, object, component, instance;
    // Sub-object handles, each the Node::handle of its node; a deque never
    // moves them and allocates them a block at a time.
@@ -56,9 +56,11 @@ struct TopLevel {
 }  // namespace detail
 
 struct Object {
-   Object *root = nullptr;    // this, for a top-level object
-   std::weak_ptr<Node> node;  // the node this handle stands for
+   Object *root = nullptr;                 // this, for a top-level object
    std::unique_ptr<detail::TopLevel> top;  // top-level objects only
+   // The node this handle stands for.  Declared after `top`, so that it
+   // goes first: its control block lives in the tree's arena.
+   std::weak_ptr<Node> node;
 };
 
 struct FilterSpec {
@@ -92,7 +94,7 @@ std::string OrEmpty(const char *s) {
    return s == nullptr ? std::string() : std::string(s);
 }
 
-char *DupString(const std::string &s) {
+char *DupString(std::string_view s) {
    char *out = static_cast<char *>(std::malloc(s.size() + 1));
    if (out == nullptr) {
       throw std::bad_alloc();
@@ -108,14 +110,14 @@ bool IsRoot(const Object *obj) {
    return obj->root == obj;
 }
 
-std::unique_ptr<Object> NewRoot(NodePtr node, std::string group, std::string object,
-                                std::string component, std::string instance) {
+std::unique_ptr<Object> NewRoot(std::unique_ptr<detail::Tree> tree, std::string group,
+                                std::string object, std::string component, std::string instance) {
    auto obj = std::make_unique<Object>();
    obj->top = std::make_unique<detail::TopLevel>();
    obj->root = obj.get();
-   obj->node = node;
+   obj->node = tree->Root();
    detail::TopLevel &top = *obj->top;
-   top.tree = std::move(node);
+   top.tree = std::move(tree);
    top.group = std::move(group);
    top.object = std::move(object);
    top.component = std::move(component);
@@ -232,7 +234,8 @@ int32_t PutValue(Object *obj, const char *key, Fill &&fill) {
    if (!node) {
       return kNotFound;
    }
-   Value v;
+   // Made in the tree's arena, so that moving it in copies nothing.
+   Value v(node->values.get_allocator());
    fill(v);
    node->PutValue(key) = std::move(v);
    return kSuccess;
@@ -269,9 +272,8 @@ int32_t ReadInstances(Store *store, const detail::ObjectName &name, const char *
    std::vector<std::unique_ptr<Object>> found;
    found.reserve(docs.size());
    for (detail::StoredDocument &d : docs) {
-      NodePtr node = detail::ParseDocument(d.doc);
-      found.push_back(
-         NewRoot(std::move(node), name.group, name.object, name.component, std::move(d.instance)));
+      found.push_back(NewRoot(detail::ParseDocument(d.doc), name.group, name.object,
+                              name.component, std::move(d.instance)));
    }
    Object **array = NewObjectArray(found.size());
    for (size_t i = 0; i < found.size(); ++i) {
@@ -521,8 +523,7 @@ int32_t Get(Store *store, const char *group, const char *object, const char *com
       if (rc != kSuccess) {
          return rc;
       }
-      NodePtr node = detail::ParseDocument(doc);
-      *out = NewRoot(std::move(node), std::move(name.group), std::move(name.object),
+      *out = NewRoot(detail::ParseDocument(doc), std::move(name.group), std::move(name.object),
                      std::move(name.component), std::move(name.instance))
                 .release();
       return kSuccess;
@@ -536,8 +537,8 @@ int32_t CreateObject(const char *group, const char *object, const char *componen
          return kBadParam;
       }
       *out = nullptr;
-      NodePtr node = detail::ParsePlainObject(json);
-      *out = NewRoot(std::move(node), group, object, component, OrEmpty(instanceId)).release();
+      *out = NewRoot(detail::ParsePlainObject(json), group, object, component, OrEmpty(instanceId))
+                .release();
       return kSuccess;
    });
 }
@@ -548,7 +549,7 @@ int32_t Set(Store *store, Object *obj, const char *source) {
          return kBadParam;
       }
       const detail::TopLevel &top = *obj->top;
-      const std::string doc = detail::SerializeDocument(*top.tree);
+      const std::string doc = detail::SerializeDocument(*top.tree->Root());
       const detail::ObjectName name{top.group, top.object, top.component, top.instance};
       return store->backend->Write(name, source, doc);
    });
@@ -579,7 +580,7 @@ int32_t GetStoredDocument(Object *obj, char **json) {
       if (obj == nullptr || json == nullptr || !IsRoot(obj)) {
          return kBadParam;
       }
-      *json = DupString(detail::SerializeDocument(*obj->top->tree));
+      *json = DupString(detail::SerializeDocument(*obj->top->tree->Root()));
       return kSuccess;
    });
 }

@@ -13,6 +13,11 @@ namespace detail {
 
 using Json = nlohmann::ordered_json;
 
+NodePtr NewNode(std::pmr::memory_resource *arena) {
+   // The allocator also hands itself to the node's constructor.
+   return std::allocate_shared<Node>(std::pmr::polymorphic_allocator<Node>(arena));
+}
+
 // ---- sub-object keys --------------------------------------------------------
 
 const NodePtr *SubKey::Find(std::string_view childId) const {
@@ -69,6 +74,12 @@ void SubKey::Clear() {
 
 // ---- tree -----------------------------------------------------------------
 
+// Room made for the first value and the first sub-object key of a node:
+// most nodes hold a handful, and in the arena a vector that grows leaves
+// its smaller buffers behind.
+constexpr size_t kValuesReserved = 8;
+constexpr size_t kSubsReserved = 4;
+
 Value *Node::FindValue(std::string_view key) {
    for (auto &entry : values) {
       if (entry.first == key) {
@@ -82,13 +93,17 @@ Value &Node::PutValue(std::string_view key) {
    if (Value *v = FindValue(key)) {
       return *v;
    }
-   values.emplace_back(std::string(key), Value{});
+   if (values.empty()) {
+      values.reserve(kValuesReserved);
+   }
+   values.emplace_back(std::piecewise_construct, std::forward_as_tuple(key),
+                       std::forward_as_tuple());
    return values.back().second;
 }
 
 bool Node::RemoveValue(std::string_view key) {
    auto it = std::find_if(values.begin(), values.end(),
-                          [&](const std::pair<std::string, Value> &e) { return e.first == key; });
+                          [&](const std::pair<String, Value> &e) { return e.first == key; });
    if (it == values.end()) {
       return false;
    }
@@ -105,28 +120,37 @@ SubKey *Node::FindSub(std::string_view key) {
    return nullptr;
 }
 
+SubKey &Node::PutSub(std::string_view key) {
+   if (SubKey *sub = FindSub(key)) {
+      return *sub;
+   }
+   if (subs.empty()) {
+      subs.reserve(kSubsReserved);
+   }
+   subs.emplace_back();
+   try {
+      subs.back().key = key;
+   } catch (...) {
+      subs.pop_back();
+      throw;
+   }
+   return subs.back();
+}
+
 const NodePtr *Node::FindChild(std::string_view key, std::string_view childId) {
    SubKey *sub = FindSub(key);
    return sub == nullptr ? nullptr : sub->Find(childId);
 }
 
 NodePtr Node::AddChild(std::string_view key, std::string_view childId) {
-   SubKey *sub = FindSub(key);
-   if (sub == nullptr) {
-      subs.emplace_back();
-      sub = &subs.back();
-      try {
-         sub->key = key;
-      } catch (...) {
-         subs.pop_back();
-         throw;
+   if (SubKey *sub = FindSub(key)) {
+      if (const NodePtr *existing = sub->Find(childId)) {
+         return *existing;
       }
-   } else if (const NodePtr *existing = sub->Find(childId)) {
-      return *existing;
    }
-   auto child = std::make_shared<Node>();
+   NodePtr child = NewNode(values.get_allocator().resource());
    child->id = childId;
-   sub->Add(child);
+   PutSub(key).Add(child);
    return child;
 }
 
@@ -291,7 +315,7 @@ Value ValueFromJson(const Json &j) {
    Value v;
    if (j.is_string()) {
       v.kind = Kind::kString;
-      v.str = j.get<std::string>();
+      v.str = j.get_ref<const std::string &>();
    } else if (j.is_boolean()) {
       v.kind = Kind::kBool;
       v.num = j.get<bool>() ? 1 : 0;
@@ -307,7 +331,7 @@ Value ValueFromJson(const Json &j) {
             if (!e.is_string()) {
                throw DocumentError("list mixes strings and other values");
             }
-            v.strs.push_back(e.get<std::string>());
+            v.strs.emplace_back(e.get_ref<const std::string &>());
          }
       } else if (IsInteger(j.front())) {
          v.kind = Kind::kIntList;
@@ -375,11 +399,11 @@ void FillFromPlain(Node &node, const Json &j, int depth, bool skipKey) {
 
 }  // namespace
 
-NodePtr ParsePlainObject(const std::string &text) {
+std::unique_ptr<Tree> ParsePlainObject(const std::string &text) {
    const ParsedJson parsed(text);
-   auto node = std::make_shared<Node>();
-   FillFromPlain(*node, parsed.j, 0, false);
-   return node;
+   auto tree = std::make_unique<Tree>();
+   FillFromPlain(*tree->Root(), parsed.j, 0, false);
+   return tree;
 }
 
 }  // namespace detail
