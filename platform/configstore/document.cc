@@ -77,8 +77,8 @@ void SubKey::Clear() {
 // Room made for the first value and the first sub-object key of a node:
 // most nodes hold a handful, and in the arena a vector that grows leaves
 // its smaller buffers behind.
-constexpr size_t kValuesReserved = 8;
-constexpr size_t kSubsReserved = 4;
+constexpr size_t kValuesReserved = 4;
+constexpr size_t kSubsReserved = 2;
 
 Value *Node::FindValue(std::string_view key) {
    for (auto &entry : values) {

@@ -180,6 +180,9 @@ constexpr int kMaxDepth = 512;
 // The stored document of a node (see docs/configstore.md); throws
 // DocumentError for a string that is not valid UTF-8.  In document_writer.cc.
 std::string SerializeDocument(const Node &node);
+// Bytes of spare capacity past the end of a stored document's text that
+// let ParseDocument read it where it is instead of copying it first.
+constexpr size_t kDocumentSlack = 64;
 // Parses a stored document; throws DocumentError, or std::bad_alloc when
 // memory runs out.  In document_reader.cc.
 std::unique_ptr<Tree> ParseDocument(const std::string &text);

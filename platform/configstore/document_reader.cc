@@ -28,6 +28,9 @@ namespace {
 
 namespace od = simdjson::ondemand;
 
+static_assert(kDocumentSlack >= simdjson::SIMDJSON_PADDING,
+              "a stored document read with slack is parsed in place");
+
 // Each entry level of a document is three JSON levels (the "subobjects"
 // object, the key's array, the entry); a value list adds two more.
 constexpr size_t kMaxJsonDepth = 3 * (kMaxDepth + 1) + 3;
@@ -230,12 +233,20 @@ std::unique_ptr<Tree> ParseDocument(const std::string &text) {
    if (json.substr(0, kBom.size()) == kBom) {
       json.remove_prefix(kBom.size());
    }
-   // The parser reads a little past the end of the text.
+   // The parser reads a little past the end of the text: a text read with
+   // room for that (see kDocumentSlack) is parsed where it is, any other
+   // is copied first.
+   const size_t room = text.capacity() - static_cast<size_t>(json.data() - text.data());
    std::string padded;
-   padded.reserve(json.size() + simdjson::SIMDJSON_PADDING);
-   padded.assign(json);
-   od::document doc =
-      Get<od::document>(Parser().iterate(padded.data(), padded.size(), padded.capacity()));
+   const char *start = json.data();
+   size_t capacity = room;
+   if (room < json.size() + simdjson::SIMDJSON_PADDING) {
+      padded.reserve(json.size() + simdjson::SIMDJSON_PADDING);
+      padded.assign(json);
+      start = padded.data();
+      capacity = padded.capacity();
+   }
+   od::document doc = Get<od::document>(Parser().iterate(start, json.size(), capacity));
    od::object root;
    if (doc.get_object().get(root) != simdjson::SUCCESS) {
       throw DocumentError("a document is a JSON object");
