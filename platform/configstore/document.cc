@@ -74,12 +74,6 @@ void SubKey::Clear() {
 
 // ---- tree -----------------------------------------------------------------
 
-// Room made for the first value and the first sub-object key of a node:
-// most nodes hold a handful, and in the arena a vector that grows leaves
-// its smaller buffers behind.
-constexpr size_t kValuesReserved = 4;
-constexpr size_t kSubsReserved = 2;
-
 Value *Node::FindValue(std::string_view key) {
    for (auto &entry : values) {
       if (entry.first == key) {
@@ -92,9 +86,6 @@ Value *Node::FindValue(std::string_view key) {
 Value &Node::PutValue(std::string_view key) {
    if (Value *v = FindValue(key)) {
       return *v;
-   }
-   if (values.empty()) {
-      values.reserve(kValuesReserved);
    }
    values.emplace_back(std::piecewise_construct, std::forward_as_tuple(key),
                        std::forward_as_tuple());
@@ -123,9 +114,6 @@ SubKey *Node::FindSub(std::string_view key) {
 SubKey &Node::PutSub(std::string_view key) {
    if (SubKey *sub = FindSub(key)) {
       return *sub;
-   }
-   if (subs.empty()) {
-      subs.reserve(kSubsReserved);
    }
    subs.emplace_back();
    try {
