@@ -57,7 +57,10 @@ struct Value {
    Value(const Value &o, const allocator_type &a)
        : kind(o.kind), str(o.str, a), num(o.num), strs(o.strs, a), nums(o.nums, a) {}
    Value(Value &&o, const allocator_type &a)
-       : kind(o.kind), str(std::move(o.str), a), num(o.num), strs(std::move(o.strs), a),
+       : kind(o.kind),
+         str(std::move(o.str), a),
+         num(o.num),
+         strs(std::move(o.strs), a),
          nums(std::move(o.nums), a) {}
    Value(const Value &) = default;
    Value(Value &&) = default;

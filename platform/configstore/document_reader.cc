@@ -162,8 +162,8 @@ void ReadSubobjects(Node &node, od::object subobjects, int depth) {
    for (auto field : subobjects) {
       const std::string_view key = Get<std::string_view>(field.unescaped_key());
       od::array entries;
-      if (key.empty() || Get<od::value>(field.value()).get_array().get(entries) !=
-                            simdjson::SUCCESS) {
+      if (key.empty() ||
+          Get<od::value>(field.value()).get_array().get(entries) != simdjson::SUCCESS) {
          throw DocumentError("a sub-object key holds an array of entries");
       }
       SubKey &sub = node.PutSub(key);

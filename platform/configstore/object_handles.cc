@@ -192,8 +192,7 @@ int32_t DeleteSubObject(Object *parent, const char *key, const char *instanceId)
       if (!node) {
          return kNotFound;
       }
-      return node->RemoveChild(key, instanceId == nullptr ? "" : instanceId) ? kSuccess
-                                                                             : kNotFound;
+      return node->RemoveChild(key, instanceId == nullptr ? "" : instanceId) ? kSuccess : kNotFound;
    });
 }
 

@@ -36,8 +36,8 @@ int32_t ReadInstances(Store *store, const detail::ObjectName &name, const char *
    std::vector<std::unique_ptr<Object>> found;
    found.reserve(docs.size());
    for (detail::StoredDocument &d : docs) {
-      found.push_back(NewRoot(detail::ParseDocument(d.doc), name.group, name.object,
-                              name.component, std::move(d.instance)));
+      found.push_back(NewRoot(detail::ParseDocument(d.doc), name.group, name.object, name.component,
+                              std::move(d.instance)));
    }
    Object **array = NewObjectArray(found.size());
    for (size_t i = 0; i < found.size(); ++i) {
