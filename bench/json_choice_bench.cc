@@ -180,13 +180,13 @@ void BM_JsonWrite_RapidJson(benchmark::State &state) {
 }
 
 void BM_JsonWrite_StoreWriter(benchmark::State &state) {
-   std::vector<configstore::detail::NodePtr> trees;
+   std::vector<std::unique_ptr<configstore::detail::Tree>> trees;
    for (const auto &d : Documents()) {
       trees.push_back(configstore::detail::ParseDocument(d));
    }
    for (auto _ : state) {
       for (const auto &t : trees) {
-         benchmark::DoNotOptimize(configstore::detail::SerializeDocument(*t));
+         benchmark::DoNotOptimize(configstore::detail::SerializeDocument(*t->Root()));
       }
    }
    Done(state);

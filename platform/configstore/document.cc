@@ -13,16 +13,21 @@ namespace detail {
 
 using Json = nlohmann::ordered_json;
 
+NodePtr NewNode(std::pmr::memory_resource *arena) {
+   // The allocator also hands itself to the node's constructor.
+   return std::allocate_shared<Node>(std::pmr::polymorphic_allocator<Node>(arena));
+}
+
 // ---- sub-object keys --------------------------------------------------------
 
-NodePtr SubKey::Find(const std::string &childId) const {
+const NodePtr *SubKey::Find(std::string_view childId) const {
    if (!byId_.empty()) {
       auto it = byId_.find(childId);
-      return it == byId_.end() ? nullptr : it->second;
+      return it == byId_.end() ? nullptr : &it->second;
    }
    for (const NodePtr &entry : entries) {
       if (entry->id == childId) {
-         return entry;
+         return &entry;
       }
    }
    return nullptr;
@@ -31,34 +36,45 @@ NodePtr SubKey::Find(const std::string &childId) const {
 void SubKey::Add(NodePtr child) {
    entries.push_back(std::move(child));
    if (!byId_.empty()) {
-      byId_.emplace(entries.back()->id, entries.back());
+      try {
+         byId_.emplace(entries.back()->id, entries.back());
+      } catch (...) {
+         entries.pop_back();
+         throw;
+      }
    } else if (entries.size() > kIndexFrom) {
-      byId_.reserve(entries.size() * 2);
-      for (const NodePtr &entry : entries) {
-         byId_.emplace(entry->id, entry);
+      try {
+         byId_.reserve(entries.size() * 2);
+         for (const NodePtr &entry : entries) {
+            byId_.emplace(entry->id, entry);
+         }
+      } catch (...) {
+         byId_.clear();  // without an index every entry is still found by a scan
+         throw;
       }
    }
 }
 
-bool SubKey::Remove(const std::string &childId) {
+bool SubKey::Remove(std::string_view childId) {
    auto it = std::find_if(entries.begin(), entries.end(),
                           [&](const NodePtr &n) { return n->id == childId; });
    if (it == entries.end()) {
       return false;
    }
-   entries.erase(it);
+   // The index's key views the id of the entry: out of the index first.
    byId_.erase(childId);
+   entries.erase(it);
    return true;
 }
 
 void SubKey::Clear() {
-   entries.clear();
    byId_.clear();
+   entries.clear();
 }
 
 // ---- tree -----------------------------------------------------------------
 
-Value *Node::FindValue(const std::string &key) {
+Value *Node::FindValue(std::string_view key) {
    for (auto &entry : values) {
       if (entry.first == key) {
          return &entry.second;
@@ -67,17 +83,18 @@ Value *Node::FindValue(const std::string &key) {
    return nullptr;
 }
 
-Value &Node::PutValue(const std::string &key) {
+Value &Node::PutValue(std::string_view key) {
    if (Value *v = FindValue(key)) {
       return *v;
    }
-   values.emplace_back(key, Value{});
+   values.emplace_back(std::piecewise_construct, std::forward_as_tuple(key),
+                       std::forward_as_tuple());
    return values.back().second;
 }
 
-bool Node::RemoveValue(const std::string &key) {
+bool Node::RemoveValue(std::string_view key) {
    auto it = std::find_if(values.begin(), values.end(),
-                          [&](const std::pair<std::string, Value> &e) { return e.first == key; });
+                          [&](const std::pair<String, Value> &e) { return e.first == key; });
    if (it == values.end()) {
       return false;
    }
@@ -85,7 +102,7 @@ bool Node::RemoveValue(const std::string &key) {
    return true;
 }
 
-SubKey *Node::FindSub(const std::string &key) {
+SubKey *Node::FindSub(std::string_view key) {
    for (auto &sub : subs) {
       if (sub.key == key) {
          return &sub;
@@ -94,27 +111,38 @@ SubKey *Node::FindSub(const std::string &key) {
    return nullptr;
 }
 
-NodePtr Node::FindChild(const std::string &key, const std::string &childId) {
+SubKey &Node::PutSub(std::string_view key) {
+   if (SubKey *sub = FindSub(key)) {
+      return *sub;
+   }
+   subs.emplace_back();
+   try {
+      subs.back().key = key;
+   } catch (...) {
+      subs.pop_back();
+      throw;
+   }
+   return subs.back();
+}
+
+const NodePtr *Node::FindChild(std::string_view key, std::string_view childId) {
    SubKey *sub = FindSub(key);
    return sub == nullptr ? nullptr : sub->Find(childId);
 }
 
-NodePtr Node::AddChild(const std::string &key, const std::string &childId) {
-   SubKey *sub = FindSub(key);
-   if (sub == nullptr) {
-      subs.emplace_back();
-      sub = &subs.back();
-      sub->key = key;
-   } else if (NodePtr existing = sub->Find(childId)) {
-      return existing;
+NodePtr Node::AddChild(std::string_view key, std::string_view childId) {
+   if (SubKey *sub = FindSub(key)) {
+      if (const NodePtr *existing = sub->Find(childId)) {
+         return *existing;
+      }
    }
-   auto child = std::make_shared<Node>();
+   NodePtr child = NewNode(values.get_allocator().resource());
    child->id = childId;
-   sub->Add(child);
+   PutSub(key).Add(child);
    return child;
 }
 
-bool Node::RemoveChild(const std::string &key, const std::string &childId) {
+bool Node::RemoveChild(std::string_view key, std::string_view childId) {
    SubKey *sub = FindSub(key);
    if (sub == nullptr || !sub->Remove(childId)) {
       return false;
@@ -125,7 +153,7 @@ bool Node::RemoveChild(const std::string &key, const std::string &childId) {
    return true;
 }
 
-bool Node::RemoveSub(const std::string &key) {
+bool Node::RemoveSub(std::string_view key) {
    auto it = std::find_if(subs.begin(), subs.end(), [&](const SubKey &s) { return s.key == key; });
    if (it == subs.end()) {
       return false;
@@ -275,7 +303,7 @@ Value ValueFromJson(const Json &j) {
    Value v;
    if (j.is_string()) {
       v.kind = Kind::kString;
-      v.str = j.get<std::string>();
+      v.str = j.get_ref<const std::string &>();
    } else if (j.is_boolean()) {
       v.kind = Kind::kBool;
       v.num = j.get<bool>() ? 1 : 0;
@@ -291,7 +319,7 @@ Value ValueFromJson(const Json &j) {
             if (!e.is_string()) {
                throw DocumentError("list mixes strings and other values");
             }
-            v.strs.push_back(e.get<std::string>());
+            v.strs.emplace_back(e.get_ref<const std::string &>());
          }
       } else if (IsInteger(j.front())) {
          v.kind = Kind::kIntList;
@@ -359,11 +387,11 @@ void FillFromPlain(Node &node, const Json &j, int depth, bool skipKey) {
 
 }  // namespace
 
-NodePtr ParsePlainObject(const std::string &text) {
+std::unique_ptr<Tree> ParsePlainObject(const std::string &text) {
    const ParsedJson parsed(text);
-   auto node = std::make_shared<Node>();
-   FillFromPlain(*node, parsed.j, 0, false);
-   return node;
+   auto tree = std::make_unique<Tree>();
+   FillFromPlain(*tree->Root(), parsed.j, 0, false);
+   return tree;
 }
 
 }  // namespace detail

@@ -4,9 +4,9 @@
 // A Node carries typed values and sub-object keys.  A key holds its
 // entries in creation order: the singleton (empty instance id) and/or
 // instances keyed by instance id.  Nodes are shared_ptr-owned by their
-// parent (the root node by its top-level handle); handles refer to nodes
-// through weak_ptr so that removing a node makes every handle to it, and
-// to everything below it, answer "not found" instead of dangling.
+// parent (the root node by its Tree); handles refer to nodes through
+// weak_ptr so that removing a node makes every handle to it, and to
+// everything below it, answer "not found" instead of dangling.
 //
 // Internal to libconfigstorec; nothing here is exported.
 #ifndef CONFIGSTORE_DOCUMENT_H
@@ -14,13 +14,18 @@
 
 #include <cstdint>
 #include <memory>
+#include <memory_resource>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 namespace configstore {
+
+struct Object;
+
 namespace detail {
 
 // Thrown for JSON text or a stored document that does not describe an
@@ -32,12 +37,44 @@ class DocumentError : public std::runtime_error {
 
 enum class Kind { kString, kInt, kBool, kStringList, kIntList, kEmptyList };
 
+// Every container of a tree takes its memory from the tree's arena (see
+// Tree below).  Value, SubKey and Node are allocator-aware so that the
+// containers that hold them hand the arena down to them.
+using Alloc = std::pmr::polymorphic_allocator<char>;
+using String = std::pmr::string;
+
 struct Value {
+   using allocator_type = Alloc;
+
    Kind kind = Kind::kString;
-   std::string str;                // kString
-   int64_t num = 0;                // kInt; kBool as 0 or 1
-   std::vector<std::string> strs;  // kStringList
-   std::vector<int64_t> nums;      // kIntList
+   String str;                      // kString
+   int64_t num = 0;                 // kInt; kBool as 0 or 1
+   std::pmr::vector<String> strs;   // kStringList
+   std::pmr::vector<int64_t> nums;  // kIntList
+
+   Value() = default;
+   explicit Value(const allocator_type &a) : str(a), strs(a), nums(a) {}
+   Value(const Value &o, const allocator_type &a)
+       : kind(o.kind), str(o.str, a), num(o.num), strs(o.strs, a), nums(o.nums, a) {}
+   Value(Value &&o, const allocator_type &a)
+       : kind(o.kind),
+         str(std::move(o.str), a),
+         num(o.num),
+         strs(std::move(o.strs), a),
+         nums(std::move(o.nums), a) {}
+   Value(const Value &) = default;
+   Value(Value &&) = default;
+   Value &operator=(const Value &) = default;
+   Value &operator=(Value &&) = default;
+
+   // Back to an empty string, keeping the arena.
+   void Reset() {
+      kind = Kind::kString;
+      str.clear();
+      num = 0;
+      strs.clear();
+      nums.clear();
+   }
 };
 
 struct Node;
@@ -45,42 +82,99 @@ using NodePtr = std::shared_ptr<Node>;
 
 // The entries of one sub-object key, in creation order.  Most keys hold a
 // singleton or a few instances, found by a scan; a key that grows past
-// kIndexFrom entries also keeps an index by instance id.
+// kIndexFrom entries also keeps an index by instance id, whose keys view
+// the ids of the entries themselves (a node's id never changes once it
+// has joined a key, and the node does not move).
 struct SubKey {
+   using allocator_type = Alloc;
    static constexpr size_t kIndexFrom = 8;
 
-   std::string key;
-   std::vector<NodePtr> entries;
+   String key;
+   std::pmr::vector<NodePtr> entries;
 
-   NodePtr Find(const std::string &id) const;
+   explicit SubKey(const allocator_type &a) : key(a), entries(a), byId_(a) {}
+   SubKey(SubKey &&o, const allocator_type &a)
+       : key(std::move(o.key), a), entries(std::move(o.entries), a), byId_(std::move(o.byId_), a) {}
+   SubKey(SubKey &&) = default;
+   SubKey(const SubKey &) = delete;
+   SubKey &operator=(const SubKey &) = delete;
+   SubKey &operator=(SubKey &&) = default;
+
+   // The entry of `id`, or null; valid until the key changes.
+   const NodePtr *Find(std::string_view id) const;
    // Adds a child whose id no entry has.
    void Add(NodePtr child);
    // Removes the entry of `id`; false when there is none.
-   bool Remove(const std::string &id);
+   bool Remove(std::string_view id);
    void Clear();
 
   private:
-   std::unordered_map<std::string, NodePtr> byId_;  // empty until kIndexFrom
+   std::pmr::unordered_map<std::string_view, NodePtr> byId_;  // empty until kIndexFrom
 };
 
 struct Node {
+   using allocator_type = Alloc;
+
    // Instance id under the parent's key; empty for a singleton and for a
    // top-level object (whose identity lives in its handle).
-   std::string id;
-   std::vector<std::pair<std::string, Value>> values;
-   std::vector<SubKey> subs;
+   String id;
+   std::pmr::vector<std::pair<String, Value>> values;
+   std::pmr::vector<SubKey> subs;
+   // The handle handed out for this node, once there is one; it belongs
+   // to the top-level handle of the tree and lives as long as that.
+   Object *handle = nullptr;
 
-   Value *FindValue(const std::string &key);
+   explicit Node(const allocator_type &a) : id(a), values(a), subs(a) {}
+   Node(const Node &) = delete;
+   Node &operator=(const Node &) = delete;
+
+   Value *FindValue(std::string_view key);
    // The value under `key`, created (as an empty string) when missing.
-   Value &PutValue(const std::string &key);
-   bool RemoveValue(const std::string &key);
+   Value &PutValue(std::string_view key);
+   bool RemoveValue(std::string_view key);
 
-   SubKey *FindSub(const std::string &key);
-   NodePtr FindChild(const std::string &key, const std::string &id);
+   SubKey *FindSub(std::string_view key);
+   // The key `key`, added at the end when it is new.
+   SubKey &PutSub(std::string_view key);
+   // The child (key, id), or null.
+   const NodePtr *FindChild(std::string_view key, std::string_view id);
    // The child (key, id); an existing one is returned as it is.
-   NodePtr AddChild(const std::string &key, const std::string &id);
-   bool RemoveChild(const std::string &key, const std::string &id);
-   bool RemoveSub(const std::string &key);
+   NodePtr AddChild(std::string_view key, std::string_view id);
+   bool RemoveChild(std::string_view key, std::string_view id);
+   bool RemoveSub(std::string_view key);
+};
+
+// A new empty node whose containers, and whose own memory, come from `arena`.
+NodePtr NewNode(std::pmr::memory_resource *arena);
+
+// One object tree and the arena its memory comes from.  Nodes taken out
+// of the tree while it lives are destroyed as usual and their memory goes
+// back to the arena for reuse; the tree itself is not taken apart node by
+// node when it goes: everything in it came from the arena, which is
+// released in a few large blocks.
+class Tree {
+  public:
+   Tree() : root_() {}
+   ~Tree() {}  // the root is deliberately not destroyed: see above
+   Tree(const Tree &) = delete;
+   Tree &operator=(const Tree &) = delete;
+
+   std::pmr::memory_resource *Arena() { return &arena_; }
+   // The root node, made on first use.
+   const NodePtr &Root() {
+      if (!root_.node) {
+         root_.node = NewNode(&arena_);
+      }
+      return root_.node;
+   }
+
+  private:
+   std::pmr::monotonic_buffer_resource arena_;
+   union RootSlot {
+      NodePtr node;
+      RootSlot() : node() {}
+      ~RootSlot() {}
+   } root_;
 };
 
 // Deepest nesting accepted when reading JSON.
@@ -89,13 +183,16 @@ constexpr int kMaxDepth = 512;
 // The stored document of a node (see docs/configstore.md); throws
 // DocumentError for a string that is not valid UTF-8.  In document_writer.cc.
 std::string SerializeDocument(const Node &node);
+// Bytes of spare capacity past the end of a stored document's text that
+// let ParseDocument read it where it is instead of copying it first.
+constexpr size_t kDocumentSlack = 64;
 // Parses a stored document; throws DocumentError, or std::bad_alloc when
 // memory runs out.  In document_reader.cc.
-NodePtr ParseDocument(const std::string &text);
+std::unique_ptr<Tree> ParseDocument(const std::string &text);
 // Parses the plain JSON text given to CreateObject: an object whose
 // members are values, nested objects (singleton sub-objects) and arrays of
 // objects (instances, identified by their "key" member).
-NodePtr ParsePlainObject(const std::string &text);
+std::unique_ptr<Tree> ParsePlainObject(const std::string &text);
 
 }  // namespace detail
 }  // namespace configstore

@@ -28,6 +28,9 @@ namespace {
 
 namespace od = simdjson::ondemand;
 
+static_assert(kDocumentSlack >= simdjson::SIMDJSON_PADDING,
+              "a stored document read with slack is parsed in place");
+
 // Each entry level of a document is three JSON levels (the "subobjects"
 // object, the key's array, the entry); a value list adds two more.
 constexpr size_t kMaxJsonDepth = 3 * (kMaxDepth + 1) + 3;
@@ -62,7 +65,7 @@ int64_t Integer(od::value v) {
    return Get<int64_t>(v.get_int64());
 }
 
-std::string_view String(od::value v) {
+std::string_view Text(od::value v) {
    return Get<std::string_view>(v.get_string());
 }
 
@@ -85,7 +88,7 @@ void ReadList(Value &out, od::array list) {
          if (type != od::json_type::string) {
             throw DocumentError("list mixes strings and other values");
          }
-         out.strs.emplace_back(String(e));
+         out.strs.emplace_back(Text(e));
       } else {
          if (type != od::json_type::number) {
             throw DocumentError("list mixes integers and other values");
@@ -96,11 +99,11 @@ void ReadList(Value &out, od::array list) {
 }
 
 void ReadValue(Value &out, od::value v) {
-   out = Value{};
+   out.Reset();
    switch (Get<od::json_type>(v.type())) {
       case od::json_type::string:
          out.kind = Kind::kString;
-         out.str = String(v);
+         out.str = Text(v);
          return;
       case od::json_type::boolean:
          out.kind = Kind::kBool;
@@ -125,8 +128,7 @@ Value &ValueSlot(Node &node, std::string_view name) {
          return entry.second;
       }
    }
-   node.values.emplace_back(std::string(name), Value{});
-   return node.values.back().second;
+   return node.PutValue(name);
 }
 
 void ReadValues(Node &node, od::object values) {
@@ -139,7 +141,7 @@ void ReadValues(Node &node, od::object values) {
    }
 }
 
-void ReadNode(Node &node, od::object object, int depth, bool isEntry, std::string *entryId);
+void ReadNode(Node &node, od::object object, int depth, bool isEntry, String *entryId);
 
 // One sub-object entry under `sub`: read into a node of its own, which
 // joins the key once its id (wherever it stands in the entry) is known.
@@ -148,7 +150,7 @@ void ReadEntry(SubKey &sub, od::value entry, int depth) {
    if (entry.get_object().get(object) != simdjson::SUCCESS) {
       throw DocumentError("a sub-object entry is an object");
    }
-   auto child = std::make_shared<Node>();
+   NodePtr child = NewNode(sub.entries.get_allocator().resource());
    ReadNode(*child, object, depth, true, &child->id);
    if (sub.Find(child->id) != nullptr) {
       throw DocumentError("duplicate sub-object instance");
@@ -158,31 +160,25 @@ void ReadEntry(SubKey &sub, od::value entry, int depth) {
 
 void ReadSubobjects(Node &node, od::object subobjects, int depth) {
    for (auto field : subobjects) {
-      const std::string key(Get<std::string_view>(field.unescaped_key()));
+      const std::string_view key = Get<std::string_view>(field.unescaped_key());
       od::array entries;
-      if (key.empty() || Get<od::value>(field.value()).get_array().get(entries) !=
-                            simdjson::SUCCESS) {
+      if (key.empty() ||
+          Get<od::value>(field.value()).get_array().get(entries) != simdjson::SUCCESS) {
          throw DocumentError("a sub-object key holds an array of entries");
       }
-      SubKey *sub = node.FindSub(key);
-      if (sub == nullptr) {
-         node.subs.emplace_back();
-         sub = &node.subs.back();
-         sub->key = key;
-      } else {
-         sub->Clear();  // a repeated key: its last array counts
-      }
+      SubKey &sub = node.PutSub(key);
+      sub.Clear();  // a repeated key: its last array counts
       for (auto entry : entries) {
-         ReadEntry(*sub, Get<od::value>(entry), depth + 1);
+         ReadEntry(sub, Get<od::value>(entry), depth + 1);
       }
-      if (sub->entries.empty()) {
+      if (sub.entries.empty()) {
          // "k": [] leaves no key behind, as the entries it lists.
-         node.RemoveSub(key);
+         node.RemoveSub(sub.key);
       }
    }
 }
 
-void ReadNode(Node &node, od::object object, int depth, bool isEntry, std::string *entryId) {
+void ReadNode(Node &node, od::object object, int depth, bool isEntry, String *entryId) {
    if (depth > kMaxDepth) {
       throw DocumentError("nested too deeply");
    }
@@ -208,7 +204,7 @@ void ReadNode(Node &node, od::object object, int depth, bool isEntry, std::strin
          if (type != od::json_type::string) {
             throw DocumentError("an instance id is a string");
          }
-         *entryId = std::string(String(member));
+         *entryId = Text(member);
       } else {
          throw DocumentError("unknown document member");
       }
@@ -228,7 +224,7 @@ od::parser &Parser() {
 
 }  // namespace
 
-NodePtr ParseDocument(const std::string &text) {
+std::unique_ptr<Tree> ParseDocument(const std::string &text) {
    // The text ends at a NUL byte, as it always has (one inside a string
    // then leaves that string unterminated).
    std::string_view json(text.data(), std::min(text.find('\0'), text.size()));
@@ -237,24 +233,32 @@ NodePtr ParseDocument(const std::string &text) {
    if (json.substr(0, kBom.size()) == kBom) {
       json.remove_prefix(kBom.size());
    }
-   // The parser reads a little past the end of the text.
+   // The parser reads a little past the end of the text: a text read with
+   // room for that (see kDocumentSlack) is parsed where it is, any other
+   // is copied first.
+   const size_t room = text.capacity() - static_cast<size_t>(json.data() - text.data());
    std::string padded;
-   padded.reserve(json.size() + simdjson::SIMDJSON_PADDING);
-   padded.assign(json);
-   od::document doc =
-      Get<od::document>(Parser().iterate(padded.data(), padded.size(), padded.capacity()));
+   const char *start = json.data();
+   size_t capacity = room;
+   if (room < json.size() + simdjson::SIMDJSON_PADDING) {
+      padded.reserve(json.size() + simdjson::SIMDJSON_PADDING);
+      padded.assign(json);
+      start = padded.data();
+      capacity = padded.capacity();
+   }
+   od::document doc = Get<od::document>(Parser().iterate(start, json.size(), capacity));
    od::object root;
    if (doc.get_object().get(root) != simdjson::SUCCESS) {
       throw DocumentError("a document is a JSON object");
    }
-   auto node = std::make_shared<Node>();
-   ReadNode(*node, root, 0, false, nullptr);
+   auto tree = std::make_unique<Tree>();
+   ReadNode(*tree->Root(), root, 0, false, nullptr);
    // Nothing but white space may follow the object.
    const char *trailing = nullptr;
    if (doc.current_location().get(trailing) == simdjson::SUCCESS) {
       throw DocumentError("text after the document");
    }
-   return node;
+   return tree;
 }
 
 }  // namespace detail

@@ -7,6 +7,7 @@
 // other control characters) and non-ASCII text is copied as UTF-8; a string
 // that is not valid UTF-8 cannot be stored and throws DocumentError.
 #include <charconv>
+#include <string_view>
 
 #include "document.h"
 
@@ -17,7 +18,7 @@ namespace {
 
 // Length of the well-formed UTF-8 sequence at s[i] (lead byte >= 0x80), or
 // 0 when it is malformed: overlong, a surrogate, beyond U+10FFFF or cut off.
-size_t Utf8SequenceLength(const std::string &s, size_t i) {
+size_t Utf8SequenceLength(std::string_view s, size_t i) {
    auto at = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
    unsigned char c = at(i);
    size_t len;
@@ -164,7 +165,7 @@ class Writer {
       out_.append(buf, res.ptr);
    }
 
-   void String(const std::string &s) {
+   void String(std::string_view s) {
       static const char kHex[] = "0123456789abcdef";
       out_ += '"';
       const size_t n = s.size();
@@ -187,7 +188,7 @@ class Writer {
             i += len;
             continue;
          }
-         out_.append(s, plain, i - plain);
+         out_.append(s.data() + plain, i - plain);
          switch (c) {
             case '"':
                out_ += "\\\"";
@@ -217,7 +218,7 @@ class Writer {
          }
          plain = ++i;
       }
-      out_.append(s, plain, n - plain);
+      out_.append(s.data() + plain, n - plain);
       out_ += '"';
    }
 

@@ -18,6 +18,7 @@
 
 #include "backend.h"
 #include "configstore.h"
+#include "document.h"
 #include "host_name.h"
 #include "sqlite_sql.h"
 
@@ -116,6 +117,18 @@ class Statement {
       const unsigned char *p = sqlite3_column_text(stmt_, column);
       int n = sqlite3_column_bytes(stmt_, column);
       return p == nullptr ? std::string() : std::string(reinterpret_cast<const char *>(p), n);
+   }
+
+   // A document's text, with the slack that lets it be parsed in place.
+   std::string Document(int column) {
+      const unsigned char *p = sqlite3_column_text(stmt_, column);
+      const size_t n = static_cast<size_t>(sqlite3_column_bytes(stmt_, column));
+      std::string out;
+      if (p != nullptr) {
+         out.reserve(n + kDocumentSlack);
+         out.assign(reinterpret_cast<const char *>(p), n);
+      }
+      return out;
    }
 
   private:
@@ -317,7 +330,7 @@ class SqliteBackend final : public Backend {
       if (step != SQLITE_ROW) {
          return FromSqlite(step);
       }
-      *doc = stmt.Text(0);
+      *doc = stmt.Document(0);
       return kSuccess;
    }
 
@@ -361,7 +374,7 @@ class SqliteBackend final : public Backend {
       }
       int step;
       while ((step = stmt.Step()) == SQLITE_ROW) {
-         out->push_back(StoredDocument{stmt.Text(0), stmt.Text(1)});
+         out->push_back(StoredDocument{stmt.Text(0), stmt.Document(1)});
       }
       return step == SQLITE_DONE ? kSuccess : FromSqlite(step);
    }

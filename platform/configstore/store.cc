@@ -1,0 +1,274 @@
+// store.cc -- stores and transactions, and the top-level objects they read
+// and write.
+#include "client.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace configstore {
+
+using namespace client;
+
+namespace {
+
+bool ValidSource(const char *source) {
+   return source != nullptr &&
+          (std::strcmp(source, kSourceExternal) == 0 || std::strcmp(source, kSourceUser) == 0);
+}
+
+detail::ObjectName NameOf(const char *group, const char *object, const char *component,
+                          const char *instanceId) {
+   return detail::ObjectName{group, object, component, OrEmpty(instanceId)};
+}
+
+// Reads the objects of one kind (and one instance when `name.instance` is
+// not empty) for `source`, in creation order, as new top-level handles.
+int32_t ReadInstances(Store *store, const detail::ObjectName &name, const char *source,
+                      Object ***objects, uint32_t *count) {
+   std::vector<detail::StoredDocument> docs;
+   const int32_t rc = store->backend->List(name, source, &docs);
+   if (rc != kSuccess) {
+      return rc;
+   }
+   std::vector<std::unique_ptr<Object>> found;
+   found.reserve(docs.size());
+   for (detail::StoredDocument &d : docs) {
+      found.push_back(NewRoot(detail::ParseDocument(d.doc), name.group, name.object, name.component,
+                              std::move(d.instance)));
+   }
+   Object **array = NewObjectArray(found.size());
+   for (size_t i = 0; i < found.size(); ++i) {
+      array[i] = found[i].release();
+   }
+   *objects = array;
+   *count = static_cast<uint32_t>(found.size());
+   return kSuccess;
+}
+
+int32_t OpenStore(Store **out) {
+   auto store = std::make_unique<Store>();
+   const int32_t rc = detail::OpenBackend(&store->backend);
+   if (rc == kSuccess) {
+      *out = store.release();
+   }
+   return rc;
+}
+
+}  // namespace
+
+// ---- stores and transactions --------------------------------------------------------
+
+int32_t GetStore(int32_t flags, Store **store) {
+   (void)flags;  // reserved
+   return Guard([&]() -> int32_t {
+      if (store == nullptr) {
+         return kBadParam;
+      }
+      *store = nullptr;
+      return OpenStore(store);
+   });
+}
+
+int32_t BeginTransaction(Store *store) {
+   return Guard([&]() -> int32_t {
+      if (store == nullptr) {
+         return kBadParam;
+      }
+      if (store->inTransaction) {
+         return kInTransaction;
+      }
+      int32_t rc = store->backend->Begin();
+      if (rc == kSuccess) {
+         store->inTransaction = true;
+      }
+      return rc;
+   });
+}
+
+int32_t CommitTransaction(Store *store) {
+   return Guard([&]() -> int32_t {
+      if (store == nullptr) {
+         return kBadParam;
+      }
+      if (!store->inTransaction) {
+         return kNoTransaction;
+      }
+      store->inTransaction = false;
+      return store->backend->Commit();
+   });
+}
+
+int32_t CancelTransaction(Store *store) {
+   return Guard([&]() -> int32_t {
+      if (store == nullptr) {
+         return kBadParam;
+      }
+      if (!store->inTransaction) {
+         return kNoTransaction;
+      }
+      store->inTransaction = false;
+      return store->backend->Cancel();
+   });
+}
+
+void DestroyStore(Store *store) {
+   delete store;
+}
+
+int32_t GetHosts(Store *store, HostInfo **hosts, uint32_t *count) {
+   return Guard([&]() -> int32_t {
+      if (store == nullptr || hosts == nullptr || count == nullptr) {
+         return kBadParam;
+      }
+      *hosts = nullptr;
+      *count = 0;
+      std::vector<detail::HostSummary> found;
+      const int32_t rc = store->backend->Hosts(&found);
+      if (rc != kSuccess) {
+         return rc;
+      }
+      std::sort(found.begin(), found.end(),
+                [](const auto &x, const auto &y) { return x.name < y.name; });
+      auto *array =
+         static_cast<HostInfo *>(std::calloc(found.empty() ? 1 : found.size(), sizeof(HostInfo)));
+      if (array == nullptr) {
+         return kNoMemory;
+      }
+      for (size_t i = 0; i < found.size(); ++i) {
+         array[i].name = strdup(found[i].name.c_str());
+         array[i].savedAt = found[i].saved_at;
+         if (array[i].name == nullptr) {
+            DestroyHostList(array, static_cast<uint32_t>(i));
+            return kNoMemory;
+         }
+      }
+      *hosts = array;
+      *count = static_cast<uint32_t>(found.size());
+      return kSuccess;
+   });
+}
+
+void DestroyHostList(HostInfo *hosts, uint32_t count) {
+   if (hosts == nullptr) {
+      return;
+   }
+   for (uint32_t i = 0; i < count; ++i) {
+      std::free(hosts[i].name);
+   }
+   std::free(hosts);
+}
+
+// ---- top-level objects -----------------------------------------------------------------
+
+int32_t Get(Store *store, const char *group, const char *object, const char *component,
+            const char *instanceId, Object **out) {
+   return Guard([&]() -> int32_t {
+      if (store == nullptr || out == nullptr || Empty(group) || Empty(object) || Empty(component)) {
+         return kBadParam;
+      }
+      *out = nullptr;
+      detail::ObjectName name = NameOf(group, object, component, instanceId);
+      std::string doc;
+      const int32_t rc = store->backend->Read(name, kSourceExternal, &doc);
+      if (rc != kSuccess) {
+         return rc;
+      }
+      *out = NewRoot(detail::ParseDocument(doc), std::move(name.group), std::move(name.object),
+                     std::move(name.component), std::move(name.instance))
+                .release();
+      return kSuccess;
+   });
+}
+
+int32_t CreateObject(const char *group, const char *object, const char *component,
+                     const char *instanceId, const char *json, Object **out) {
+   return Guard([&]() -> int32_t {
+      if (out == nullptr || Empty(group) || Empty(object) || Empty(component) || json == nullptr) {
+         return kBadParam;
+      }
+      *out = nullptr;
+      *out = NewRoot(detail::ParsePlainObject(json), group, object, component, OrEmpty(instanceId))
+                .release();
+      return kSuccess;
+   });
+}
+
+int32_t Set(Store *store, Object *obj, const char *source) {
+   return Guard([&]() -> int32_t {
+      if (store == nullptr || obj == nullptr || !IsRoot(obj) || !ValidSource(source)) {
+         return kBadParam;
+      }
+      const detail::TopLevel &top = *obj->top;
+      const std::string doc = detail::SerializeDocument(*top.tree->Root());
+      const detail::ObjectName name{top.group, top.object, top.component, top.instance};
+      return store->backend->Write(name, source, doc);
+   });
+}
+
+int32_t Delete(Store *store, const char *group, const char *object, const char *component,
+               const char *instanceId) {
+   return Guard([&]() -> int32_t {
+      if (store == nullptr || Empty(group) || Empty(object) || Empty(component)) {
+         return kBadParam;
+      }
+      return store->backend->Remove(NameOf(group, object, component, instanceId));
+   });
+}
+
+int32_t GetInstanceId(Object *obj, char **id) {
+   return Guard([&]() -> int32_t {
+      if (obj == nullptr || id == nullptr || !IsRoot(obj)) {
+         return kBadParam;
+      }
+      *id = DupString(obj->top->instance);
+      return kSuccess;
+   });
+}
+
+int32_t GetStoredDocument(Object *obj, char **json) {
+   return Guard([&]() -> int32_t {
+      if (obj == nullptr || json == nullptr || !IsRoot(obj)) {
+         return kBadParam;
+      }
+      *json = DupString(detail::SerializeDocument(*obj->top->tree->Root()));
+      return kSuccess;
+   });
+}
+
+int32_t GetInstances(Store *store, FilterSpec *filter, Object ***objects, uint32_t *count) {
+   return Guard([&]() -> int32_t {
+      if (store == nullptr || filter == nullptr || objects == nullptr || count == nullptr ||
+          filter->a.empty() || filter->b.empty() || filter->c.empty()) {
+         return kBadParam;
+      }
+      *objects = nullptr;
+      *count = 0;
+      const detail::ObjectName name{filter->a, filter->b, filter->c, filter->d};
+      return ReadInstances(store, name, kSourceExternal, objects, count);
+   });
+}
+
+int32_t GetDesiredUserConfigInstances(const char *group, const char *object, const char *component,
+                                      Object ***objects, uint32_t *count) {
+   return Guard([&]() -> int32_t {
+      if (objects == nullptr || count == nullptr || Empty(group) || Empty(object) ||
+          Empty(component)) {
+         return kBadParam;
+      }
+      *objects = nullptr;
+      *count = 0;
+      Store *store = nullptr;
+      int32_t rc = OpenStore(&store);
+      if (rc != kSuccess) {
+         return rc;
+      }
+      std::unique_ptr<Store, void (*)(Store *)> closer(store, DestroyStore);
+      return ReadInstances(store, NameOf(group, object, component, nullptr), kSourceUser, objects,
+                           count);
+   });
+}
+
+}  // namespace configstore

@@ -1,0 +1,316 @@
+// values.cc -- the typed values of objects and sub-objects.
+#include "client.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+namespace configstore {
+
+using namespace client;
+
+namespace {
+
+// A value found by Lookup.  It points into the tree, which `node` keeps
+// alive, except for an instance's "key", which `scratch` holds.
+struct Found {
+   NodePtr node;
+   Value scratch;
+   const Value *value = nullptr;
+};
+
+// Finds `key` in `obj`; an instance answers "key" with its id unless a
+// value "key" was set.
+int32_t Lookup(Object *obj, const char *key, Found *found) {
+   if (obj == nullptr || Empty(key)) {
+      return kBadParam;
+   }
+   found->node = Live(obj);
+   if (!found->node) {
+      return kNotFound;
+   }
+   Node &node = *found->node;
+   if (const Value *v = node.FindValue(key)) {
+      found->value = v;
+      return kSuccess;
+   }
+   if (!IsRoot(obj) && !node.id.empty() && std::strcmp(key, "key") == 0) {
+      found->scratch.kind = Kind::kString;
+      found->scratch.str = node.id;
+      found->value = &found->scratch;
+      return kSuccess;
+   }
+   return kNotFound;
+}
+
+// Finds key in obj as a value whose kind `accepts` takes; a value of
+// another kind is a type mismatch.
+template <typename Accepts>
+int32_t LookupKind(Object *obj, const char *key, Found *found, Accepts accepts) {
+   const int32_t rc = Lookup(obj, key, found);
+   if (rc == kSuccess && !accepts(*found->value)) {
+      return kTypeMismatch;
+   }
+   return rc;
+}
+
+int32_t GetInteger(Object *obj, const char *key, int64_t lo, int64_t hi, int64_t *out) {
+   if (out == nullptr) {
+      return kBadParam;
+   }
+   Found found;
+   const int32_t rc = LookupKind(obj, key, &found, [&](const Value &x) {
+      return x.kind == Kind::kInt && x.num >= lo && x.num <= hi;
+   });
+   if (rc != kSuccess) {
+      return rc;
+   }
+   *out = found.value->num;
+   return kSuccess;
+}
+
+// Reads an integer value as T: one whose value lies outside T's range is a
+// type mismatch, like a value of another kind.
+template <typename T>
+int32_t GetIntegerAs(Object *obj, const char *key, T *value) {
+   int64_t v = 0;
+   const int32_t rc = GetInteger(obj, key, std::numeric_limits<T>::min(),
+                                 std::numeric_limits<T>::max(), value != nullptr ? &v : nullptr);
+   if (rc == kSuccess) {
+      *value = static_cast<T>(v);
+   }
+   return rc;
+}
+
+template <typename Fill>
+int32_t PutValue(Object *obj, const char *key, Fill &&fill) {
+   if (obj == nullptr || Empty(key)) {
+      return kBadParam;
+   }
+   NodePtr node = Live(obj);
+   if (!node) {
+      return kNotFound;
+   }
+   // Made in the tree's arena, so that moving it in copies nothing.
+   Value v(node->values.get_allocator());
+   fill(v);
+   node->PutValue(key) = std::move(v);
+   return kSuccess;
+}
+
+int32_t SetInteger(Object *obj, const char *key, int64_t value) {
+   return PutValue(obj, key, [&](Value &v) {
+      v.kind = Kind::kInt;
+      v.num = value;
+   });
+}
+
+}  // namespace
+
+// ---- values -----------------------------------------------------------------------------
+
+int32_t GetValueStr(Object *obj, const char *key, char **value) {
+   return Guard([&]() -> int32_t {
+      if (value == nullptr) {
+         return kBadParam;
+      }
+      Found found;
+      const int32_t rc =
+         LookupKind(obj, key, &found, [](const Value &x) { return x.kind == Kind::kString; });
+      if (rc != kSuccess) {
+         return rc;
+      }
+      *value = DupString(found.value->str);
+      return kSuccess;
+   });
+}
+
+int32_t GetValueInt(Object *obj, const char *key, int32_t *value) {
+   return Guard([&] { return GetIntegerAs(obj, key, value); });
+}
+
+int32_t GetValueUint32(Object *obj, const char *key, uint32_t *value) {
+   return Guard([&] { return GetIntegerAs(obj, key, value); });
+}
+
+int32_t GetValueUint16(Object *obj, const char *key, uint16_t *value) {
+   return Guard([&] { return GetIntegerAs(obj, key, value); });
+}
+
+int32_t GetValueLong(Object *obj, const char *key, int64_t *value) {
+   return Guard([&] { return GetIntegerAs(obj, key, value); });
+}
+
+int32_t GetValueBool(Object *obj, const char *key, bool *value) {
+   return Guard([&]() -> int32_t {
+      if (value == nullptr) {
+         return kBadParam;
+      }
+      Found found;
+      const int32_t rc =
+         LookupKind(obj, key, &found, [](const Value &x) { return x.kind == Kind::kBool; });
+      if (rc != kSuccess) {
+         return rc;
+      }
+      *value = found.value->num != 0;
+      return kSuccess;
+   });
+}
+
+int32_t GetValueStringArray(Object *obj, const char *key, char ***values, uint32_t *count) {
+   return Guard([&]() -> int32_t {
+      if (values == nullptr || count == nullptr) {
+         return kBadParam;
+      }
+      Found found;
+      const int32_t rc = LookupKind(obj, key, &found, [](const Value &x) {
+         return x.kind == Kind::kStringList || x.kind == Kind::kEmptyList;
+      });
+      if (rc != kSuccess) {
+         return rc;
+      }
+      const Value *v = found.value;
+      size_t n = v->strs.size();
+      // One spare slot keeps the array NULL-terminated as well.
+      auto **array = static_cast<char **>(std::calloc(n + 1, sizeof(char *)));
+      if (array == nullptr) {
+         return kNoMemory;
+      }
+      for (size_t i = 0; i < n; ++i) {
+         array[i] = strdup(v->strs[i].c_str());
+         if (array[i] == nullptr) {
+            DestroyStringArrayValue(array, static_cast<uint32_t>(i));
+            return kNoMemory;
+         }
+      }
+      *values = array;
+      *count = static_cast<uint32_t>(n);
+      return kSuccess;
+   });
+}
+
+int32_t SetValueStr(Object *obj, const char *key, const char *value) {
+   return Guard([&]() -> int32_t {
+      if (value == nullptr) {
+         return kBadParam;
+      }
+      return PutValue(obj, key, [&](Value &v) {
+         v.kind = Kind::kString;
+         v.str = value;
+      });
+   });
+}
+
+int32_t SetValueInt(Object *obj, const char *key, int32_t value) {
+   return Guard([&]() -> int32_t { return SetInteger(obj, key, value); });
+}
+
+int32_t SetValueUint32(Object *obj, const char *key, uint32_t value) {
+   return Guard([&]() -> int32_t { return SetInteger(obj, key, value); });
+}
+
+int32_t SetValueUint16(Object *obj, const char *key, uint16_t value) {
+   return Guard([&]() -> int32_t { return SetInteger(obj, key, value); });
+}
+
+int32_t SetValueLong(Object *obj, const char *key, int64_t value) {
+   return Guard([&]() -> int32_t { return SetInteger(obj, key, value); });
+}
+
+int32_t SetValueBool(Object *obj, const char *key, bool value) {
+   return Guard([&]() -> int32_t {
+      return PutValue(obj, key, [&](Value &v) {
+         v.kind = Kind::kBool;
+         v.num = value ? 1 : 0;
+      });
+   });
+}
+
+// A key set to an empty list holds nothing: the sub-objects under the same
+// key (instances and singleton) go with everything below them, and every
+// handle into them answers kNotFound from now on.
+int32_t SetValueEmptyList(Object *obj, const char *key) {
+   return Guard([&]() -> int32_t {
+      if (obj == nullptr || Empty(key)) {
+         return kBadParam;
+      }
+      NodePtr node = Live(obj);
+      if (!node) {
+         return kNotFound;
+      }
+      Value &v = node->PutValue(key);  // the only step that can fail
+      v = Value{};
+      v.kind = Kind::kEmptyList;
+      node->RemoveSub(key);
+      return kSuccess;
+   });
+}
+
+namespace {
+
+// Appends to the list under `key`, creating it when absent.  `want` is
+// the kind of list the element belongs in.
+template <typename Push>
+int32_t Append(Object *obj, const char *key, Kind want, Push &&push) {
+   if (obj == nullptr || Empty(key)) {
+      return kBadParam;
+   }
+   NodePtr node = Live(obj);
+   if (!node) {
+      return kNotFound;
+   }
+   Value *v = node->FindValue(key);
+   if (v == nullptr) {
+      v = &node->PutValue(key);
+      v->kind = Kind::kEmptyList;
+   }
+   if (v->kind == Kind::kEmptyList) {
+      v->kind = want;
+   } else if (v->kind != want) {
+      return kTypeMismatch;
+   }
+   push(*v);
+   return kSuccess;
+}
+
+}  // namespace
+
+int32_t AppendValueString(Object *obj, const char *key, const char *value) {
+   return Guard([&]() -> int32_t {
+      if (value == nullptr) {
+         return kBadParam;
+      }
+      return Append(obj, key, Kind::kStringList, [&](Value &v) { v.strs.emplace_back(value); });
+   });
+}
+
+int32_t AppendValueInt(Object *obj, const char *key, int32_t value) {
+   return Guard([&]() -> int32_t {
+      return Append(obj, key, Kind::kIntList, [&](Value &v) { v.nums.push_back(value); });
+   });
+}
+
+int32_t RemoveValue(Object *obj, const char *key) {
+   return Guard([&]() -> int32_t {
+      if (obj == nullptr || Empty(key)) {
+         return kBadParam;
+      }
+      NodePtr node = Live(obj);
+      if (!node) {
+         return kNotFound;
+      }
+      return node->RemoveValue(key) ? kSuccess : kNotFound;
+   });
+}
+
+void DestroyStringArrayValue(char **values, uint32_t count) {
+   if (values == nullptr) {
+      return;
+   }
+   for (uint32_t i = 0; i < count; ++i) {
+      std::free(values[i]);
+   }
+   std::free(values);
+}
+
+}  // namespace configstore
