@@ -77,10 +77,15 @@ constexpr const char *kSwitchObject = "network_tds";
 constexpr const char *kSwitchComponent = "node";
 
 // ---- save -----------------------------------------------------------------
+class ExistingObjects;
+
 // Shared by the per-switch saves of one run.
 struct ConfigSaveCtx {
    int32_t status;  // 0, or the first failure's code
    ::configstore::Store *store;
+   // The switch objects the run read before the saves (may be null): a
+   // switch save takes its object from them rather than reading it again.
+   ExistingObjects *existing;
 };
 
 // Writes one property of class propClass onto obj through its map row and
@@ -90,10 +95,11 @@ int32_t SaveConfigProp(::configstore::Object *obj, const char *name, const void 
                        uint32_t valueLen, uint32_t propClass, const ConvertContext &switchCtx);
 
 // Fetches the store object of switch swId, clearing the keys and sub-objects
-// a previous save may have left, or creates an empty one.  Returns 0 or the
-// store's code (nothing printed).
-int32_t GetOrCreateSwitchObject(::configstore::Store *store, const char *swId,
-                                ::configstore::Object **out);
+// a previous save may have left, or creates an empty one.  The object is
+// taken from existing (may be null) when collected there, else read from
+// store.  Returns 0 or the store's code (nothing printed).
+int32_t GetOrCreateSwitchObject(::configstore::Store *store, ExistingObjects *existing,
+                                const char *swId, ::configstore::Object **out);
 
 // The store object of dvs for a switch save (GetOrCreateSwitchObject).  On
 // failure prints why, sets the run's status to -1 and returns false.

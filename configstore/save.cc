@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "configstore/configstore_internal.h"
+#include "configstore/existing_objects.h"
 
 namespace dvs::configstore {
 
@@ -56,80 +57,6 @@ int32_t SavePorts(cs::Object *obj, DVSwitch *dvs, const ConvertContext &switchCt
    }
    return cs::kSuccess;
 }
-
-// Existing switch objects of the store that the run may have to delete.
-class ExistingObjects {
-  public:
-   ExistingObjects() = default;
-   ExistingObjects(const ExistingObjects &) = delete;
-   ExistingObjects &operator=(const ExistingObjects &) = delete;
-   ~ExistingObjects() {
-      for (uint32_t i = 0; i < count_; i++) {
-         cs::DestroyConfigStoreObject(objects_[i]);
-      }
-      if (objects_ != &single_) {
-         std::free(objects_);
-      }
-      cs::DestroyFilterSpecObject(filter_);
-   }
-
-   // The object of swId, when the store has one.  Returns 0 or the code of
-   // a failed read: a run that cannot tell which objects exist must not
-   // commit, or it would leave a stale one behind.
-   int32_t CollectOne(cs::Store *store, const char *swId) {
-      const int32_t rc =
-         cs::Get(store, kSwitchGroup, kSwitchObject, kSwitchComponent, swId, &single_);
-      if (rc == cs::kSuccess) {
-         objects_ = &single_;
-         count_ = 1;
-      }
-      return rc == cs::kNotFound ? cs::kSuccess : rc;
-   }
-
-   // Every switch object; 0 or the code of the failed read.
-   int32_t CollectAll(cs::Store *store) {
-      int32_t rc =
-         cs::CreateFilterSpecObject(kSwitchGroup, kSwitchObject, kSwitchComponent, "", &filter_);
-      if (rc != cs::kSuccess) {
-         return rc;
-      }
-      const int64_t start = MonotonicMs();
-      rc = cs::GetInstances(store, filter_, &objects_, &count_);
-      if (rc != cs::kSuccess) {
-         objects_ = nullptr;
-         count_ = 0;
-      }
-      syslog(LOG_DEBUG, "DVSState_SaveBufToConfigStore_ByInstance GetInstances time: %lldms",
-             static_cast<long long>(MonotonicMs() - start));
-      return rc;
-   }
-
-   // Deletes the objects whose "uuid" names no switch of the registry; an
-   // object without one is left alone.  0 or the first failure's code.
-   int32_t DeleteStale(cs::Store *store) {
-      for (uint32_t i = 0; i < count_; i++) {
-         char *uuid = nullptr;
-         int32_t rc = cs::GetValueStr(objects_[i], "uuid", &uuid);
-         if (rc == cs::kNotFound) {
-            continue;
-         }
-         if (rc == cs::kSuccess && DVSState_SwitchFind(uuid) == nullptr) {
-            rc = cs::Delete(store, kSwitchGroup, kSwitchObject, kSwitchComponent, uuid);
-         }
-         std::free(uuid);
-         if (rc != cs::kSuccess && rc != cs::kNotFound) {
-            return rc;
-         }
-      }
-      return cs::kSuccess;
-   }
-
-  private:
-   cs::FilterSpec *filter_ = nullptr;
-   cs::Object *single_ = nullptr;
-   cs::Object **objects_ = nullptr;
-   uint32_t count_ = 0;
-};
 
 }  // namespace
 
@@ -246,6 +173,7 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
          failed = true;
       } else {
          ctx->store = store;
+         ctx->existing = &existing;
          if (swId != nullptr) {
             DVSwitch *dvs = DVSState_SwitchFind(swId);
             if (dvs != nullptr) {

@@ -5,6 +5,7 @@
 #include <configstore.h>
 
 #include "configstore/configstore_internal.h"
+#include "configstore/existing_objects.h"
 
 namespace dvs::configstore {
 
@@ -38,13 +39,31 @@ int32_t ClearStaleContent(cs::Object *obj) {
    return rc;
 }
 
+// The stored object of swId: the one the run collected, else a read of the
+// store.  0, kNotFound, or the code of the failed read.
+int32_t ReadSwitchObject(cs::Store *store, ExistingObjects *existing, const char *swId,
+                         cs::Object **out) {
+   if (existing != nullptr) {
+      switch (existing->Take(swId, out)) {
+         case ExistingObjects::Found::kTaken:
+            return cs::kSuccess;
+         case ExistingObjects::Found::kAbsent:
+            return cs::kNotFound;
+         case ExistingObjects::Found::kUnknown:
+            break;
+      }
+   }
+   return cs::Get(store, kSwitchGroup, kSwitchObject, kSwitchComponent, swId, out);
+}
+
 }  // namespace
 
 // Only a switch that the store does not have gets a new object: after any
 // other failure of the read, a new object would drop what the store keeps.
-int32_t GetOrCreateSwitchObject(cs::Store *store, const char *swId, cs::Object **out) {
+int32_t GetOrCreateSwitchObject(cs::Store *store, ExistingObjects *existing, const char *swId,
+                                cs::Object **out) {
    *out = nullptr;
-   int32_t rc = cs::Get(store, kSwitchGroup, kSwitchObject, kSwitchComponent, swId, out);
+   int32_t rc = ReadSwitchObject(store, existing, swId, out);
    if (rc == cs::kSuccess) {
       rc = ClearStaleContent(*out);
       if (rc != cs::kSuccess) {
@@ -61,7 +80,7 @@ int32_t GetOrCreateSwitchObject(cs::Store *store, const char *swId, cs::Object *
 }
 
 bool OpenSwitchObject(ConfigSaveCtx *ctx, DVSwitch *dvs, cs::Object **obj) {
-   if (GetOrCreateSwitchObject(ctx->store, DVS_SwitchId(dvs), obj) == cs::kSuccess) {
+   if (GetOrCreateSwitchObject(ctx->store, ctx->existing, DVS_SwitchId(dvs), obj) == cs::kSuccess) {
       return true;
    }
    CONFIGSTORE_FAIL("Get/Create dvs_switch:%s failed\n", DVS_SwitchId(dvs));

@@ -372,6 +372,26 @@ TEST_F(SaveTest, StaleSwitchObjectsAreDeleted) {
    EXPECT_NE(Read("sw-x", "network_other"), nullptr);
 }
 
+// The stale check goes by each object's "uuid" as stored before the run,
+// the switch saves by instance id: sw-a's object naming sw-q takes sw-q's
+// object with it, and an object of another id naming sw-a is neither
+// rewritten nor deleted.
+TEST_F(SaveTest, StaleCheckUsesUuidsAsStoredAndSavesGoByInstanceId) {
+   AddSwitch("sw-a", "vswitch", 8, 7);
+   const std::string blob = TakeBlob();
+   Edit("alias-of-a", [](cs::Object *o) { EXPECT_EQ(cs::SetValueStr(o, "uuid", "sw-a"), 0); });
+   for (const char *swId : {"sw-a", static_cast<const char *>(nullptr)}) {
+      SCOPED_TRACE(swId != nullptr ? swId : "whole host");
+      Edit("sw-a", [](cs::Object *o) { EXPECT_EQ(cs::SetValueStr(o, "uuid", "sw-q"), 0); });
+      Edit("sw-q", [](cs::Object *o) { EXPECT_EQ(cs::SetValueStr(o, "custom", "q"), 0); });
+      const Outcome run = Save(blob, swId);
+      ASSERT_EQ(run.rc, 0) << run.out;
+      EXPECT_EQ(Read("sw-q"), nullptr);
+      EXPECT_EQ(Dump(Read("alias-of-a").get()), "uuid='sw-a';");
+      EXPECT_EQ(Val(Read("sw-a").get(), "uuid"), "'sw-a'");
+   }
+}
+
 TEST_F(SaveTest, OneFailingPropertyCancelsTheWholeRun) {
    BuildSwitches();
    ASSERT_EQ(Save(TakeBlob()).rc, 0);
