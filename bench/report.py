@@ -71,6 +71,9 @@ def rows(best):
         if m and "memcpy_us" in b and "best_us" in b:
             out.append(("in memory: " + m.group(1), int(m.group(2)), b["best_us"] / 1e3,
                         "memcpy of as many bytes", b["memcpy_us"] / 1e3, None, None))
+            if "gather_us" in b:
+                out.append(("in memory: " + m.group(1), int(m.group(2)), b["best_us"] / 1e3,
+                            "memcpy of each record", b["gather_us"] / 1e3, None, None))
     return out
 
 
