@@ -123,6 +123,12 @@ inline bool Within(std::future<void> &f, int ms) {
    return f.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
 }
 
+// After a run that must have dropped the lock: another thread takes it.
+inline void ExpectLockFree() {
+   std::future<void> probe = ProbeLock();
+   EXPECT_TRUE(Within(probe, 5000)) << "switch handle lock left held";
+}
+
 // After a run that returns with the lock still held: this thread holds it
 // exactly once.  Drops it.
 inline void ExpectLockKeptOnceAndDrop() {
