@@ -69,6 +69,33 @@ inline ObjPtr Read(const char *id, const char *kind = "network_tds") {
    return ObjPtr(o, Destroy);
 }
 
+// A value with its kind: 'text', a number, true/false, [a,b], or "absent".
+inline std::string Val(configstore::Object *o, const char *key) {
+   if (o == nullptr)
+      return "no object";
+   char *s = nullptr;
+   int64_t l = 0;
+   bool b = false;
+   char **arr = nullptr;
+   uint32_t n = 0;
+   if (configstore::GetValueStr(o, key, &s) == 0) {
+      std::string r = "'" + std::string(s) + "'";
+      free(s);
+      return r;
+   }
+   if (configstore::GetValueLong(o, key, &l) == 0)
+      return std::to_string(l);
+   if (configstore::GetValueBool(o, key, &b) == 0)
+      return b ? "true" : "false";
+   if (configstore::GetValueStringArray(o, key, &arr, &n) != 0)
+      return "absent";
+   std::string r = "[";
+   for (uint32_t i = 0; i < n; i++)
+      r += (i ? "," : "") + std::string(arr[i]);
+   configstore::DestroyStringArrayValue(arr, n);
+   return r + "]";
+}
+
 // f(object) for every switch object of the store, in creation order.
 template <class F>
 Ids MapSwitchObjects(F f) {

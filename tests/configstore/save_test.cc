@@ -65,33 +65,6 @@ void Edit(const char *id, F fill, const char *kind = "network_tds") {
    cs::DestroyStore(s);
 }
 
-// A value with its kind: 'text', a number, true/false, [a,b], or "absent".
-std::string Val(cs::Object *o, const char *key) {
-   if (o == nullptr)
-      return "no object";
-   char *s = nullptr;
-   int64_t l = 0;
-   bool b = false;
-   char **arr = nullptr;
-   uint32_t n = 0;
-   if (cs::GetValueStr(o, key, &s) == 0) {
-      std::string r = "'" + std::string(s) + "'";
-      free(s);
-      return r;
-   }
-   if (cs::GetValueLong(o, key, &l) == 0)
-      return std::to_string(l);
-   if (cs::GetValueBool(o, key, &b) == 0)
-      return b ? "true" : "false";
-   if (cs::GetValueStringArray(o, key, &arr, &n) != 0)
-      return "absent";
-   std::string r = "[";
-   for (uint32_t i = 0; i < n; i++)
-      r += (i ? "," : "") + std::string(arr[i]);
-   cs::DestroyStringArrayValue(arr, n);
-   return r + "]";
-}
-
 Ids Words(const char *text) {
    std::istringstream in(text);
    return Ids(std::istream_iterator<std::string>(in), {});

@@ -23,59 +23,31 @@ namespace cs = ::configstore;
 namespace fs = std::filesystem;
 using namespace registrystore;
 
+// A value as Val gives it, without the quotes around a text.
+std::string Plain(const std::string &v) {
+   return v.front() == '\'' ? v.substr(1, v.size() - 2) : v;
+}
+
 Ids StoredIds() {
-   return MapSwitchObjects([](cs::Object *o) {
-      char *uuid = nullptr;
-      std::string id = cs::GetValueStr(o, "uuid", &uuid) == 0 ? uuid : "?";
-      free(uuid);
-      return id;
-   });
+   return MapSwitchObjects([](cs::Object *o) { return Plain(Val(o, "uuid")); });
 }
 
 // The values and sub-objects of an object among the names a save or a
 // previous writer can leave there, as "name=value" texts (sub-objects as
 // "name{}" and instances as "name/id").
 Ids Content(cs::Object *o) {
-   static const char *const kValues[] = {"uuid",
-                                         "name",
-                                         "max_ports",
-                                         "portset_name",
-                                         "is_opaque",
-                                         "uplink_port_keys",
-                                         "uplink_port_names",
-                                         "zlt_enabled",
-                                         "custom",
-                                         "connection_cookie"};
-   static const char *const kSubs[] = {"product", "settings", "resource_management", "data",
-                                       "extra",   "ports",    "health_checks"};
    Ids out;
-   for (const char *key : kValues) {
-      char *s = nullptr;
-      int32_t i = 0;
-      bool b = false;
-      char **arr = nullptr;
-      uint32_t n = 0;
-      if (cs::GetValueStr(o, key, &s) == 0) {
-         out.push_back(std::string(key) + "=" + s);
-         free(s);
-      } else if (cs::GetValueInt(o, key, &i) == 0) {
-         out.push_back(std::string(key) + "=" + std::to_string(i));
-      } else if (cs::GetValueBool(o, key, &b) == 0) {
-         out.push_back(std::string(key) + (b ? "=true" : "=false"));
-      } else if (cs::GetValueStringArray(o, key, &arr, &n) == 0) {
-         out.push_back(std::string(key) + "=[" + std::to_string(n) + "]");
-         cs::DestroyStringArrayValue(arr, n);
-      }
-   }
-   for (const char *key : kSubs) {
+   for (const char *key : {"uuid", "name", "max_ports", "portset_name", "is_opaque",
+                           "uplink_port_keys", "uplink_port_names", "zlt_enabled", "custom",
+                           "connection_cookie"})
+      if (const std::string v = Val(o, key); v != "absent")
+         out.push_back(key + ("=" + Plain(v)));
+   for (const char *key :
+        {"product", "settings", "resource_management", "data", "extra", "ports", "health_checks"})
       ForEachSubInstance(o, key, [&](cs::Object *sub) {
-         char *id = nullptr;
-         out.push_back(std::string(key) + (cs::GetValueStr(sub, "key", &id) == 0
-                                              ? "/" + std::string(id)
-                                              : std::string("{}")));
-         free(id);
+         const std::string id = Val(sub, "key");
+         out.push_back(key + (id == "absent" ? "{}" : "/" + Plain(id)));
       });
-   }
    return out;
 }
 
