@@ -26,13 +26,7 @@ namespace cs = ::configstore;
 namespace fs = std::filesystem;
 using namespace registrystore;
 
-// A counted array of fixed-size name records.
-std::string Names(uint32_t record, const Ids &names) {
-   std::string b = U32(static_cast<uint32_t>(names.size()));
-   for (const std::string &n : names)
-      b += n + std::string(record - n.size(), '\0');
-   return b;
-}
+constexpr auto Names = testsupport::NameRecords;
 std::string Ipv4(const char *dotted) {
    std::string b(4, '\0');
    EXPECT_EQ(inet_pton(AF_INET, dotted, b.data()), 1);
