@@ -51,6 +51,17 @@ inline void AddPort(const char *sw, const char *port, const Props &props) {
    ASSERT_EQ(DVSState_PortAdd(sw, port, h), STATUS_OK) << port;
 }
 
+// The registry as a host blob; the registry is emptied.
+inline std::string TakeBlob() {
+   void *blob = nullptr;
+   uint32_t len = 0;
+   EXPECT_EQ(DVSState_ConfigSerialize(&blob, &len), STATUS_OK);
+   std::string out(static_cast<const char *>(blob), len);
+   free(blob);
+   EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
+   return out;
+}
+
 // ---- reading the store -------------------------------------------------------
 using ObjPtr = std::unique_ptr<configstore::Object, void (*)(configstore::Object *)>;
 inline void Destroy(configstore::Object *o) {

@@ -33,17 +33,6 @@ std::string Ipv4(const char *dotted) {
    return b;
 }
 
-// The registry as a host blob; the registry is emptied.
-std::string TakeBlob() {
-   void *blob = nullptr;
-   uint32_t len = 0;
-   EXPECT_EQ(DVSState_ConfigSerialize(&blob, &len), STATUS_OK);
-   std::string out(static_cast<const char *>(blob), len);
-   free(blob);
-   EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
-   return out;
-}
-
 // Runs fill on the live object kind/id (created when missing) and writes it.
 template <class F>
 void Edit(const char *id, F fill, const char *kind = "network_tds") {

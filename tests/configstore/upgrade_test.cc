@@ -92,12 +92,8 @@ class UpgradeTest : public testing::Test {
    }
    // The registry into the state file; the registry is emptied.
    void WriteStateFile() {
-      void *blob = nullptr;
-      uint32_t len = 0;
-      ASSERT_EQ(DVSState_ConfigSerialize(&blob, &len), STATUS_OK);
-      ASSERT_EQ(DVSFile_Write(file_.c_str(), blob, len), STATUS_OK);
-      free(blob);
-      ASSERT_EQ(DVSState_ConfigReset(), STATUS_OK);
+      const std::string blob = TakeBlob();
+      ASSERT_EQ(DVSFile_Write(file_.c_str(), blob.data(), blob.size()), STATUS_OK);
    }
    int32_t Upgrade(int level, std::string *out) {
       int32_t rc = 0;
