@@ -22,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/le_bytes.h"
+#include "tests/support/prop_lists.h"
 #include "tests/support/temp_dir.h"
 
 namespace registrystore {
@@ -53,11 +54,7 @@ inline void AddPort(const char *sw, const char *port, const Props &props) {
 
 // The registry as a host blob; the registry is emptied.
 inline std::string TakeBlob() {
-   void *blob = nullptr;
-   uint32_t len = 0;
-   EXPECT_EQ(DVSState_ConfigSerialize(&blob, &len), STATUS_OK);
-   std::string out(static_cast<const char *>(blob), len);
-   free(blob);
+   const std::string out = testsupport::HostBlob();
    EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
    return out;
 }
