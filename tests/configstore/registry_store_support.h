@@ -141,6 +141,21 @@ void ForEachSubInstance(configstore::Object *o, const char *key, F f) {
    configstore::DestroyFilterSpecObject(filter);
 }
 
+// Runs fill on the live object kind/id (created when missing) and writes it.
+template <class F>
+void Edit(const char *id, F fill, const char *kind = "network_tds") {
+   configstore::Store *s = nullptr;
+   configstore::Object *o = nullptr;
+   ASSERT_EQ(configstore::GetStore(0, &s), 0);
+   if (configstore::Get(s, "switches", kind, "node", id, &o) != 0) {
+      EXPECT_EQ(configstore::CreateObject("switches", kind, "node", id, "{}", &o), 0);
+   }
+   fill(o);
+   EXPECT_EQ(configstore::Set(s, o, configstore::kSourceExternal), 0);
+   Destroy(o);
+   configstore::DestroyStore(s);
+}
+
 // ---- the switch handle lock --------------------------------------------------
 // Starts a thread that takes and drops the switch handle lock; the future is
 // ready once it has.  A probe that finds the lock held waits for it.

@@ -33,21 +33,6 @@ std::string Ipv4(const char *dotted) {
    return b;
 }
 
-// Runs fill on the live object kind/id (created when missing) and writes it.
-template <class F>
-void Edit(const char *id, F fill, const char *kind = "network_tds") {
-   cs::Store *s = nullptr;
-   cs::Object *o = nullptr;
-   ASSERT_EQ(cs::GetStore(0, &s), 0);
-   if (cs::Get(s, "switches", kind, "node", id, &o) != 0) {
-      EXPECT_EQ(cs::CreateObject("switches", kind, "node", id, "{}", &o), 0);
-   }
-   fill(o);
-   EXPECT_EQ(cs::Set(s, o, cs::kSourceExternal), 0);
-   Destroy(o);
-   cs::DestroyStore(s);
-}
-
 Ids Words(const char *text) {
    std::istringstream in(text);
    return Ids(std::istream_iterator<std::string>(in), {});

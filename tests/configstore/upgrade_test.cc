@@ -53,25 +53,21 @@ Ids Content(cs::Object *o) {
 
 // Writes a switch object as an earlier save would have left it.
 void Plant(const char *id) {
-   cs::Store *s = nullptr;
-   cs::Object *o = nullptr, *sub = nullptr;
-   ASSERT_EQ(cs::GetStore(0, &s), 0);
-   ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", id, "{}", &o), 0);
-   EXPECT_EQ(cs::SetValueStr(o, "uuid", id), 0);
-   EXPECT_EQ(cs::SetValueStr(o, "name", "old"), 0);
-   EXPECT_EQ(cs::SetValueInt(o, "max_ports", 4), 0);
-   EXPECT_EQ(cs::SetValueBool(o, "is_opaque", true), 0);
-   EXPECT_EQ(cs::SetValueStr(o, "portset_name", "old-ps"), 0);
-   EXPECT_EQ(cs::SetValueStr(o, "custom", "keep"), 0);
-   EXPECT_EQ(cs::CreateSubObject(o, "settings", "", &sub), 0);
-   EXPECT_EQ(cs::SetValueInt(sub, "max_mtu", 1500), 0);
-   EXPECT_EQ(cs::CreateSubObject(o, "product", "", &sub), 0);
-   EXPECT_EQ(cs::CreateSubObject(o, "extra", "", &sub), 0);
-   EXPECT_EQ(cs::CreateSubObject(o, "ports", "old-port", &sub), 0);
-   EXPECT_EQ(cs::CreateSubObject(o, "health_checks", "hc", &sub), 0);
-   EXPECT_EQ(cs::Set(s, o, cs::kSourceExternal), 0);
-   cs::DestroyConfigStoreObject(o);
-   cs::DestroyStore(s);
+   Edit(id, [id](cs::Object *o) {
+      cs::Object *sub = nullptr;
+      EXPECT_EQ(cs::SetValueStr(o, "uuid", id), 0);
+      EXPECT_EQ(cs::SetValueStr(o, "name", "old"), 0);
+      EXPECT_EQ(cs::SetValueInt(o, "max_ports", 4), 0);
+      EXPECT_EQ(cs::SetValueBool(o, "is_opaque", true), 0);
+      EXPECT_EQ(cs::SetValueStr(o, "portset_name", "old-ps"), 0);
+      EXPECT_EQ(cs::SetValueStr(o, "custom", "keep"), 0);
+      EXPECT_EQ(cs::CreateSubObject(o, "settings", "", &sub), 0);
+      EXPECT_EQ(cs::SetValueInt(sub, "max_mtu", 1500), 0);
+      EXPECT_EQ(cs::CreateSubObject(o, "product", "", &sub), 0);
+      EXPECT_EQ(cs::CreateSubObject(o, "extra", "", &sub), 0);
+      EXPECT_EQ(cs::CreateSubObject(o, "ports", "old-port", &sub), 0);
+      EXPECT_EQ(cs::CreateSubObject(o, "health_checks", "hc", &sub), 0);
+   });
 }
 
 class UpgradeTest : public testing::Test {
