@@ -1,12 +1,10 @@
 // Loading switch state from the configuration store: store objects, made
 // by hand or by a save, turned into a host configuration blob and decoded
 // again switch by switch.
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -19,6 +17,7 @@
 #include "configstore/configstore_internal.h"
 #include "tests/support/le_bytes.h"
 #include "tests/support/prop_lists.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -49,19 +48,12 @@ using testsupport::Serialize;
 class LoadTest : public ::testing::Test {
   protected:
    void SetUp() override {
-      strcpy(dir_, "/tmp/cs-load-XXXXXX");
-      ASSERT_NE(mkdtemp(dir_), nullptr);
-      path_ = std::string(dir_) + "/store.db";
-      setenv(cs::kPathEnv, path_.c_str(), 1);
+      ASSERT_FALSE(dir_.path().empty());
+      setenv(cs::kPathEnv, (dir_ / "store.db").c_str(), 1);
       ASSERT_EQ(cs::GetStore(0, &store_), 0);
       DVSState_ConfigReset();
    }
-   void TearDown() override {
-      cs::DestroyStore(store_);
-      unlink(path_.c_str());
-      unlink((path_ + "-journal").c_str());
-      rmdir(dir_);
-   }
+   void TearDown() override { cs::DestroyStore(store_); }
 
    // Stores a switch object given as JSON, live or as desired configuration.
    void Put(const std::string &id, const std::string &json, const char *source = "EXTERNAL") {
@@ -93,8 +85,7 @@ class LoadTest : public ::testing::Test {
       return rc;
    }
 
-   char dir_[32];
-   std::string path_;
+   testsupport::TempDir dir_{"cs-load"};
    cs::Store *store_ = nullptr;
 };
 
@@ -243,9 +234,7 @@ TEST_F(LoadTest, AFailingSwitchFailsTheWholeLoad) {
    Put("good", SwitchJson("good", "vswitch", "8.0.0"));
    Put("bad", SwitchJson("bad", "vswitch", "7.0.1"));
    Props top;
-   testing::internal::CaptureStdout();
-   EXPECT_EQ(Load(&top), -1);
-   std::string out = testing::internal::GetCapturedStdout();
+   std::string out = testsupport::CapturedStdout([&] { EXPECT_EQ(Load(&top), -1); });
    EXPECT_NE(out.find("Unknown tds version 7.0.1\n"), std::string::npos) << out;
    EXPECT_NE(out.find("Failed to load buf of switch: bad from configstore\n"), std::string::npos)
       << out;
@@ -253,9 +242,7 @@ TEST_F(LoadTest, AFailingSwitchFailsTheWholeLoad) {
    // A switch without "product" fails without a message of its own.
    cs::Delete(store_, "switches", "network_tds", "node", "bad");
    Put("bare", R"({"uuid":"bare","max_ports":1})");
-   testing::internal::CaptureStdout();
-   EXPECT_EQ(Load(&top), cs::kNotFound);
-   out = testing::internal::GetCapturedStdout();
+   out = testsupport::CapturedStdout([&] { EXPECT_EQ(Load(&top), cs::kNotFound); });
    EXPECT_NE(out.find("Failed to load buf of switch: bare from configstore\n"), std::string::npos)
       << out;
 
@@ -263,29 +250,20 @@ TEST_F(LoadTest, AFailingSwitchFailsTheWholeLoad) {
    // "max_ports" is reported with its code.
    cs::Delete(store_, "switches", "network_tds", "node", "bare");
    Put("nomax", R"({"uuid":"nomax","product":{"forwarding_class":"x","version":"6.0.0"}})");
-   testing::internal::CaptureStdout();
-   EXPECT_EQ(Load(&top), cs::kNotFound);
-   out = testing::internal::GetCapturedStdout();
+   out = testsupport::CapturedStdout([&] { EXPECT_EQ(Load(&top), cs::kNotFound); });
    EXPECT_NE(out.find("Failed to get max_ports, rc: 6\n"), std::string::npos) << out;
 }
 
 TEST_F(LoadTest, AStoreThatCannotBeOpenedIsReported) {
    // The store's directory cannot be made: a file stands in its way.
-   const std::string blocker = std::string(dir_) + "/file";
-   FILE *f = fopen(blocker.c_str(), "w");
-   ASSERT_NE(f, nullptr);
-   fclose(f);
-   setenv(cs::kPathEnv, (blocker + "/store.db").c_str(), 1);
+   std::ofstream(dir_ / "file") << "not a folder";
+   setenv(cs::kPathEnv, (dir_ / "file/store.db").c_str(), 1);
    void *buf = nullptr;
    uint32_t len = 0;
-   testing::internal::CaptureStdout();
-   const int32_t rc = DVSState_LoadFromConfigStoreAsBuf(&buf, &len, false);
-   const std::string out = testing::internal::GetCapturedStdout();
-   EXPECT_NE(rc, 0);
+   const std::string out = testsupport::CapturedStdout(
+      [&] { EXPECT_NE(DVSState_LoadFromConfigStoreAsBuf(&buf, &len, false), 0); });
    EXPECT_EQ(buf, nullptr);
    EXPECT_NE(out.find("Get store failed\n"), std::string::npos) << out;
-   setenv(cs::kPathEnv, path_.c_str(), 1);
-   unlink(blocker.c_str());
 }
 
 TEST(StringExistInArray, MatchesExactlyWithinCount) {

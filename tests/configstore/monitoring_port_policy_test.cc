@@ -89,24 +89,6 @@ class MonitoringPortPolicy : public storetest::StoreObjectTest {
       EXPECT_EQ(cs::GetSubObject(parent, key, id, &o), 0) << key;
       return o;
    }
-   std::string Str(cs::Object *o, const char *key) {
-      char *s = nullptr;
-      if (cs::GetValueStr(o, key, &s) != 0)
-         return "<absent>";
-      std::string r = s;
-      free(s);
-      return r;
-   }
-   int64_t Long(cs::Object *o, const char *key) {
-      int64_t v = -1;
-      EXPECT_EQ(cs::GetValueLong(o, key, &v), 0) << key;
-      return v;
-   }
-   bool Bool(cs::Object *o, const char *key) {
-      bool v = false;
-      EXPECT_EQ(cs::GetValueBool(o, key, &v), 0) << key;
-      return v;
-   }
    cs::Object *port_ = nullptr;
 };
 

@@ -101,6 +101,15 @@ class OwnConverters : public storetest::StoreObjectTest {
       DVSData_Free(props);
       return rc;
    }
+   // Saves v under sub/key, writes and reopens the object, and loads it back.
+   Props RoundTrip(uint32_t type, const char *sub, const char *key, const Bytes &v,
+                   uint32_t propClass = PROP_CLASS_GLOBAL) {
+      EXPECT_EQ(Save(type, Sub(sub), key, v, propClass), 0);
+      Reopen();
+      Props out;
+      EXPECT_EQ(Load(type, Sub(sub), key, &out, propClass), 0);
+      return out;
+   }
 };
 
 TEST(Base64, EncodesPaddedAndDecodesOnlyCanonicalText) {
@@ -178,16 +187,14 @@ TEST_F(OwnConverters, OpaqueDataKeepsClassesApartAndInOrder) {
 }
 
 TEST_F(OwnConverters, ResourcePoolsRoundTripAndRefuseBadRecords) {
-   cs::Object *rm = Sub("resource_management");
+   const char *rmKey = "resource_management";
    const Bytes pools = Pools({{"nfs", -1, 0, 50, 1},
                               {"vm", 1000, 100, 0xffffffffu, 3},
                               {std::string(127, 'k'), INT64_MAX, INT64_MIN, 0, 0}});
-   ASSERT_EQ(Save(PROP_CONV_RESPOOL_CONFIG, rm, "traffic_resources", pools), 0);
-   Reopen();
-   rm = Sub("resource_management");
+   EXPECT_EQ(RoundTrip(PROP_CONV_RESPOOL_CONFIG, rmKey, "traffic_resources", pools),
+             (Props{{"p", pools}}));
+   cs::Object *rm = Sub(rmKey);
    Props out;
-   EXPECT_EQ(Load(PROP_CONV_RESPOOL_CONFIG, rm, "traffic_resources", &out), 0);
-   EXPECT_EQ(out, (Props{{"p", pools}}));
    // The port's pools are rebuilt from the same objects under their own name.
    const char *portProp = "com.ostrel.common.port.respools.cfg";
    EXPECT_EQ(
@@ -195,14 +202,11 @@ TEST_F(OwnConverters, ResourcePoolsRoundTripAndRefuseBadRecords) {
    EXPECT_EQ(out, (Props{{portProp, pools}}));
 
    // A later save replaces the pools; bytes after a key's NUL come back zero.
-   ASSERT_EQ(
-      Save(PROP_CONV_RESPOOL_CONFIG, rm, "traffic_resources", Pools({{"high", 5, 6, 7, 2}}, 'z')),
-      0);
-   Reopen();
-   rm = Sub("resource_management");
    const Bytes one = Pools({{"high", 5, 6, 7, 2}});
-   EXPECT_EQ(Load(PROP_CONV_RESPOOL_CONFIG, rm, "traffic_resources", &out), 0);
-   EXPECT_EQ(out, (Props{{"p", one}}));
+   EXPECT_EQ(RoundTrip(PROP_CONV_RESPOOL_CONFIG, rmKey, "traffic_resources",
+                       Pools({{"high", 5, 6, 7, 2}}, 'z')),
+             (Props{{"p", one}}));
+   rm = Sub(rmKey);
 
    Bytes shortByOne = one;
    shortByOne.pop_back();
@@ -218,11 +222,9 @@ TEST_F(OwnConverters, ResourcePoolsRoundTripAndRefuseBadRecords) {
    EXPECT_EQ(out, (Props{{"p", one}})) << "a refused save leaves the store as it was";
 
    const Bytes none = Pools({});
-   ASSERT_EQ(Save(PROP_CONV_RESPOOL_CONFIG, rm, "traffic_resources", none), 0);
-   Reopen();
-   rm = Sub("resource_management");
-   EXPECT_EQ(Load(PROP_CONV_RESPOOL_CONFIG, rm, "traffic_resources", &out), 0);
-   EXPECT_EQ(out, (Props{{"p", none}}));
+   EXPECT_EQ(RoundTrip(PROP_CONV_RESPOOL_CONFIG, rmKey, "traffic_resources", none),
+             (Props{{"p", none}}));
+   rm = Sub(rmKey);
    EXPECT_EQ(Load(PROP_CONV_RESPOOL_CONFIG, rm, "other_resources", &out), 0);
    EXPECT_TRUE(out.empty());
 
@@ -242,21 +244,16 @@ TEST_F(OwnConverters, ResourcePoolsRoundTripAndRefuseBadRecords) {
 }
 
 TEST_F(OwnConverters, FilterPolicyRoundTripsAndRefusesMalformedValues) {
-   cs::Object *settings = Sub("settings");
    const Bytes policy = Filters(
       {{"agentA", 0, 0, {}}, {"agentB", 0xffffffffu, 1, {"a=1", "", "x y"}}, {"", 7, 0, {"only"}}});
-   ASSERT_EQ(Save(PROP_CONV_FILTER_POLICY, settings, "filter_policy", policy, PROP_CLASS_PORT), 0);
-   Reopen();
-   settings = Sub("settings");
-   Props out;
-   EXPECT_EQ(Load(PROP_CONV_FILTER_POLICY, settings, "filter_policy", &out, PROP_CLASS_PORT), 0);
-   EXPECT_EQ(out, (Props{{"p", policy}}));
+   EXPECT_EQ(RoundTrip(PROP_CONV_FILTER_POLICY, "settings", "filter_policy", policy, PROP_CLASS_PORT),
+             (Props{{"p", policy}}));
    const Bytes none = Filters({});
-   ASSERT_EQ(Save(PROP_CONV_FILTER_POLICY, settings, "filter_policy", none, PROP_CLASS_PORT), 0);
-   Reopen();
-   settings = Sub("settings");
-   EXPECT_EQ(Load(PROP_CONV_FILTER_POLICY, settings, "filter_policy", &out, PROP_CLASS_PORT), 0);
-   EXPECT_EQ(out, (Props{{"p", none}})) << "the earlier filters are gone";
+   EXPECT_EQ(RoundTrip(PROP_CONV_FILTER_POLICY, "settings", "filter_policy", none, PROP_CLASS_PORT),
+             (Props{{"p", none}}))
+      << "the earlier filters are gone";
+   cs::Object *settings = Sub("settings");
+   Props out;
    EXPECT_EQ(Load(PROP_CONV_FILTER_POLICY, settings, "absent", &out, PROP_CLASS_PORT), 0);
    EXPECT_TRUE(out.empty());
 

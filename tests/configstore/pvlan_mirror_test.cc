@@ -143,11 +143,6 @@ class PvlanMirror : public storetest::StoreObjectTest {
       cs::DestroyStringArrayValue(v, n);
       return r;
    }
-   static bool Bool(cs::Object *o, const char *key) {
-      bool b = false;
-      EXPECT_EQ(cs::GetValueBool(o, key, &b), 0) << key;
-      return b;
-   }
    int32_t Save(const char *name, const Bytes &v) {
       return SaveConfigProp(obj_, name, v.data(), v.size(), PROP_CLASS_GLOBAL, sw_);
    }

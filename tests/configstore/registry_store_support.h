@@ -22,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/le_bytes.h"
+#include "tests/support/prop_lists.h"
 #include "tests/support/temp_dir.h"
 
 namespace registrystore {
@@ -51,6 +52,13 @@ inline void AddPort(const char *sw, const char *port, const Props &props) {
    ASSERT_EQ(DVSState_PortAdd(sw, port, h), STATUS_OK) << port;
 }
 
+// The registry as a host blob; the registry is emptied.
+inline std::string TakeBlob() {
+   const std::string out = testsupport::HostBlob();
+   EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
+   return out;
+}
+
 // ---- reading the store -------------------------------------------------------
 using ObjPtr = std::unique_ptr<configstore::Object, void (*)(configstore::Object *)>;
 inline void Destroy(configstore::Object *o) {
@@ -67,6 +75,33 @@ inline ObjPtr Read(const char *id, const char *kind = "network_tds") {
       configstore::Get(s, "switches", kind, "node", id, &o);
    configstore::DestroyStore(s);
    return ObjPtr(o, Destroy);
+}
+
+// A value with its kind: 'text', a number, true/false, [a,b], or "absent".
+inline std::string Val(configstore::Object *o, const char *key) {
+   if (o == nullptr)
+      return "no object";
+   char *s = nullptr;
+   int64_t l = 0;
+   bool b = false;
+   char **arr = nullptr;
+   uint32_t n = 0;
+   if (configstore::GetValueStr(o, key, &s) == 0) {
+      std::string r = "'" + std::string(s) + "'";
+      free(s);
+      return r;
+   }
+   if (configstore::GetValueLong(o, key, &l) == 0)
+      return std::to_string(l);
+   if (configstore::GetValueBool(o, key, &b) == 0)
+      return b ? "true" : "false";
+   if (configstore::GetValueStringArray(o, key, &arr, &n) != 0)
+      return "absent";
+   std::string r = "[";
+   for (uint32_t i = 0; i < n; i++)
+      r += (i ? "," : "") + std::string(arr[i]);
+   configstore::DestroyStringArrayValue(arr, n);
+   return r + "]";
 }
 
 // f(object) for every switch object of the store, in creation order.
@@ -106,6 +141,21 @@ void ForEachSubInstance(configstore::Object *o, const char *key, F f) {
    configstore::DestroyFilterSpecObject(filter);
 }
 
+// Runs fill on the live object kind/id (created when missing) and writes it.
+template <class F>
+void Edit(const char *id, F fill, const char *kind = "network_tds") {
+   configstore::Store *s = nullptr;
+   configstore::Object *o = nullptr;
+   ASSERT_EQ(configstore::GetStore(0, &s), 0);
+   if (configstore::Get(s, "switches", kind, "node", id, &o) != 0) {
+      EXPECT_EQ(configstore::CreateObject("switches", kind, "node", id, "{}", &o), 0);
+   }
+   fill(o);
+   EXPECT_EQ(configstore::Set(s, o, configstore::kSourceExternal), 0);
+   Destroy(o);
+   configstore::DestroyStore(s);
+}
+
 // ---- the switch handle lock --------------------------------------------------
 // Starts a thread that takes and drops the switch handle lock; the future is
 // ready once it has.  A probe that finds the lock held waits for it.
@@ -121,6 +171,12 @@ inline std::future<void> ProbeLock() {
 }
 inline bool Within(std::future<void> &f, int ms) {
    return f.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
+}
+
+// After a run that must have dropped the lock: another thread takes it.
+inline void ExpectLockFree() {
+   std::future<void> probe = ProbeLock();
+   EXPECT_TRUE(Within(probe, 5000)) << "switch handle lock left held";
 }
 
 // After a run that returns with the lock still held: this thread holds it

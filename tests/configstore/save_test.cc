@@ -26,70 +26,11 @@ namespace cs = ::configstore;
 namespace fs = std::filesystem;
 using namespace registrystore;
 
-// A counted array of fixed-size name records.
-std::string Names(uint32_t record, const Ids &names) {
-   std::string b = U32(static_cast<uint32_t>(names.size()));
-   for (const std::string &n : names)
-      b += n + std::string(record - n.size(), '\0');
-   return b;
-}
+constexpr auto Names = testsupport::NameRecords;
 std::string Ipv4(const char *dotted) {
    std::string b(4, '\0');
    EXPECT_EQ(inet_pton(AF_INET, dotted, b.data()), 1);
    return b;
-}
-
-// The registry as a host blob; the registry is emptied.
-std::string TakeBlob() {
-   void *blob = nullptr;
-   uint32_t len = 0;
-   EXPECT_EQ(DVSState_ConfigSerialize(&blob, &len), STATUS_OK);
-   std::string out(static_cast<const char *>(blob), len);
-   free(blob);
-   EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
-   return out;
-}
-
-// Runs fill on the live object kind/id (created when missing) and writes it.
-template <class F>
-void Edit(const char *id, F fill, const char *kind = "network_tds") {
-   cs::Store *s = nullptr;
-   cs::Object *o = nullptr;
-   ASSERT_EQ(cs::GetStore(0, &s), 0);
-   if (cs::Get(s, "switches", kind, "node", id, &o) != 0) {
-      EXPECT_EQ(cs::CreateObject("switches", kind, "node", id, "{}", &o), 0);
-   }
-   fill(o);
-   EXPECT_EQ(cs::Set(s, o, cs::kSourceExternal), 0);
-   Destroy(o);
-   cs::DestroyStore(s);
-}
-
-// A value with its kind: 'text', a number, true/false, [a,b], or "absent".
-std::string Val(cs::Object *o, const char *key) {
-   if (o == nullptr)
-      return "no object";
-   char *s = nullptr;
-   int64_t l = 0;
-   bool b = false;
-   char **arr = nullptr;
-   uint32_t n = 0;
-   if (cs::GetValueStr(o, key, &s) == 0) {
-      std::string r = "'" + std::string(s) + "'";
-      free(s);
-      return r;
-   }
-   if (cs::GetValueLong(o, key, &l) == 0)
-      return std::to_string(l);
-   if (cs::GetValueBool(o, key, &b) == 0)
-      return b ? "true" : "false";
-   if (cs::GetValueStringArray(o, key, &arr, &n) != 0)
-      return "absent";
-   std::string r = "[";
-   for (uint32_t i = 0; i < n; i++)
-      r += (i ? "," : "") + std::string(arr[i]);
-   cs::DestroyStringArrayValue(arr, n);
-   return r + "]";
 }
 
 Ids Words(const char *text) {
@@ -247,8 +188,7 @@ TEST_F(SaveTest, EverySwitchObjectHoldsItsIdentityPropertiesAndPorts) {
    EXPECT_EQ(Stored(), (Ids{"'sw-a'", "'sw-b'", "'sw-c'", "'sw-d'"}));
    EXPECT_EQ(DVSState_SwitchFind("sw-a"), nullptr);
    EXPECT_EQ(DVSState_SwitchFind("sw-local"), nullptr);
-   std::future<void> probe = ProbeLock();
-   EXPECT_TRUE(Within(probe, 5000)) << "switch handle lock left held";
+   ExpectLockFree();
 
    // Ports are keyed by port id, in slot order; a port without properties
    // still has its instance.  Unmapped properties land under "data".
@@ -422,8 +362,7 @@ TEST_F(SaveTest, OneFailingPropertyCancelsTheWholeRun) {
       EXPECT_EQ(Stored(true), before);
       EXPECT_EQ(DVSState_SwitchFind("sw-a"), nullptr);
       EXPECT_EQ(DVSState_SwitchFind("sw-b"), nullptr);
-      std::future<void> probe = ProbeLock();
-      EXPECT_TRUE(Within(probe, 5000)) << "switch handle lock left held";
+      ExpectLockFree();
    }
    const Outcome silent = Save(bad, nullptr, -1);
    EXPECT_EQ(silent.rc, -1);
@@ -438,8 +377,7 @@ TEST_F(SaveTest, EarlyFailuresBeforeAnyStoreWork) {
    const std::string noBuffer = testsupport::CapturedStdout(
       [] { EXPECT_EQ(DVSState_SaveBufToConfigStore(nullptr, 100), -1); });
    EXPECT_TRUE(Has(noBuffer, "No dvs buffer to save to configstore\n")) << noBuffer;
-   std::future<void> unlocked = ProbeLock();
-   EXPECT_TRUE(Within(unlocked, 5000));
+   ExpectLockFree();
 
    // A store that cannot be opened: its folder is a file, or the file is not
    // a database.  The run returns with the lock held and the registry kept.
@@ -471,8 +409,7 @@ TEST_F(SaveTest, SaveFromTheKernelWithoutADevice) {
          Has(out, "Failed to save DVS config to configstore when get DVS buffrom hyp. Error: "))
          << out;
       EXPECT_EQ(Stored(true), before);
-      std::future<void> probe = ProbeLock();
-      EXPECT_TRUE(Within(probe, 5000));
+      ExpectLockFree();
    }
 }
 

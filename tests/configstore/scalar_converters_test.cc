@@ -32,13 +32,9 @@ Bytes Text(const char *s) {
 Bytes U32(uint32_t v) {
    return testsupport::U32Bytes(v);
 }
-Bytes Names(uint32_t record, std::vector<std::string> names) {
-   Bytes b(4 + record * names.size(), 0);
-   uint32_t n = names.size();
-   memcpy(b.data(), &n, 4);
-   for (size_t i = 0; i < names.size(); i++)
-      memcpy(&b[4 + i * record], names[i].c_str(), names[i].size() + 1);
-   return b;
+Bytes Names(uint32_t record, const std::vector<std::string> &names) {
+   const std::string b = testsupport::NameRecords(record, names);
+   return Bytes(b.begin(), b.end());
 }
 
 class ScalarConverters : public storetest::StoreObjectTest {

@@ -18,6 +18,7 @@
 #include "property_list.h"
 #include "state_diff.h"
 #include "tests/configstore/kernel_store_support.h"
+#include "tests/support/le_bytes.h"
 
 namespace dvsctl {
 namespace {
@@ -36,14 +37,7 @@ std::string Cat(std::string out, T... values) {
    return out;
 }
 
-// A counted array of fixed-size name records, zero after each name.
-std::string Names(uint32_t recordSize, const std::vector<std::string> &names) {
-   std::string out = Cat({}, static_cast<uint32_t>(names.size()));
-   for (const std::string &name : names) {
-      out += name + std::string(recordSize - name.size(), '\0');
-   }
-   return out;
-}
+constexpr auto Names = testsupport::NameRecords;
 
 // A global ("G"), host ("H") or port (its id) property named after "com.ostrel.":
 // a text (NUL included), a 32-bit integer or bytes.  A port id alone: an empty port.

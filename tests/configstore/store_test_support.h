@@ -48,6 +48,17 @@ class StoreObjectTest : public ::testing::Test {
       free(s);
       return r;
    }
+   // A boolean or integer value that must be there.
+   static bool Bool(configstore::Object *o, const char *key) {
+      bool v = false;
+      EXPECT_EQ(configstore::GetValueBool(o, key, &v), 0) << key;
+      return v;
+   }
+   static int64_t Long(configstore::Object *o, const char *key) {
+      int64_t v = -1;
+      EXPECT_EQ(configstore::GetValueLong(o, key, &v), 0) << key;
+      return v;
+   }
    // The instances of the sub-object key of at, in store order.
    static std::vector<configstore::Object *> Instances(configstore::Object *at, const char *key) {
       configstore::FilterSpec *f = nullptr;

@@ -23,83 +23,51 @@ namespace cs = ::configstore;
 namespace fs = std::filesystem;
 using namespace registrystore;
 
+// A value as Val gives it, without the quotes around a text.
+std::string Plain(const std::string &v) {
+   return v.front() == '\'' ? v.substr(1, v.size() - 2) : v;
+}
+
 Ids StoredIds() {
-   return MapSwitchObjects([](cs::Object *o) {
-      char *uuid = nullptr;
-      std::string id = cs::GetValueStr(o, "uuid", &uuid) == 0 ? uuid : "?";
-      free(uuid);
-      return id;
-   });
+   return MapSwitchObjects([](cs::Object *o) { return Plain(Val(o, "uuid")); });
 }
 
 // The values and sub-objects of an object among the names a save or a
 // previous writer can leave there, as "name=value" texts (sub-objects as
 // "name{}" and instances as "name/id").
 Ids Content(cs::Object *o) {
-   static const char *const kValues[] = {"uuid",
-                                         "name",
-                                         "max_ports",
-                                         "portset_name",
-                                         "is_opaque",
-                                         "uplink_port_keys",
-                                         "uplink_port_names",
-                                         "zlt_enabled",
-                                         "custom",
-                                         "connection_cookie"};
-   static const char *const kSubs[] = {"product", "settings", "resource_management", "data",
-                                       "extra",   "ports",    "health_checks"};
    Ids out;
-   for (const char *key : kValues) {
-      char *s = nullptr;
-      int32_t i = 0;
-      bool b = false;
-      char **arr = nullptr;
-      uint32_t n = 0;
-      if (cs::GetValueStr(o, key, &s) == 0) {
-         out.push_back(std::string(key) + "=" + s);
-         free(s);
-      } else if (cs::GetValueInt(o, key, &i) == 0) {
-         out.push_back(std::string(key) + "=" + std::to_string(i));
-      } else if (cs::GetValueBool(o, key, &b) == 0) {
-         out.push_back(std::string(key) + (b ? "=true" : "=false"));
-      } else if (cs::GetValueStringArray(o, key, &arr, &n) == 0) {
-         out.push_back(std::string(key) + "=[" + std::to_string(n) + "]");
-         cs::DestroyStringArrayValue(arr, n);
-      }
-   }
-   for (const char *key : kSubs) {
+   for (const char *key : {"uuid", "name", "max_ports", "portset_name", "is_opaque",
+                           "uplink_port_keys", "uplink_port_names", "zlt_enabled", "custom",
+                           "connection_cookie"})
+      if (const std::string v = Val(o, key); v != "absent")
+         out.push_back(key + ("=" + Plain(v)));
+   for (const char *key :
+        {"product", "settings", "resource_management", "data", "extra", "ports", "health_checks"})
       ForEachSubInstance(o, key, [&](cs::Object *sub) {
-         char *id = nullptr;
-         out.push_back(std::string(key) + (cs::GetValueStr(sub, "key", &id) == 0
-                                              ? "/" + std::string(id)
-                                              : std::string("{}")));
-         free(id);
+         const std::string id = Val(sub, "key");
+         out.push_back(key + (id == "absent" ? "{}" : "/" + Plain(id)));
       });
-   }
    return out;
 }
 
 // Writes a switch object as an earlier save would have left it.
 void Plant(const char *id) {
-   cs::Store *s = nullptr;
-   cs::Object *o = nullptr, *sub = nullptr;
-   ASSERT_EQ(cs::GetStore(0, &s), 0);
-   ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", id, "{}", &o), 0);
-   EXPECT_EQ(cs::SetValueStr(o, "uuid", id), 0);
-   EXPECT_EQ(cs::SetValueStr(o, "name", "old"), 0);
-   EXPECT_EQ(cs::SetValueInt(o, "max_ports", 4), 0);
-   EXPECT_EQ(cs::SetValueBool(o, "is_opaque", true), 0);
-   EXPECT_EQ(cs::SetValueStr(o, "portset_name", "old-ps"), 0);
-   EXPECT_EQ(cs::SetValueStr(o, "custom", "keep"), 0);
-   EXPECT_EQ(cs::CreateSubObject(o, "settings", "", &sub), 0);
-   EXPECT_EQ(cs::SetValueInt(sub, "max_mtu", 1500), 0);
-   EXPECT_EQ(cs::CreateSubObject(o, "product", "", &sub), 0);
-   EXPECT_EQ(cs::CreateSubObject(o, "extra", "", &sub), 0);
-   EXPECT_EQ(cs::CreateSubObject(o, "ports", "old-port", &sub), 0);
-   EXPECT_EQ(cs::CreateSubObject(o, "health_checks", "hc", &sub), 0);
-   EXPECT_EQ(cs::Set(s, o, cs::kSourceExternal), 0);
-   cs::DestroyConfigStoreObject(o);
-   cs::DestroyStore(s);
+   Edit(id, [id](cs::Object *o) {
+      cs::Object *sub = nullptr;
+      EXPECT_EQ(cs::SetValueStr(o, "uuid", id), 0);
+      EXPECT_EQ(cs::SetValueStr(o, "name", "old"), 0);
+      EXPECT_EQ(cs::SetValueInt(o, "max_ports", 4), 0);
+      EXPECT_EQ(cs::SetValueBool(o, "is_opaque", true), 0);
+      EXPECT_EQ(cs::SetValueStr(o, "portset_name", "old-ps"), 0);
+      EXPECT_EQ(cs::SetValueStr(o, "custom", "keep"), 0);
+      EXPECT_EQ(cs::CreateSubObject(o, "settings", "", &sub), 0);
+      EXPECT_EQ(cs::SetValueInt(sub, "max_mtu", 1500), 0);
+      EXPECT_EQ(cs::CreateSubObject(o, "product", "", &sub), 0);
+      EXPECT_EQ(cs::CreateSubObject(o, "extra", "", &sub), 0);
+      EXPECT_EQ(cs::CreateSubObject(o, "ports", "old-port", &sub), 0);
+      EXPECT_EQ(cs::CreateSubObject(o, "health_checks", "hc", &sub), 0);
+   });
 }
 
 class UpgradeTest : public testing::Test {
@@ -120,12 +88,8 @@ class UpgradeTest : public testing::Test {
    }
    // The registry into the state file; the registry is emptied.
    void WriteStateFile() {
-      void *blob = nullptr;
-      uint32_t len = 0;
-      ASSERT_EQ(DVSState_ConfigSerialize(&blob, &len), STATUS_OK);
-      ASSERT_EQ(DVSFile_Write(file_.c_str(), blob, len), STATUS_OK);
-      free(blob);
-      ASSERT_EQ(DVSState_ConfigReset(), STATUS_OK);
+      const std::string blob = TakeBlob();
+      ASSERT_EQ(DVSFile_Write(file_.c_str(), blob.data(), blob.size()), STATUS_OK);
    }
    int32_t Upgrade(int level, std::string *out) {
       int32_t rc = 0;
@@ -151,8 +115,7 @@ TEST_F(UpgradeTest, NothingToCarryOverIsNotAnError) {
       EXPECT_EQ(out, "");
       EXPECT_FALSE(fs::exists(store_));
       EXPECT_EQ(DVSState_SwitchFind("sw-left"), nullptr);
-      std::future<void> probe = ProbeLock();
-      EXPECT_TRUE(Within(probe, 5000)) << "switch handle lock left held";
+      ExpectLockFree();
    }
    // A state file without switches leaves the existing objects alone.
    Plant("sw-old");
@@ -207,8 +170,7 @@ TEST_F(UpgradeTest, WritesIdentityAndPortsetNameOfEachSwitch) {
                   "custom=keep", "product{}", "settings{}", "extra{}", "ports/old-port",
                   "health_checks/hc"}));
    EXPECT_EQ(DVSState_SwitchFind("sw-a"), nullptr);
-   std::future<void> probe = ProbeLock();
-   EXPECT_TRUE(Within(probe, 5000)) << "switch handle lock left held";
+   ExpectLockFree();
 
    // Silent at a negative level; running again changes nothing.
    const Ids before = Content(Read("sw-a").get());

@@ -377,13 +377,10 @@ TEST_F(ViewsTest, NoPersistSwitchComesFromTheStateFile) {
       ASSERT_EQ(DVSState_GlobalPropSet(id, "com.ostrel.common.volatile.v", "v", 1, 0x20), 0u);
       ASSERT_EQ(DVSState_PortAdd(id, "saved-port", List({})), STATUS_OK);
    }
-   void *file = nullptr;
-   uint32_t fileLen = 0;
-   ASSERT_EQ(DVSState_ConfigSerialize(&file, &fileLen), STATUS_OK);
+   const std::string file = testsupport::HostBlob();
    ASSERT_EQ(DVSState_ConfigReset(), STATUS_OK);
    const std::string path = tmpDir + "/dvsdata.db";
-   ASSERT_EQ(DVSFile_Write(path.c_str(), file, fileLen), STATUS_OK);
-   free(file);
+   ASSERT_EQ(DVSFile_Write(path.c_str(), file.data(), file.size()), STATUS_OK);
 
    auto view = HostView(Persistent(path));
    std::string keys;

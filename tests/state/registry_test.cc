@@ -293,10 +293,6 @@ TEST_F(RegistryTest, SwitchAndPortProperties) {
              "");
 }
 
-}  // namespace
-
-namespace {
-
 // Random adds and removes of a few ids of every type, checked against a
 // plain model of the slot table: the lowest free slot is taken, a
 // duplicate counts only below the switch limit, finds and removals go to

@@ -60,14 +60,7 @@ inline Ids Switches() {
    return out;
 }
 
-inline std::string HostBlob() {
-   void *blob = nullptr;
-   uint32_t len = 0;
-   EXPECT_EQ(DVSState_ConfigSerialize(&blob, &len), STATUS_OK);
-   const std::string out(static_cast<const char *>(blob), blob ? len : 0);
-   free(blob);
-   return out;
-}
+using testsupport::HostBlob;
 
 // Standard output of f() run at this debug level.
 template <class F>

@@ -77,6 +77,15 @@ inline Bytes TextBytes(const std::string &s) {
    return b;
 }
 
+// A counted array of fixed-size name records: the 32-bit count, then each
+// name NUL-padded to `record` bytes.
+inline std::string NameRecords(uint32_t record, const std::vector<std::string> &names) {
+   std::string b = U32(static_cast<uint32_t>(names.size()));
+   for (const std::string &n : names)
+      b += n + std::string(record - n.size(), '\0');
+   return b;
+}
+
 }  // namespace testsupport
 
 #endif  // TESTS_SUPPORT_LE_BYTES_H

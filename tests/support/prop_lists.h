@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <dvsdata.h>
+#include <dvsstate.h>
 #include <gtest/gtest.h>
 
 namespace testsupport {
@@ -54,6 +55,16 @@ inline Props Decode(const std::string &blob) {
       return ADD_FAILURE() << "blob does not decode", Props{};
    const Props out = Entries(h);
    DVSData_Free(h);
+   return out;
+}
+
+// The registry as a host blob.
+inline std::string HostBlob() {
+   void *blob = nullptr;
+   uint32_t len = 0;
+   EXPECT_EQ(DVSState_ConfigSerialize(&blob, &len), STATUS_OK);
+   const std::string out(static_cast<const char *>(blob), blob ? len : 0);
+   std::free(blob);
    return out;
 }
 
