@@ -88,7 +88,10 @@ int32_t BeginTransaction(Store *store) {
    });
 }
 
-int32_t CommitTransaction(Store *store) {
+namespace {
+
+// Ends the open transaction with `finish` (the backend's commit or cancel).
+int32_t EndTransaction(Store *store, int32_t (detail::Backend::*finish)()) {
    return Guard([&]() -> int32_t {
       if (store == nullptr) {
          return kBadParam;
@@ -97,21 +100,18 @@ int32_t CommitTransaction(Store *store) {
          return kNoTransaction;
       }
       store->inTransaction = false;
-      return store->backend->Commit();
+      return (store->backend.get()->*finish)();
    });
 }
 
+}  // namespace
+
+int32_t CommitTransaction(Store *store) {
+   return EndTransaction(store, &detail::Backend::Commit);
+}
+
 int32_t CancelTransaction(Store *store) {
-   return Guard([&]() -> int32_t {
-      if (store == nullptr) {
-         return kBadParam;
-      }
-      if (!store->inTransaction) {
-         return kNoTransaction;
-      }
-      store->inTransaction = false;
-      return store->backend->Cancel();
-   });
+   return EndTransaction(store, &detail::Backend::Cancel);
 }
 
 void DestroyStore(Store *store) {

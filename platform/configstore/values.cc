@@ -109,20 +109,31 @@ int32_t SetInteger(Object *obj, const char *key, int64_t value) {
 
 // ---- values -----------------------------------------------------------------------------
 
-int32_t GetValueStr(Object *obj, const char *key, char **value) {
+namespace {
+
+// A value of one kind, handed to `take` to fill the caller's out value.
+template <typename Out, typename Take>
+int32_t GetScalarOfKind(Object *obj, const char *key, Out *value, Kind kind, Take take) {
    return Guard([&]() -> int32_t {
       if (value == nullptr) {
          return kBadParam;
       }
       Found found;
       const int32_t rc =
-         LookupKind(obj, key, &found, [](const Value &x) { return x.kind == Kind::kString; });
+         LookupKind(obj, key, &found, [kind](const Value &x) { return x.kind == kind; });
       if (rc != kSuccess) {
          return rc;
       }
-      *value = DupString(found.value->str);
+      *value = take(*found.value);
       return kSuccess;
    });
+}
+
+}  // namespace
+
+int32_t GetValueStr(Object *obj, const char *key, char **value) {
+   return GetScalarOfKind(obj, key, value, Kind::kString,
+                          [](const Value &x) { return DupString(x.str); });
 }
 
 int32_t GetValueInt(Object *obj, const char *key, int32_t *value) {
@@ -142,19 +153,8 @@ int32_t GetValueLong(Object *obj, const char *key, int64_t *value) {
 }
 
 int32_t GetValueBool(Object *obj, const char *key, bool *value) {
-   return Guard([&]() -> int32_t {
-      if (value == nullptr) {
-         return kBadParam;
-      }
-      Found found;
-      const int32_t rc =
-         LookupKind(obj, key, &found, [](const Value &x) { return x.kind == Kind::kBool; });
-      if (rc != kSuccess) {
-         return rc;
-      }
-      *value = found.value->num != 0;
-      return kSuccess;
-   });
+   return GetScalarOfKind(obj, key, value, Kind::kBool,
+                          [](const Value &x) { return x.num != 0; });
 }
 
 int32_t GetValueStringArray(Object *obj, const char *key, char ***values, uint32_t *count) {
