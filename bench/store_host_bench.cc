@@ -150,10 +150,15 @@ void BM_HostStoreSave(benchmark::State &state) {
    SetPortCounters(state, Bytes(StoredRows(dir.File("store.db"))));
 }
 
+// The documents a store save of the sample host writes, as rows.
+std::vector<std::pair<std::string, std::string>> SavedRows(const StoreDir &dir, int64_t ports) {
+   Save(SampleHost(ports));
+   return StoredRows(dir.File("store.db"));
+}
+
 void BM_HostBareInsert(benchmark::State &state) {
    StoreDir dir;
-   Save(SampleHost(state.range(0)));
-   const auto rows = StoredRows(dir.File("store.db"));
+   const auto rows = SavedRows(dir, state.range(0));
    BareDb bare(dir.File("bare.db"));
    sqlite3_stmt *insert = bare.Prepare(kBareUpsert);
    bare.InsertAll(insert, rows);
@@ -178,8 +183,7 @@ void BM_HostStoreLoad(benchmark::State &state) {
 
 void BM_HostBareSelect(benchmark::State &state) {
    StoreDir dir;
-   Save(SampleHost(state.range(0)));
-   const auto rows = StoredRows(dir.File("store.db"));
+   const auto rows = SavedRows(dir, state.range(0));
    BareDb bare(dir.File("bare.db"));
    sqlite3_stmt *insert = bare.Prepare(kBareUpsert);
    bare.InsertAll(insert, rows);

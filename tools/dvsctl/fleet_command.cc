@@ -23,6 +23,7 @@
 #include "state_diff.h"
 #include "store_error.h"
 #include "store_state_command.h"
+#include "subcommands.h"
 
 namespace dvsctl {
 namespace {
@@ -186,11 +187,7 @@ void AddFleetCommand(CLI::App &app) {
       "diff", "Compare a host's live state with its desired one, or with another host's");
    diffCmd->add_option("host", diff->host, "Host whose live state is compared")->required();
    diffCmd->add_option("other", diff->other, "Host whose live state it is compared with");
-   diffCmd->add_flag("--json", diff->json, "Print JSON instead of text");
-   diffCmd->add_flag("--summary", diff->summary,
-                     "Leave out the documented differences, keep the summary");
-   diffCmd->footer(kDiffFooter);
-   diffCmd->callback([diff] { RunDiff(*diff); });
+   AddDiffOutput(*diffCmd, diff->json, diff->summary, kDiffFooter, [diff] { RunDiff(*diff); });
 }
 
 }  // namespace dvsctl

@@ -259,11 +259,7 @@ void AddStateCommand(CLI::App &app) {
    diffCmd->add_option("b", diff->after, "kernel, or a host blob or state file")
       ->required()
       ->type_name("B");
-   diffCmd->add_flag("--json", diff->json, "Print JSON instead of text");
-   diffCmd->add_flag("--summary", diff->summary,
-                     "Leave out the documented differences, keep the summary");
-   diffCmd->footer(kDiffFooter);
-   diffCmd->callback([diff] { RunDiff(*diff); });
+   AddDiffOutput(*diffCmd, diff->json, diff->summary, kDiffFooter, [diff] { RunDiff(*diff); });
 }
 
 }  // namespace dvsctl

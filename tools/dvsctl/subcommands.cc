@@ -2,6 +2,7 @@
 #include "subcommands.h"
 
 #include <memory>
+#include <utility>
 
 namespace dvsctl {
 
@@ -30,6 +31,14 @@ void AddMakeSampleSubcommand(CLI::App &group, const std::string &description,
       ->required()
       ->type_name("FILE|-");
    cmd->callback([path, run = std::move(run)] { run(*path); });
+}
+
+void AddDiffOutput(CLI::App &cmd, bool &json, bool &summary, const std::string &footer,
+                   std::function<void()> run) {
+   cmd.add_flag("--json", json, "Print JSON instead of text");
+   cmd.add_flag("--summary", summary, "Leave out the documented differences, keep the summary");
+   cmd.footer(footer);
+   cmd.callback(std::move(run));
 }
 
 }  // namespace dvsctl

@@ -1,5 +1,6 @@
 // subcommands.h -- the argument shapes that several dvsctl command groups
-// share: "show [FILE|-] [--json] [--full]" and "make-sample FILE|-".
+// share: "show [FILE|-] [--json] [--full]", "make-sample FILE|-" and the
+// output flags of the host comparisons.
 #ifndef DVSCTL_SUBCOMMANDS_H
 #define DVSCTL_SUBCOMMANDS_H
 
@@ -40,6 +41,11 @@ void AddShowSubcommand(CLI::App &group, const std::string &description, const st
 // Adds "make-sample FILE|-" under `group`.
 void AddMakeSampleSubcommand(CLI::App &group, const std::string &description,
                              std::function<void(const std::string &path)> run);
+
+// Adds the host comparisons' output flags, --json and --summary, to `cmd`
+// with their footer; `run` is called when the command is chosen.
+void AddDiffOutput(CLI::App &cmd, bool &json, bool &summary, const std::string &footer,
+                   std::function<void()> run);
 
 }  // namespace dvsctl
 
