@@ -125,9 +125,10 @@ bool SaveSwitchIdentityToConfigStore(DVSwitch *dvs, void *ctx);
 // serialized with the switch's version, to dest under listName.  switchCtx
 // holds the switch's version and class kind.  resMgmt (may be null) is the
 // switch's "resource_management" object, given for uplink ports.
+// nameIsNew: the caller knows that dest holds no entry named listName.
 int32_t LoadConfigProps(const char *listName, ::configstore::Object *src, DVSDataHandle dest,
                         uint32_t propClass, const ConvertContext &switchCtx,
-                        ::configstore::Object *resMgmt);
+                        ::configstore::Object *resMgmt, bool nameIsNew = false);
 
 }  // namespace dvs::configstore
 

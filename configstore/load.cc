@@ -5,9 +5,12 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <unordered_set>
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "data/property_list.h"
 
 namespace dvs::configstore {
 
@@ -50,6 +53,36 @@ struct PropList {
    bool Alloc() { return DVSData_Alloc(&h, std::malloc, std::free) == STATUS_OK; }
 };
 
+// The names of a list's entries as the list compares them (their first
+// 127 characters), so that an entry added under a name known to be new
+// spares the list's own search.  Once a name could not be recorded, every
+// name counts as possibly taken, which only costs the search.
+class EntryNames {
+  public:
+   explicit EntryNames(DVSDataHandle list) {
+      for (const DVSDataEntry *e = list->head; e != nullptr; e = e->next) {
+         AddIfNew(e->name);
+      }
+   }
+
+   // Records name; true when no entry had it before.
+   bool AddIfNew(const char *name) noexcept {
+      if (!complete_) {
+         return false;
+      }
+      try {
+         return names_.emplace(name, strnlen(name, DVSDATA_NAME_MAX - 1)).second;
+      } catch (...) {
+         complete_ = false;
+         return false;
+      }
+   }
+
+  private:
+   std::unordered_set<std::string> names_;
+   bool complete_ = true;
+};
+
 // The ports of a switch object; uplink ports (those named by the switch's
 // "uplink_port_keys") also get the switch's resource pools.
 int32_t LoadPorts(cs::Object *obj, DVSDataHandle swList, const ConvertContext &switchCtx) {
@@ -70,6 +103,7 @@ int32_t LoadPorts(cs::Object *obj, DVSDataHandle swList, const ConvertContext &s
       keys = nullptr;
       keyCount = 0;
    }
+   EntryNames taken(swList);
    for (uint32_t i = 0; rc == cs::kSuccess && i < ports.count; i++) {
       Text portKey;
       rc = cs::GetValueStr(ports.objects[i], "key", &portKey.s);
@@ -78,7 +112,8 @@ int32_t LoadPorts(cs::Object *obj, DVSDataHandle swList, const ConvertContext &s
       }
       cs::Object *pools =
          keyCount >= 1 && StringExistInArray(portKey.s, keys, keyCount) ? resMgmt : nullptr;
-      rc = LoadConfigProps(portKey.s, ports.objects[i], swList, PROP_CLASS_PORT, switchCtx, pools);
+      rc = LoadConfigProps(portKey.s, ports.objects[i], swList, PROP_CLASS_PORT, switchCtx, pools,
+                           taken.AddIfNew(portKey.s));
    }
    cs::DestroyFilterSpecObject(filter);
    cs::DestroyStringArrayValue(keys, keyCount);
@@ -156,13 +191,7 @@ int32_t LoadSwitch(cs::Object *obj, DVSDataHandle top) {
          if (rc != cs::kSuccess) {
             return rc;
          }
-         void *blob = nullptr;
-         uint32_t len = 0;
-         listStatus = DVSData_Serialize(swList.h, &blob, &len, version);
-         if (listStatus == STATUS_OK) {
-            listStatus = DVSData_Update(top, uuid.s, blob, len, kLoadedFlag);
-            std::free(blob);
-         }
+         listStatus = ::dvs::data::UpdateWithListBlob(top, uuid.s, swList.h, version, kLoadedFlag);
          if (listStatus == STATUS_OK) {
             return cs::kSuccess;
          }

@@ -8,6 +8,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "data/property_list.h"
 
 namespace dvs::configstore {
 
@@ -108,22 +109,20 @@ int32_t LoadPortResPools(cs::Object *resMgmt, const ConvertContext &switchCtx, D
 }
 
 // Adds list, serialized with version, to dest under name.
-int32_t AddSerialized(DVSDataHandle dest, const char *name, DVSDataHandle list, uint32_t version) {
-   void *blob = nullptr;
-   uint32_t len = 0;
-   if (DVSData_Serialize(list, &blob, &len, version) != STATUS_OK) {
-      return kConfigStoreOwnFailure;
-   }
-   const ReturnStatus status =
-      DVSData_Update(dest, name, blob, len, static_cast<uint32_t>(kLoadedPropFlag));
-   std::free(blob);
-   return status == STATUS_OK ? cs::kSuccess : kConfigStoreOwnFailure;
+int32_t AddSerialized(DVSDataHandle dest, const char *name, DVSDataHandle list, uint32_t version,
+                      bool nameIsNew) {
+   return ::dvs::data::UpdateWithListBlob(dest, name, list, version,
+                                          static_cast<uint32_t>(kLoadedPropFlag),
+                                          nameIsNew) == STATUS_OK
+             ? cs::kSuccess
+             : kConfigStoreOwnFailure;
 }
 
 }  // namespace
 
 int32_t LoadConfigProps(const char *listName, cs::Object *src, DVSDataHandle dest,
-                        uint32_t propClass, const ConvertContext &switchCtx, cs::Object *resMgmt) {
+                        uint32_t propClass, const ConvertContext &switchCtx, cs::Object *resMgmt,
+                        bool nameIsNew) {
    CONFIGSTORE_PROGRESS("LoadProps: %s\n", listName);
    DVSDataHandle list = nullptr;
    int32_t rc = kConfigStoreOwnFailure;
@@ -133,7 +132,7 @@ int32_t LoadConfigProps(const char *listName, cs::Object *src, DVSDataHandle des
          rc = LoadPortResPools(resMgmt, switchCtx, list);
       }
       if (rc == cs::kSuccess) {
-         rc = AddSerialized(dest, listName, list, switchCtx.version);
+         rc = AddSerialized(dest, listName, list, switchCtx.version, nameIsNew);
       }
       DVSData_Free(list);
    }

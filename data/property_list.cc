@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "data/blob_build.h"
 #include "data/data_trace.h"
 #include "data/record_layout.h"
 
@@ -26,8 +27,21 @@ bool PointsInto(const void *p, const DVSDataEntry *entry) {
 // characters (at most 127) and of the value.  The copies are made before
 // the caller touches the list, so name and value may point into an entry
 // that the caller is about to release.
+DVSDataEntry *NewBlankEntry(DVSDataHandle h, const char *name, size_t nameLen, uint32_t dataLen,
+                            uint32_t flag);
+
 DVSDataEntry *NewEntryWithName(DVSDataHandle h, const char *name, size_t nameLen, const void *data,
                                uint32_t dataLen, uint32_t flag) {
+   DVSDataEntry *entry = NewBlankEntry(h, name, nameLen, dataLen, flag);
+   if (entry != nullptr && dataLen != 0) {
+      std::memcpy(entry->data, data, dataLen);
+   }
+   return entry;
+}
+
+// As above, with the value's bytes left for the caller to write.
+DVSDataEntry *NewBlankEntry(DVSDataHandle h, const char *name, size_t nameLen, uint32_t dataLen,
+                            uint32_t flag) {
    if (dataLen > kMaxDataLen) {
       return nullptr;
    }
@@ -50,9 +64,6 @@ DVSDataEntry *NewEntryWithName(DVSDataHandle h, const char *name, size_t nameLen
    std::memcpy(entry->name, name, nameLen);
    entry->flag = flag;
    entry->dataLen = dataLen;
-   if (dataLen != 0) {
-      std::memcpy(entry->data, data, dataLen);
-   }
    return entry;
 }
 
@@ -124,6 +135,44 @@ ReturnStatus AppendNamed(DVSDataHandle h, const char *name, size_t nameLen, cons
                             ? NewEntryWithName(h, name, nameLen, data, dataLen, flag)
                             : nullptr;
    return AppendPrepared(h, name, dataLen, entry);
+}
+
+ReturnStatus UpdateWithListBlob(DVSDataHandle h, const char *name, DVSDataHandle list,
+                                uint32_t version, uint32_t flag, bool nameIsNew) {
+   if (h == nullptr || name == nullptr || list == nullptr || list == h) {
+      return STATUS_BAD_PARAM;
+   }
+   if (!nameIsNew && FindEntry(h, name, nullptr) != nullptr) {
+      // Replacing a value (a name given twice): through a separate blob,
+      // so that a failed write leaves the old value as it was.
+      void *blob = nullptr;
+      uint32_t len = 0;
+      ReturnStatus status = DVSData_Serialize(list, &blob, &len, version);
+      if (status == STATUS_OK) {
+         status = DVSData_Update(h, name, blob, len, flag);
+         list->freeFn(blob);
+      }
+      return status;
+   }
+   // A new name: the blob is written straight into the new entry, with the
+   // traces the two steps above give.
+   WarnOldVersion(version);
+   const uint32_t size = ListBlobSize(list, 0);
+   DATA_TRACE(2, "allocating buffer size %d\n", static_cast<int>(size));
+   const uint32_t effectiveFlag = flag != 0 ? flag : DVSDATA_DEFAULT_PROP_TYPE;
+   const size_t nameLen = strnlen(name, DVSDATA_NAME_MAX - 1);
+   DVSDataEntry *entry = FitsInBlob(h->serialSize, size)
+                            ? NewBlankEntry(h, name, nameLen, size, effectiveFlag)
+                            : nullptr;
+   if (entry != nullptr) {
+      uint32_t wordSum = 0;
+      const ReturnStatus status = WriteListBlob(list, 0, entry->data, size, &wordSum);
+      if (status != STATUS_OK) {
+         h->freeFn(entry);
+         return status;
+      }
+   }
+   return AppendPrepared(h, name, size, entry);
 }
 
 DVSDataEntry *FindEntry(DVSDataHandle h, const char *name, DVSDataEntry **prev) {

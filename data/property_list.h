@@ -17,6 +17,15 @@ DVSDataEntry *FindEntry(DVSDataHandle h, const char *name, DVSDataEntry **prev);
 ReturnStatus AppendNamed(DVSDataHandle h, const char *name, size_t nameLen, const void *data,
                          uint32_t dataLen, uint32_t flag);
 
+// DVSData_Serialize(list, version) followed by DVSData_Update(h, name,
+// blob, flag), with the same result, statuses and traces; a name new to h
+// has the blob written straight into its entry instead of being copied
+// there from a buffer of its own.  A caller that keeps track of the names
+// in h passes nameIsNew to spare the search of h for the name (which
+// makes building a list of n entries this way cost n squared).
+ReturnStatus UpdateWithListBlob(DVSDataHandle h, const char *name, DVSDataHandle list,
+                                uint32_t version, uint32_t flag, bool nameIsNew = false);
+
 }  // namespace dvs::data
 
 #endif  // DVS_DATA_PROPERTY_LIST_H

@@ -54,6 +54,9 @@ struct Object {
    // The node this handle stands for.  Declared after `top`, so that it
    // goes first: its control block lives in the tree's arena.
    std::weak_ptr<detail::Node> node;
+   // The same node, for reading it without taking a reference: valid
+   // while `node` has not expired.
+   detail::Node *raw = nullptr;
 };
 
 struct FilterSpec {
@@ -109,8 +112,13 @@ std::unique_ptr<Object> NewRoot(std::unique_ptr<detail::Tree> tree, std::string 
                                 std::string object, std::string component, std::string instance);
 // The handle of `node` in the tree of `root`, reused when one exists.
 Object *HandleFor(Object *root, const NodePtr &node);
-// The live node of a handle, or null once it has been deleted.
-NodePtr Live(Object *obj);
+// The live node of a handle, or null once it has been deleted.  No call
+// removes the node of the handle it is given (only nodes below it), so
+// the node stays valid for the rest of the call without a reference
+// being taken: a reference would cost two atomic operations per call.
+inline Node *Live(Object *obj) {
+   return obj == nullptr || obj->node.expired() ? nullptr : obj->raw;
+}
 Object **NewObjectArray(size_t count);
 
 }  // namespace client

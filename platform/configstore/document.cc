@@ -20,6 +20,38 @@ NodePtr NewNode(std::pmr::memory_resource *arena) {
 
 // ---- sub-object keys --------------------------------------------------------
 
+namespace {
+
+// Takes a node out of the tree without taking it apart.  Handles are only
+// handed out below a node that has one (a sub-object handle comes from
+// its parent's handle), so a node without a handle has none anywhere
+// below it: nobody can tell whether its subtree was destroyed.  Its
+// memory belongs to the arena, which gives nothing back before the tree
+// goes, so the reference is parked in the arena and the subtree's
+// destructors (most of the cost of replacing a stored object's content)
+// never run.  A node with a handle is destroyed as usual, which is what
+// makes its handles, and those below it, answer "not found".
+void Abandon(NodePtr &node) noexcept {
+   if (!node || node->handle != nullptr) {
+      return;
+   }
+   try {
+      void *slot =
+         node->values.get_allocator().resource()->allocate(sizeof(NodePtr), alignof(NodePtr));
+      new (slot) NodePtr(std::move(node));
+   } catch (...) {
+      // No room to park it: it is destroyed as usual.
+   }
+}
+
+}  // namespace
+
+void SubKey::AbandonAll() noexcept {
+   for (NodePtr &entry : entries) {
+      Abandon(entry);
+   }
+}
+
 const NodePtr *SubKey::Find(std::string_view childId) const {
    if (!byId_.empty()) {
       auto it = byId_.find(childId);
@@ -63,12 +95,14 @@ bool SubKey::Remove(std::string_view childId) {
    }
    // The index's key views the id of the entry: out of the index first.
    byId_.erase(childId);
+   Abandon(*it);
    entries.erase(it);
    return true;
 }
 
 void SubKey::Clear() {
    byId_.clear();
+   AbandonAll();
    entries.clear();
 }
 
@@ -158,6 +192,7 @@ bool Node::RemoveSub(std::string_view key) {
    if (it == subs.end()) {
       return false;
    }
+   it->AbandonAll();
    subs.erase(it);
    return true;
 }

@@ -107,6 +107,9 @@ struct SubKey {
    // Removes the entry of `id`; false when there is none.
    bool Remove(std::string_view id);
    void Clear();
+   // Parks every entry that no handle reaches instead of destroying it
+   // (see Abandon in document.cc); the entries are left null.
+   void AbandonAll() noexcept;
 
   private:
    std::pmr::unordered_map<std::string_view, NodePtr> byId_;  // empty until kIndexFrom
@@ -148,10 +151,11 @@ struct Node {
 NodePtr NewNode(std::pmr::memory_resource *arena);
 
 // One object tree and the arena its memory comes from.  Nodes taken out
-// of the tree while it lives are destroyed as usual and their memory goes
-// back to the arena for reuse; the tree itself is not taken apart node by
-// node when it goes: everything in it came from the arena, which is
-// released in a few large blocks.
+// of the tree while it lives are destroyed only when a handle could tell
+// (see SubKey::AbandonAll); their memory stays with the arena either way.
+// The tree itself is not taken apart node by node when it goes:
+// everything in it came from the arena, which is released in a few large
+// blocks.
 class Tree {
   public:
    Tree() : root_() {}

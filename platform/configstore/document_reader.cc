@@ -18,6 +18,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "document.h"
 
@@ -72,6 +73,12 @@ std::string_view Text(od::value v) {
 // A value list: empty, all strings or all integers, by its first element.
 void ReadList(Value &out, od::array list) {
    out.kind = Kind::kEmptyList;
+   size_t n = 0;
+   if (list.count_elements().get(n) == simdjson::SUCCESS && n > 0) {
+      // Only one of the two is used; which one depends on the elements.
+      out.strs.reserve(n);
+      out.nums.reserve(n);
+   }
    for (auto element : list) {
       od::value e = Get<od::value>(element);
       const od::json_type type = Get<od::json_type>(e.type());
@@ -131,7 +138,24 @@ Value &ValueSlot(Node &node, std::string_view name) {
    return node.PutValue(name);
 }
 
+// Room for `more` entries in a container that the reader is about to
+// fill.  The arena never takes back the smaller buffers a growing
+// container leaves behind, so sizing it once saves much of a tree's
+// memory (and the pages a load must fault in).  Counting walks the
+// object's text once more, which is cheap for the flat value objects and
+// lists; sub-objects are not counted, since that would walk everything
+// below them again at every level.  A count that fails is left to the
+// reading loop to report.
+template <typename Container, typename Count>
+void Reserve(Container &c, Count more) {
+   size_t n = 0;
+   if (std::move(more).get(n) == simdjson::SUCCESS) {
+      c.reserve(c.size() + n);
+   }
+}
+
 void ReadValues(Node &node, od::object values) {
+   Reserve(node.values, values.count_fields());
    for (auto field : values) {
       const std::string_view name = Get<std::string_view>(field.unescaped_key());
       if (name.empty()) {

@@ -21,6 +21,7 @@ std::unique_ptr<Object> NewRoot(std::unique_ptr<detail::Tree> tree, std::string 
    obj->top = std::make_unique<detail::TopLevel>();
    obj->root = obj.get();
    obj->node = tree->Root();
+   obj->raw = tree->Root().get();
    detail::TopLevel &top = *obj->top;
    top.tree = std::move(tree);
    top.group = std::move(group);
@@ -39,12 +40,9 @@ Object *HandleFor(Object *root, const NodePtr &node) {
    Object &handle = root->top->handles.emplace_back();
    handle.root = root;
    handle.node = node;
+   handle.raw = node.get();
    node->handle = &handle;
    return &handle;
-}
-
-NodePtr Live(Object *obj) {
-   return obj == nullptr ? nullptr : obj->node.lock();
 }
 
 Object **NewObjectArray(size_t count) {
@@ -116,7 +114,7 @@ int32_t GetSubObjectInstances(Object *parent, FilterSpec *filter, Object ***obje
       }
       *objects = nullptr;
       *count = 0;
-      NodePtr node = Live(parent);
+      Node *node = Live(parent);
       if (!node) {
          return kNotFound;
       }
@@ -136,7 +134,7 @@ int32_t DeleteSubObjectInstances(Object *parent, FilterSpec *filter) {
       if (parent == nullptr || filter == nullptr || filter->a.empty()) {
          return kBadParam;
       }
-      NodePtr node = Live(parent);
+      Node *node = Live(parent);
       if (!node) {
          return kNotFound;
       }
@@ -154,7 +152,7 @@ int32_t GetSubObject(Object *parent, const char *key, const char *instanceId, Ob
          return kBadParam;
       }
       *out = nullptr;
-      NodePtr node = Live(parent);
+      Node *node = Live(parent);
       if (!node) {
          return kNotFound;
       }
@@ -173,7 +171,7 @@ int32_t CreateSubObject(Object *parent, const char *key, const char *instanceId,
          return kBadParam;
       }
       *out = nullptr;
-      NodePtr node = Live(parent);
+      Node *node = Live(parent);
       if (!node) {
          return kNotFound;
       }
@@ -188,7 +186,7 @@ int32_t DeleteSubObject(Object *parent, const char *key, const char *instanceId)
       if (parent == nullptr || Empty(key)) {
          return kBadParam;
       }
-      NodePtr node = Live(parent);
+      Node *node = Live(parent);
       if (!node) {
          return kNotFound;
       }

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <optional>
 
 namespace configstore {
 
@@ -11,11 +12,11 @@ using namespace client;
 
 namespace {
 
-// A value found by Lookup.  It points into the tree, which `node` keeps
-// alive, except for an instance's "key", which `scratch` holds.
+// A value found by Lookup.  It points into the tree, except for an
+// instance's "key", which `scratch` holds (made only then: most lookups
+// find a stored value).
 struct Found {
-   NodePtr node;
-   Value scratch;
+   std::optional<Value> scratch;
    const Value *value = nullptr;
 };
 
@@ -25,19 +26,19 @@ int32_t Lookup(Object *obj, const char *key, Found *found) {
    if (obj == nullptr || Empty(key)) {
       return kBadParam;
    }
-   found->node = Live(obj);
-   if (!found->node) {
+   Node *node = Live(obj);
+   if (node == nullptr) {
       return kNotFound;
    }
-   Node &node = *found->node;
-   if (const Value *v = node.FindValue(key)) {
+   if (const Value *v = node->FindValue(key)) {
       found->value = v;
       return kSuccess;
    }
-   if (!IsRoot(obj) && !node.id.empty() && std::strcmp(key, "key") == 0) {
-      found->scratch.kind = Kind::kString;
-      found->scratch.str = node.id;
-      found->value = &found->scratch;
+   if (!IsRoot(obj) && !node->id.empty() && std::strcmp(key, "key") == 0) {
+      Value &id = found->scratch.emplace();
+      id.kind = Kind::kString;
+      id.str = node->id;
+      found->value = &id;
       return kSuccess;
    }
    return kNotFound;
@@ -87,7 +88,7 @@ int32_t PutValue(Object *obj, const char *key, Fill &&fill) {
    if (obj == nullptr || Empty(key)) {
       return kBadParam;
    }
-   NodePtr node = Live(obj);
+   Node *node = Live(obj);
    if (!node) {
       return kNotFound;
    }
@@ -234,7 +235,7 @@ int32_t SetValueEmptyList(Object *obj, const char *key) {
       if (obj == nullptr || Empty(key)) {
          return kBadParam;
       }
-      NodePtr node = Live(obj);
+      Node *node = Live(obj);
       if (!node) {
          return kNotFound;
       }
@@ -255,7 +256,7 @@ int32_t Append(Object *obj, const char *key, Kind want, Push &&push) {
    if (obj == nullptr || Empty(key)) {
       return kBadParam;
    }
-   NodePtr node = Live(obj);
+   Node *node = Live(obj);
    if (!node) {
       return kNotFound;
    }
@@ -295,7 +296,7 @@ int32_t RemoveValue(Object *obj, const char *key) {
       if (obj == nullptr || Empty(key)) {
          return kBadParam;
       }
-      NodePtr node = Live(obj);
+      Node *node = Live(obj);
       if (!node) {
          return kNotFound;
       }

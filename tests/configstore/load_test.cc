@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "configstore/configstore_internal.h"
+#include "data/property_list.h"
 #include "tests/support/le_bytes.h"
 #include "tests/support/prop_lists.h"
 #include "tests/support/temp_dir.h"
@@ -88,6 +89,49 @@ class LoadTest : public ::testing::Test {
    testsupport::TempDir dir_{"cs-load"};
    cs::Store *store_ = nullptr;
 };
+
+// Port objects whose "key" values repeat, or repeat a name the switch's
+// list already has: each port is added as an update of that name, so the
+// later one replaces the earlier (in place when its blob is as long, else
+// at the end), and the list never holds a name twice.
+TEST_F(LoadTest, RepeatedPortKeysReplaceEarlierEntries) {
+   cs::Object *root = nullptr;
+   ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", "sw-dup",
+                              SwitchJson("sw-dup", "vswitch", "6.6.0").c_str(), &root),
+             0);
+   const struct {
+      const char *id, *key, *alias;
+   } ports[] = {{"a", "dup", "first"},   {"b", "p2", nullptr},   {"c", "dup", "later"},
+                {"d", "p2", "grown"},   {"e", "hostPropList", nullptr}};
+   for (const auto &p : ports) {
+      cs::Object *port = nullptr;
+      ASSERT_EQ(cs::CreateSubObject(root, "ports", p.id, &port), 0);
+      ASSERT_EQ(cs::SetValueStr(port, "key", p.key), 0);
+      if (p.alias != nullptr) {
+         ASSERT_EQ(cs::SetValueStr(port, "name", p.alias), 0);
+      }
+   }
+   ASSERT_EQ(cs::Set(store_, root, "EXTERNAL"), 0);
+   cs::DestroyConfigStoreObject(root);
+
+   Props top;
+   ASSERT_EQ(Load(&top), 0);
+   ASSERT_EQ(top.count("sw-dup"), 1u);
+   DVSDataHandle sw = nullptr;
+   const std::string &swBlob = top["sw-dup"];
+   ASSERT_EQ(DVSData_Deserialize(&sw, swBlob.data(), uint32_t(swBlob.size()), malloc, free),
+             STATUS_OK);
+   std::vector<std::string> names;
+   for (DVSDataEntry *e = sw->head; e != nullptr; e = e->next)
+      names.emplace_back(e->name);
+   DVSData_Free(sw);
+   EXPECT_EQ(names, (std::vector<std::string>{"switchVersion", "className", "maxPorts",
+                                              "globalPropList", "dup", "p2", "hostPropList"}));
+   const Props sws = Decode(swBlob);
+   EXPECT_EQ(Decode(sws.at("dup")), (Props{{"com.ostrel.common.port.alias", Text("later")}}));
+   EXPECT_EQ(Decode(sws.at("p2")), (Props{{"com.ostrel.common.port.alias", Text("grown")}}));
+   EXPECT_EQ(Decode(sws.at("hostPropList")), Props{});
+}
 
 TEST_F(LoadTest, EmptyStoreGivesAnEmptyHostList) {
    void *buf = nullptr;
@@ -264,6 +308,53 @@ TEST_F(LoadTest, AStoreThatCannotBeOpenedIsReported) {
       [&] { EXPECT_NE(DVSState_LoadFromConfigStoreAsBuf(&buf, &len, false), 0); });
    EXPECT_EQ(buf, nullptr);
    EXPECT_NE(out.find("Get store failed\n"), std::string::npos) << out;
+}
+
+// The load nests each port's list into its switch's list, and each switch
+// into the host's, writing the blob straight into the new entry.  That
+// must give exactly what serializing the list and updating the parent
+// with the blob gives: new names, a name already there with a value of
+// the same length (rewritten in place) or another length (moved to the
+// end), and flag 0 (the default type in place, the old flag when moved).
+TEST(NestedListTest, WritingInPlaceMatchesSerializeThenUpdate) {
+   using testsupport::NewList;
+   const testsupport::Props child = {{"vlan", "12"}, {"alias", "web-01"}};
+   // "port-1" holds a value as long as the child's blob, "port-2" a shorter one.
+   const size_t childBlobLen = testsupport::Serialize(child, 0x20, 6).size();
+   const testsupport::Props parentProps = {{"a", "1"},
+                                          {"port-1", std::string(childBlobLen, 'x')},
+                                          {"port-2", "short"},
+                                          {"z", "26"}};
+   struct Case {
+      const char *name;
+      uint32_t flag;
+   };
+   for (const Case c : {Case{"port-3", 0x10}, Case{"port-1", 0x10}, Case{"port-2", 0x10},
+                        Case{"port-1", 0}, Case{"port-2", 0}}) {
+      DVSDataHandle want = NewList(parentProps, 0x40), got = NewList(parentProps, 0x40);
+      DVSDataHandle list = NewList(child, 0x20);
+      void *blob = nullptr;
+      uint32_t len = 0;
+      ASSERT_EQ(DVSData_Serialize(list, &blob, &len, 6), STATUS_OK);
+      ASSERT_EQ(DVSData_Update(want, c.name, blob, len, c.flag), STATUS_OK);
+      free(blob);
+      ASSERT_EQ(dvs::data::UpdateWithListBlob(got, c.name, list, 6, c.flag), STATUS_OK);
+
+      const std::string where = std::string(c.name) + " flag " + std::to_string(c.flag);
+      EXPECT_EQ(testsupport::Entries(got), testsupport::Entries(want)) << where;
+      EXPECT_EQ(got->serialSize, want->serialSize) << where;
+      for (DVSDataEntry *g = got->head, *w = want->head; g != nullptr && w != nullptr;
+           g = g->next, w = w->next)
+         EXPECT_EQ(g->flag, w->flag) << where << ": " << g->name;
+      DVSData_Free(list);
+      DVSData_Free(want);
+      DVSData_Free(got);
+   }
+   DVSDataHandle h = NewList();
+   EXPECT_EQ(dvs::data::UpdateWithListBlob(h, "x", h, 6, 0), STATUS_BAD_PARAM);
+   EXPECT_EQ(dvs::data::UpdateWithListBlob(h, nullptr, h, 6, 0), STATUS_BAD_PARAM);
+   EXPECT_EQ(h->serialSize, 16u);
+   DVSData_Free(h);
 }
 
 TEST(StringExistInArray, MatchesExactlyWithinCount) {
