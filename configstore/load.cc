@@ -10,6 +10,7 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
+#include "data/list_blob_builder.h"
 #include "data/property_list.h"
 
 namespace dvs::configstore {
@@ -52,6 +53,57 @@ struct PropList {
    ~PropList() { DVSData_Free(h); }
    bool Alloc() { return DVSData_Alloc(&h, std::malloc, std::free) == STATUS_OK; }
 };
+
+// Where a load puts its switch blobs.  The host list replaces a switch
+// whose uuid comes again, as DVSData_Update does.  When every uuid is
+// known to be distinct and the list calls would not trace, the host blob
+// is written directly instead: the same bytes, with each switch blob
+// written once, straight into the final buffer.
+class HostBlobSink {
+  public:
+   explicit HostBlobSink(bool direct) : direct_(direct) {}
+
+   // False when the host list cannot be made.
+   bool Ready() { return direct_ || top_.Alloc(); }
+
+   ReturnStatus Add(const char *uuid, DVSDataHandle swList, uint32_t version) {
+      return direct_ ? blob_.AppendList(uuid, kLoadedFlag, swList, version)
+                     : ::dvs::data::UpdateWithListBlob(top_.h, uuid, swList, version, kLoadedFlag);
+   }
+
+   ReturnStatus Finish(void **buf, uint32_t *len) {
+      return direct_ ? blob_.Finish(buf, len)
+                     : DVSData_Serialize(top_.h, buf, len, kHostBlobVersion);
+   }
+
+  private:
+   bool direct_;
+   PropList top_;
+   ::dvs::data::ListBlobBuilder blob_;
+};
+
+// Whether the host blob can be written directly (see HostBlobSink): every
+// switch has a readable uuid, no two alike as list names compare, and the
+// list calls would not trace.  Any doubt answers no.
+bool CanWriteHostBlobDirectly(const ObjectArray &switches) noexcept {
+   if (dvsdata_debug >= 2) {
+      return false;
+   }
+   try {
+      std::unordered_set<std::string> seen;
+      seen.reserve(switches.count);
+      for (uint32_t i = 0; i < switches.count; i++) {
+         Text uuid;
+         if (cs::GetValueStr(switches.objects[i], "uuid", &uuid.s) != cs::kSuccess ||
+             !seen.emplace(uuid.s, strnlen(uuid.s, DVSDATA_NAME_MAX - 1)).second) {
+            return false;
+         }
+      }
+   } catch (...) {
+      return false;
+   }
+   return true;
+}
 
 // The names of a list's entries as the list compares them (their first
 // 127 characters), so that an entry added under a name known to be new
@@ -125,8 +177,8 @@ int32_t AppendFlagged(DVSDataHandle list, const char *name, const void *data, ui
                                                                           : kConfigStoreOwnFailure;
 }
 
-// One switch object into top, under its "uuid".
-int32_t LoadSwitch(cs::Object *obj, DVSDataHandle top) {
+// One switch object into the host blob, under its "uuid".
+int32_t LoadSwitch(cs::Object *obj, HostBlobSink *host) {
    Text uuid;
    int32_t rc = cs::GetValueStr(obj, "uuid", &uuid.s);
    if (rc != cs::kSuccess) {
@@ -191,7 +243,7 @@ int32_t LoadSwitch(cs::Object *obj, DVSDataHandle top) {
          if (rc != cs::kSuccess) {
             return rc;
          }
-         listStatus = ::dvs::data::UpdateWithListBlob(top, uuid.s, swList.h, version, kLoadedFlag);
+         listStatus = host->Add(uuid.s, swList.h, version);
          if (listStatus == STATUS_OK) {
             return cs::kSuccess;
          }
@@ -249,13 +301,13 @@ int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
    ObjectArray desiredObjs;
    ObjectArray liveObjs;
    rc = CollectSwitchObjects(store, filter, desired, &desiredObjs, &liveObjs);
-   PropList top;
-   if (rc == cs::kSuccess && !top.Alloc()) {
+   const ObjectArray &switches = desired ? desiredObjs : liveObjs;
+   HostBlobSink host(rc == cs::kSuccess && CanWriteHostBlobDirectly(switches));
+   if (rc == cs::kSuccess && !host.Ready()) {
       rc = kConfigStoreOwnFailure;
    }
-   const ObjectArray &switches = desired ? desiredObjs : liveObjs;
    for (uint32_t i = 0; rc == cs::kSuccess && i < switches.count; i++) {
-      rc = LoadSwitch(switches.objects[i], top.h);
+      rc = LoadSwitch(switches.objects[i], &host);
       if (rc != cs::kSuccess) {
          Text uuid;
          cs::GetValueStr(switches.objects[i], "uuid", &uuid.s);
@@ -271,7 +323,7 @@ int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
    if (rc == cs::kSuccess) {
       void *out = nullptr;
       uint32_t outLen = 0;
-      rc = static_cast<int32_t>(DVSData_Serialize(top.h, &out, &outLen, kHostBlobVersion));
+      rc = static_cast<int32_t>(host.Finish(&out, &outLen));
       if (rc == cs::kSuccess) {
          *buf = out;
          *len = outLen;

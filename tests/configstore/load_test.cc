@@ -210,6 +210,57 @@ TEST_F(LoadTest, SavedSwitchesComeBackSwitchBySwitch) {
    EXPECT_EQ(p2.count("com.ostrel.common.port.respools.cfg"), 0u) << "not an uplink port";
 }
 
+// The host blob is written directly when every uuid is distinct and
+// nothing traces the list calls, else through the host list, which
+// replaces a switch whose uuid comes again.  Both give the same bytes: a
+// repeated uuid leaves one record, holding the later switch; uuids longer
+// than the 127 characters a name keeps are never matched by the list and
+// stay as two records with the same cut name.
+TEST_F(LoadTest, DirectAndListBuiltHostBlobsAgree) {
+   auto rawLoad = [](int dataDebug) {
+      const int32_t saved = dvsdata_debug;
+      dvsdata_debug = dataDebug;
+      void *buf = nullptr;
+      uint32_t len = 0;
+      int32_t rc = -1;
+      testsupport::CapturedStdout([&] { rc = DVSState_LoadFromConfigStoreAsBuf(&buf, &len, false); });
+      dvsdata_debug = saved;
+      EXPECT_EQ(rc, 0);
+      std::string out(static_cast<const char *>(buf), buf != nullptr ? len : 0);
+      free(buf);
+      return out;
+   };
+   const std::string longA = std::string(127, 'u') + "-a", longB = std::string(127, 'u') + "-b";
+   Put("s1", SwitchJson("sw-1", "etherswitch", "6.6.0", R"(,"ports":[{"key":"p1"}])"));
+   Put("s2", SwitchJson("sw-2", "vswitch", "6.6.0"));
+   const std::string distinct = rawLoad(-1);
+   EXPECT_EQ(distinct, rawLoad(2));
+   Props top;
+   ASSERT_EQ(Load(&top), 0);
+   EXPECT_EQ(top.size(), 2u);
+
+   Put("s3", SwitchJson("sw-1", "etherswitch", "6.6.0", R"(,"ports":[{"key":"p9"}])"));
+   EXPECT_EQ(rawLoad(-1), rawLoad(2));
+   ASSERT_EQ(Load(&top), 0);
+   ASSERT_EQ(top.size(), 2u);
+   EXPECT_EQ(Decode(top.at("sw-1")).count("p9"), 1u) << "the later sw-1";
+   EXPECT_EQ(Decode(top.at("sw-1")).count("p1"), 0u);
+
+   Put("s4", SwitchJson(longA, "vswitch", "6.6.0"));
+   Put("s5", SwitchJson(longB, "etherswitch", "6.6.0"));
+   const std::string withLong = rawLoad(-1);
+   EXPECT_EQ(withLong, rawLoad(2));
+   DVSDataHandle h = nullptr;
+   ASSERT_EQ(DVSData_Deserialize(&h, withLong.data(), uint32_t(withLong.size()), malloc, free),
+             STATUS_OK);
+   std::vector<std::string> names;
+   for (DVSDataEntry *e = h->head; e != nullptr; e = e->next)
+      names.emplace_back(e->name);
+   DVSData_Free(h);
+   EXPECT_EQ(names, (std::vector<std::string>{"sw-1", "sw-2", longA.substr(0, 127),
+                                              longA.substr(0, 127)}));
+}
+
 // Rows that exist once per family of classes: only the one that fits the
 // switch is loaded.
 TEST_F(LoadTest, ClassDecidesWhichOfAPairIsLoaded) {
