@@ -69,7 +69,9 @@ int32_t ExistingObjects::CollectAll(cs::Store *store) {
    const int64_t start = MonotonicMs();
    cs::Object **objects = nullptr;
    uint32_t count = 0;
-   rc = cs::GetInstances(store, filter, &objects, &count);
+   // The keys whose every instance the save deletes before it writes
+   // (ClearStaleContent) are not built at all.
+   rc = cs::GetInstancesWithout(store, filter, UNUSED_NON_SINGLETON_PROPS, &objects, &count);
    cs::DestroyFilterSpecObject(filter);
    syslog(LOG_DEBUG, "DVSState_SaveBufToConfigStore_ByInstance GetInstances time: %lldms",
           static_cast<long long>(MonotonicMs() - start));

@@ -32,7 +32,9 @@ class ExistingObjects {
    // a failed read: a run that cannot tell which objects exist must not
    // commit, or it would leave a stale one behind.
    int32_t CollectOne(::configstore::Store *store, const char *swId);
-   // Every switch object; 0 or the code of the failed read.
+   // Every switch object, without the sub-objects of the keys whose every
+   // instance a switch save deletes before writing (read and checked, but
+   // not kept); 0 or the code of the failed read.
    int32_t CollectAll(::configstore::Store *store);
 
    // Hands the collected object whose instance id is swId to the caller

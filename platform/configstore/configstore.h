@@ -104,6 +104,13 @@ CONFIGSTORE_EXPORT int32_t CreateFilterSpecObject(const char *a, const char *b, 
 CONFIGSTORE_EXPORT void DestroyFilterSpecObject(FilterSpec *filter);
 CONFIGSTORE_EXPORT int32_t GetInstances(Store *store, FilterSpec *filter, Object ***objects,
                                         uint32_t *count);
+// GetInstances for objects about to be rewritten: the sub-objects under
+// the top-level keys of dropKeys (null-terminated; null for none) are
+// read and checked as GetInstances checks them, then left out, as if
+// DeleteSubObjectInstances had removed them.
+CONFIGSTORE_EXPORT int32_t GetInstancesWithout(Store *store, FilterSpec *filter,
+                                               const char *const *dropKeys, Object ***objects,
+                                               uint32_t *count);
 CONFIGSTORE_EXPORT int32_t GetDesiredUserConfigInstances(const char *group, const char *object,
                                                          const char *component, Object ***objects,
                                                          uint32_t *count);

@@ -191,8 +191,11 @@ std::string SerializeDocument(const Node &node);
 // let ParseDocument read it where it is instead of copying it first.
 constexpr size_t kDocumentSlack = 64;
 // Parses a stored document; throws DocumentError, or std::bad_alloc when
-// memory runs out.  In document_reader.cc.
-std::unique_ptr<Tree> ParseDocument(const std::string &text);
+// memory runs out.  The top-level sub-object keys in dropKeys (a null-
+// terminated list, or null) are checked like the rest but left out of the
+// tree.  In document_reader.cc.
+std::unique_ptr<Tree> ParseDocument(const std::string &text,
+                                    const char *const *dropKeys = nullptr);
 // Parses the plain JSON text given to CreateObject: an object whose
 // members are values, nested objects (singleton sub-objects) and arrays of
 // objects (instances, identified by their "key" member).

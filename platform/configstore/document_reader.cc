@@ -15,9 +15,12 @@
 #include <simdjson.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <memory_resource>
 #include <new>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include "document.h"
@@ -165,7 +168,8 @@ void ReadValues(Node &node, od::object values) {
    }
 }
 
-void ReadNode(Node &node, od::object object, int depth, bool isEntry, String *entryId);
+void ReadNode(Node &node, od::object object, int depth, bool isEntry, String *entryId,
+              const char *const *dropKeys = nullptr);
 
 // One sub-object entry under `sub`: read into a node of its own, which
 // joins the key once its id (wherever it stands in the entry) is known.
@@ -182,13 +186,52 @@ void ReadEntry(SubKey &sub, od::value entry, int depth) {
    sub.Add(std::move(child));
 }
 
-void ReadSubobjects(Node &node, od::object subobjects, int depth) {
+// The entries of a key the caller leaves out: each is read and checked as
+// any other entry, in a scratch arena emptied after it, and only its id
+// is kept, for the check against repeated instances.  A document is thus
+// refused exactly when a full read refuses it, without building (and
+// faulting in the memory of) a subtree nobody will look at.
+void SkimEntries(od::array entries, int depth) {
+   alignas(std::max_align_t) std::byte initial[16384];
+   std::pmr::monotonic_buffer_resource scratch(initial, sizeof initial);
+   std::unordered_set<std::string> ids;
+   for (auto entry : entries) {
+      od::object object;
+      if (Get<od::value>(entry).get_object().get(object) != simdjson::SUCCESS) {
+         throw DocumentError("a sub-object entry is an object");
+      }
+      NodePtr child = NewNode(&scratch);
+      ReadNode(*child, object, depth, true, &child->id);
+      if (!ids.emplace(child->id).second) {
+         throw DocumentError("duplicate sub-object instance");
+      }
+      // Parked in the arena rather than taken apart: everything the entry
+      // holds came from the arena, which release() empties at once.
+      new (scratch.allocate(sizeof(NodePtr), alignof(NodePtr))) NodePtr(std::move(child));
+      scratch.release();
+   }
+}
+
+bool Listed(std::string_view key, const char *const *keys) {
+   for (; keys != nullptr && *keys != nullptr; ++keys) {
+      if (key == *keys) {
+         return true;
+      }
+   }
+   return false;
+}
+
+void ReadSubobjects(Node &node, od::object subobjects, int depth, const char *const *dropKeys) {
    for (auto field : subobjects) {
       const std::string_view key = Get<std::string_view>(field.unescaped_key());
       od::array entries;
       if (key.empty() ||
           Get<od::value>(field.value()).get_array().get(entries) != simdjson::SUCCESS) {
          throw DocumentError("a sub-object key holds an array of entries");
+      }
+      if (Listed(key, dropKeys)) {
+         SkimEntries(entries, depth + 1);
+         continue;
       }
       SubKey &sub = node.PutSub(key);
       sub.Clear();  // a repeated key: its last array counts
@@ -202,7 +245,8 @@ void ReadSubobjects(Node &node, od::object subobjects, int depth) {
    }
 }
 
-void ReadNode(Node &node, od::object object, int depth, bool isEntry, String *entryId) {
+void ReadNode(Node &node, od::object object, int depth, bool isEntry, String *entryId,
+              const char *const *dropKeys) {
    if (depth > kMaxDepth) {
       throw DocumentError("nested too deeply");
    }
@@ -222,7 +266,7 @@ void ReadNode(Node &node, od::object object, int depth, bool isEntry, String *en
             throw DocumentError("\"subobjects\" is an object");
          }
          node.subs.clear();
-         ReadSubobjects(node, subobjects, depth);
+         ReadSubobjects(node, subobjects, depth, dropKeys);
       } else if (name == "id" && isEntry) {
          od::json_type type = Get<od::json_type>(member.type());
          if (type != od::json_type::string) {
@@ -248,7 +292,7 @@ od::parser &Parser() {
 
 }  // namespace
 
-std::unique_ptr<Tree> ParseDocument(const std::string &text) {
+std::unique_ptr<Tree> ParseDocument(const std::string &text, const char *const *dropKeys) {
    // The text ends at a NUL byte, as it always has (one inside a string
    // then leaves that string unterminated).
    std::string_view json(text.data(), std::min(text.find('\0'), text.size()));
@@ -276,7 +320,7 @@ std::unique_ptr<Tree> ParseDocument(const std::string &text) {
       throw DocumentError("a document is a JSON object");
    }
    auto tree = std::make_unique<Tree>();
-   ReadNode(*tree->Root(), root, 0, false, nullptr);
+   ReadNode(*tree->Root(), root, 0, false, nullptr, dropKeys);
    // Nothing but white space may follow the object.
    const char *trailing = nullptr;
    if (doc.current_location().get(trailing) == simdjson::SUCCESS) {

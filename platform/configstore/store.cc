@@ -27,7 +27,7 @@ detail::ObjectName NameOf(const char *group, const char *object, const char *com
 // Reads the objects of one kind (and one instance when `name.instance` is
 // not empty) for `source`, in creation order, as new top-level handles.
 int32_t ReadInstances(Store *store, const detail::ObjectName &name, const char *source,
-                      Object ***objects, uint32_t *count) {
+                      Object ***objects, uint32_t *count, const char *const *dropKeys = nullptr) {
    std::vector<detail::StoredDocument> docs;
    const int32_t rc = store->backend->List(name, source, &docs);
    if (rc != kSuccess) {
@@ -36,7 +36,8 @@ int32_t ReadInstances(Store *store, const detail::ObjectName &name, const char *
    std::vector<std::unique_ptr<Object>> found;
    found.reserve(docs.size());
    for (detail::StoredDocument &d : docs) {
-      found.push_back(NewRoot(detail::ParseDocument(d.doc), name.group, name.object, name.component,
+      found.push_back(NewRoot(detail::ParseDocument(d.doc, dropKeys), name.group, name.object,
+                              name.component,
                               std::move(d.instance)));
    }
    Object **array = NewObjectArray(found.size());
@@ -238,7 +239,8 @@ int32_t GetStoredDocument(Object *obj, char **json) {
    });
 }
 
-int32_t GetInstances(Store *store, FilterSpec *filter, Object ***objects, uint32_t *count) {
+int32_t GetInstancesWithout(Store *store, FilterSpec *filter, const char *const *dropKeys,
+                            Object ***objects, uint32_t *count) {
    return Guard([&]() -> int32_t {
       if (store == nullptr || filter == nullptr || objects == nullptr || count == nullptr ||
           filter->a.empty() || filter->b.empty() || filter->c.empty()) {
@@ -247,8 +249,12 @@ int32_t GetInstances(Store *store, FilterSpec *filter, Object ***objects, uint32
       *objects = nullptr;
       *count = 0;
       const detail::ObjectName name{filter->a, filter->b, filter->c, filter->d};
-      return ReadInstances(store, name, kSourceExternal, objects, count);
+      return ReadInstances(store, name, kSourceExternal, objects, count, dropKeys);
    });
+}
+
+int32_t GetInstances(Store *store, FilterSpec *filter, Object ***objects, uint32_t *count) {
+   return GetInstancesWithout(store, filter, nullptr, objects, count);
 }
 
 int32_t GetDesiredUserConfigInstances(const char *group, const char *object, const char *component,

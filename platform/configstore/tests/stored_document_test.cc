@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace configstore {
 namespace {
@@ -36,15 +37,7 @@ class StoredDocumentTest : public ::testing::Test {
    // and reads it back: the Get code, and the value "v" as an integer
    // when the document was read.
    int32_t Read(const std::string &doc, int64_t *v = nullptr) {
-      sqlite3 *db = nullptr;
-      sqlite3_stmt *stmt = nullptr;
-      EXPECT_EQ(sqlite3_open((dir_ + "/store.db").c_str(), &db), SQLITE_OK);
-      EXPECT_EQ(sqlite3_prepare_v2(db, "UPDATE objects SET doc = ?1", -1, &stmt, nullptr),
-                SQLITE_OK);
-      sqlite3_bind_text(stmt, 1, doc.data(), static_cast<int>(doc.size()), SQLITE_STATIC);
-      EXPECT_EQ(sqlite3_step(stmt), SQLITE_DONE);
-      sqlite3_finalize(stmt);
-      sqlite3_close(db);
+      Store(doc);
       Object *o = nullptr;
       const int32_t rc = Get(store_, "g", "o", "c", "x", &o);
       if (rc == kSuccess && v != nullptr) {
@@ -54,8 +47,47 @@ class StoredDocumentTest : public ::testing::Test {
       return rc;
    }
 
+   // The document read with GetInstancesWithout, leaving out "k": the
+   // code, and the object's sub-object keys in *keys when it was read.
+   int32_t ReadWithoutK(const std::string &doc, std::vector<std::string> *keys = nullptr) {
+      Store(doc);
+      static const char *const kDrop[] = {"k", nullptr};
+      FilterSpec *filter = nullptr;
+      EXPECT_EQ(CreateFilterSpecObject("g", "o", "c", "", &filter), kSuccess);
+      Object **objs = nullptr;
+      uint32_t n = 0;
+      const int32_t rc = GetInstancesWithout(store_, filter, kDrop, &objs, &n);
+      DestroyFilterSpecObject(filter);
+      if (rc == kSuccess && keys != nullptr && n == 1) {
+         keys->clear();
+         for (const char *key : {"k", "m", "n"}) {
+            Object *sub = nullptr;
+            if (GetSubObject(objs[0], key, "a", &sub) == kSuccess) {
+               keys->push_back(key);
+            }
+         }
+      }
+      for (uint32_t i = 0; i < n; i++) {
+         DestroyConfigStoreObject(objs[i]);
+      }
+      free(objs);
+      return rc;
+   }
+
+   void Store(const std::string &doc) {
+      sqlite3 *db = nullptr;
+      sqlite3_stmt *stmt = nullptr;
+      EXPECT_EQ(sqlite3_open((dir_ + "/store.db").c_str(), &db), SQLITE_OK);
+      EXPECT_EQ(sqlite3_prepare_v2(db, "UPDATE objects SET doc = ?1", -1, &stmt, nullptr),
+                SQLITE_OK);
+      sqlite3_bind_text(stmt, 1, doc.data(), static_cast<int>(doc.size()), SQLITE_STATIC);
+      EXPECT_EQ(sqlite3_step(stmt), SQLITE_DONE);
+      sqlite3_finalize(stmt);
+      sqlite3_close(db);
+   }
+
    std::string dir_;
-   Store *store_ = nullptr;
+   configstore::Store *store_ = nullptr;
 };
 
 std::string Nested(int levels) {
@@ -111,6 +143,31 @@ TEST_F(StoredDocumentTest, ShapeEdges) {
    EXPECT_EQ(Read("{\"subobjects\":{\"k\":[{\"id\":1}]}}"), kBadJson);
    EXPECT_EQ(Read("{\"id\":\"a\"}"), kBadJson);
    EXPECT_EQ(Read("{\"subobjects\":{\"k\":[{\"values\":{\"v\":1},\"id\":\"a\"}]}}"), kSuccess);
+}
+
+// A key left out by GetInstancesWithout is gone from the object, the
+// other keys stay, and whatever would make Get refuse the document still
+// does when it lies inside the key left out.
+TEST_F(StoredDocumentTest, KeysLeftOutAreStillChecked) {
+   std::vector<std::string> keys;
+   const std::string good = "{\"subobjects\":{\"m\":[{\"id\":\"a\"}],\"k\":[{\"id\":\"a\","
+                            "\"values\":{\"v\":1}},{\"id\":\"b\"}],\"n\":[{\"id\":\"a\"}]}}";
+   ASSERT_EQ(Read(good), kSuccess);
+   ASSERT_EQ(ReadWithoutK(good, &keys), kSuccess);
+   EXPECT_EQ(keys, (std::vector<std::string>{"m", "n"}));
+
+   for (const std::string &inK :
+        {std::string("[{\"id\":\"a\"},{\"id\":\"a\"}]"), std::string("[{\"id\":1}]"),
+         std::string("[{\"values\":{\"v\":1.5}}]"), std::string("[{\"other\":{}}]"),
+         std::string("[7]"), std::string("{}")}) {
+      const std::string doc = "{\"subobjects\":{\"m\":[{\"id\":\"a\"}],\"k\":" + inK + "}}";
+      EXPECT_EQ(Read(doc), kBadJson) << inK;
+      EXPECT_EQ(ReadWithoutK(doc), kBadJson) << inK;
+   }
+   // Depth counts inside the key left out as anywhere else.
+   std::string deep = Nested(512), tooDeep = Nested(513);
+   EXPECT_EQ(ReadWithoutK(deep), kSuccess);
+   EXPECT_EQ(ReadWithoutK(tooDeep), kBadJson);
 }
 
 }  // namespace
