@@ -54,12 +54,42 @@ void PrintRowFailure(const PropConfigMapEntry *row, const char *key, int32_t rc)
                     row->propName, key, static_cast<int>(row->convType), static_cast<int>(rc));
 }
 
+// Whether two rows' values sit in the same sub-object: the same path up
+// to the value's key.
+bool SameHolder(const PropConfigMapEntry *a, const PropConfigMapEntry *b) {
+   if (a->depth != b->depth) {
+      return false;
+   }
+   for (uint32_t i = 0; i + 1 < a->depth; i++) {
+      if (std::strcmp(a->path[i], b->path[i]) != 0) {
+         return false;
+      }
+   }
+   return true;
+}
+
 // Converts every row of table that the store object src holds into list.
+// Rows come grouped by the sub-object that holds their values, and a load
+// changes nothing in the store objects, so a row whose value sits where
+// the previous row's did reuses that walk (its object, or its "not
+// found") instead of walking the path again.
 int32_t LoadRows(const PropConfigMapEntry *table, uint32_t propClass, cs::Object *src,
                  const ConvertContext &switchCtx, DVSDataHandle list) {
+   const PropConfigMapEntry *walked = nullptr;
+   cs::Object *walkedTarget = nullptr;
+   int32_t walkedRc = cs::kNotFound;
    for (const PropConfigMapEntry *row = table; row->propName != nullptr; row++) {
       cs::Object *target = src;
-      int32_t rc = WalkConfigPath(row->path, row->depth, src, false, &target);
+      int32_t rc;
+      if (walked != nullptr && SameHolder(walked, row)) {
+         target = walkedTarget;
+         rc = walkedRc;
+      } else {
+         rc = WalkConfigPath(row->path, row->depth, src, false, &target);
+         walked = row;
+         walkedTarget = target;
+         walkedRc = rc;
+      }
       if (rc == cs::kNotFound) {
          continue;
       }
