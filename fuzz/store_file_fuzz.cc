@@ -1,7 +1,8 @@
 // The store client on a damaged database file.  A valid store is built
 // once per process by the client itself; each input overwrites bytes of a
 // copy of it, and the copy is opened and read throughout: every call must
-// answer with a code, never crash.
+// answer with a code, never crash, and a read that leaves the ports out
+// must refuse exactly the documents a whole read refuses.
 //
 // Input: control(1) edits...
 //   control bit 0   cut the file to (control >> 1) * 512 bytes first
@@ -106,8 +107,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
          configstore::CreateFilterSpecObject("switches", "network_tds", "node", "", &filter) == 0);
       configstore::Object **objs = nullptr;
       uint32_t count = 0;
-      if (configstore::GetInstances(store, filter, &objs, &count) == configstore::kSuccess) {
+      const int32_t whole = configstore::GetInstances(store, filter, &objs, &count);
+      if (whole == configstore::kSuccess) {
          ReadAll(objs, count);
+      }
+      // Reading without the ports refuses exactly what a whole read refuses.
+      static const char *const kDropPorts[] = {"ports", nullptr};
+      uint32_t leanCount = 0;
+      const int32_t lean =
+         configstore::GetInstancesWithout(store, filter, kDropPorts, &objs, &leanCount);
+      FUZZ_CHECK(lean == whole);
+      if (lean == configstore::kSuccess) {
+         FUZZ_CHECK(leanCount == count);
+         ReadAll(objs, leanCount);
       }
       configstore::DestroyFilterSpecObject(filter);
       configstore::Object *one = nullptr;
