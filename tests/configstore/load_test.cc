@@ -43,6 +43,14 @@ Props Decode(const std::string &blob) {
    return out;
 }
 
+// The names of a blob's records in order, repeats included.
+std::vector<std::string> RecordNames(const std::string &blob) {
+   std::vector<std::string> names;
+   for (const auto &record : testsupport::Decode(blob))
+      names.push_back(record.first);
+   return names;
+}
+
 // One property list in a blob's layout, for the blob a save is given.
 using testsupport::Serialize;
 
@@ -117,16 +125,10 @@ TEST_F(LoadTest, RepeatedPortKeysReplaceEarlierEntries) {
    Props top;
    ASSERT_EQ(Load(&top), 0);
    ASSERT_EQ(top.count("sw-dup"), 1u);
-   DVSDataHandle sw = nullptr;
    const std::string &swBlob = top["sw-dup"];
-   ASSERT_EQ(DVSData_Deserialize(&sw, swBlob.data(), uint32_t(swBlob.size()), malloc, free),
-             STATUS_OK);
-   std::vector<std::string> names;
-   for (DVSDataEntry *e = sw->head; e != nullptr; e = e->next)
-      names.emplace_back(e->name);
-   DVSData_Free(sw);
-   EXPECT_EQ(names, (std::vector<std::string>{"switchVersion", "className", "maxPorts",
-                                              "globalPropList", "dup", "p2", "hostPropList"}));
+   EXPECT_EQ(RecordNames(swBlob),
+             (std::vector<std::string>{"switchVersion", "className", "maxPorts", "globalPropList",
+                                       "dup", "p2", "hostPropList"}));
    const Props sws = Decode(swBlob);
    EXPECT_EQ(Decode(sws.at("dup")), (Props{{"com.ostrel.common.port.alias", Text("later")}}));
    EXPECT_EQ(Decode(sws.at("p2")), (Props{{"com.ostrel.common.port.alias", Text("grown")}}));
@@ -250,15 +252,8 @@ TEST_F(LoadTest, DirectAndListBuiltHostBlobsAgree) {
    Put("s5", SwitchJson(longB, "etherswitch", "6.6.0"));
    const std::string withLong = rawLoad(-1);
    EXPECT_EQ(withLong, rawLoad(2));
-   DVSDataHandle h = nullptr;
-   ASSERT_EQ(DVSData_Deserialize(&h, withLong.data(), uint32_t(withLong.size()), malloc, free),
-             STATUS_OK);
-   std::vector<std::string> names;
-   for (DVSDataEntry *e = h->head; e != nullptr; e = e->next)
-      names.emplace_back(e->name);
-   DVSData_Free(h);
-   EXPECT_EQ(names, (std::vector<std::string>{"sw-1", "sw-2", longA.substr(0, 127),
-                                              longA.substr(0, 127)}));
+   EXPECT_EQ(RecordNames(withLong), (std::vector<std::string>{"sw-1", "sw-2", longA.substr(0, 127),
+                                                             longA.substr(0, 127)}));
 }
 
 // Rows that exist once per family of classes: only the one that fits the
