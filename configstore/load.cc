@@ -54,6 +54,37 @@ struct PropList {
    bool Alloc() { return DVSData_Alloc(&h, std::malloc, std::free) == STATUS_OK; }
 };
 
+// The names of a list's entries as the list compares them (their first
+// 127 characters), so that an entry added under a name known to be new
+// spares the list's own search.  Once a name could not be recorded, every
+// name counts as possibly taken, which only costs the search.
+class EntryNames {
+  public:
+   EntryNames() = default;
+   explicit EntryNames(DVSDataHandle list) {
+      for (const DVSDataEntry *e = list->head; e != nullptr; e = e->next) {
+         AddIfNew(e->name);
+      }
+   }
+
+   // Records name; true when no entry had it before.
+   bool AddIfNew(const char *name) noexcept {
+      if (!complete_) {
+         return false;
+      }
+      try {
+         return names_.emplace(name, strnlen(name, DVSDATA_NAME_MAX - 1)).second;
+      } catch (...) {
+         complete_ = false;
+         return false;
+      }
+   }
+
+  private:
+   std::unordered_set<std::string> names_;
+   bool complete_ = true;
+};
+
 // Where a load puts its switch blobs.  The host list replaces a switch
 // whose uuid comes again, as DVSData_Update does.  When every uuid is
 // known to be distinct and the list calls would not trace, the host blob
@@ -89,51 +120,16 @@ bool CanWriteHostBlobDirectly(const ObjectArray &switches) noexcept {
    if (dvsdata_debug >= 2) {
       return false;
    }
-   try {
-      std::unordered_set<std::string> seen;
-      seen.reserve(switches.count);
-      for (uint32_t i = 0; i < switches.count; i++) {
-         Text uuid;
-         if (cs::GetValueStr(switches.objects[i], "uuid", &uuid.s) != cs::kSuccess ||
-             !seen.emplace(uuid.s, strnlen(uuid.s, DVSDATA_NAME_MAX - 1)).second) {
-            return false;
-         }
+   EntryNames seen;
+   for (uint32_t i = 0; i < switches.count; i++) {
+      Text uuid;
+      if (cs::GetValueStr(switches.objects[i], "uuid", &uuid.s) != cs::kSuccess ||
+          !seen.AddIfNew(uuid.s)) {
+         return false;
       }
-   } catch (...) {
-      return false;
    }
    return true;
 }
-
-// The names of a list's entries as the list compares them (their first
-// 127 characters), so that an entry added under a name known to be new
-// spares the list's own search.  Once a name could not be recorded, every
-// name counts as possibly taken, which only costs the search.
-class EntryNames {
-  public:
-   explicit EntryNames(DVSDataHandle list) {
-      for (const DVSDataEntry *e = list->head; e != nullptr; e = e->next) {
-         AddIfNew(e->name);
-      }
-   }
-
-   // Records name; true when no entry had it before.
-   bool AddIfNew(const char *name) noexcept {
-      if (!complete_) {
-         return false;
-      }
-      try {
-         return names_.emplace(name, strnlen(name, DVSDATA_NAME_MAX - 1)).second;
-      } catch (...) {
-         complete_ = false;
-         return false;
-      }
-   }
-
-  private:
-   std::unordered_set<std::string> names_;
-   bool complete_ = true;
-};
 
 // The ports of a switch object; uplink ports (those named by the switch's
 // "uplink_port_keys") also get the switch's resource pools.
