@@ -39,9 +39,16 @@ struct ObjectArray {
    ObjectArray &operator=(const ObjectArray &) = delete;
    ~ObjectArray() {
       for (uint32_t i = 0; i < count; i++) {
-         cs::DestroyConfigStoreObject(objects[i]);
+         Release(i);
       }
       std::free(objects);
+   }
+   // Destroys object i ahead of the rest.
+   void Release(uint32_t i) {
+      if (objects[i] != nullptr) {
+         cs::DestroyConfigStoreObject(objects[i]);
+         objects[i] = nullptr;
+      }
    }
 };
 
@@ -297,14 +304,18 @@ int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
    ObjectArray desiredObjs;
    ObjectArray liveObjs;
    rc = CollectSwitchObjects(store, filter, desired, &desiredObjs, &liveObjs);
-   const ObjectArray &switches = desired ? desiredObjs : liveObjs;
+   ObjectArray &switches = desired ? desiredObjs : liveObjs;
    HostBlobSink host(rc == cs::kSuccess && CanWriteHostBlobDirectly(switches));
    if (rc == cs::kSuccess && !host.Ready()) {
       rc = kConfigStoreOwnFailure;
    }
    for (uint32_t i = 0; rc == cs::kSuccess && i < switches.count; i++) {
       rc = LoadSwitch(switches.objects[i], &host);
-      if (rc != cs::kSuccess) {
+      if (rc == cs::kSuccess) {
+         // Done with: its memory goes back now, for the next switch's work
+         // to reuse while it is still in the cache.
+         switches.Release(i);
+      } else {
          Text uuid;
          cs::GetValueStr(switches.objects[i], "uuid", &uuid.s);
          CONFIGSTORE_FAIL("Failed to load buf of switch: %s from configstore\n",

@@ -18,6 +18,87 @@ NodePtr NewNode(std::pmr::memory_resource *arena) {
    return std::allocate_shared<Node>(std::pmr::polymorphic_allocator<Node>(arena));
 }
 
+// ---- values -------------------------------------------------------------------
+
+namespace {
+
+const std::pmr::vector<String> kNoStrings;
+const std::pmr::vector<int64_t> kNoNumbers;
+
+}  // namespace
+
+const std::pmr::vector<String> &Value::strs() const {
+   return lists_ != nullptr ? lists_->strs : kNoStrings;
+}
+
+const std::pmr::vector<int64_t> &Value::nums() const {
+   return lists_ != nullptr ? lists_->nums : kNoNumbers;
+}
+
+ListItems &Value::Lists() {
+   if (lists_ == nullptr) {
+      std::pmr::memory_resource *arena = Arena();
+      void *memory = arena->allocate(sizeof(ListItems), alignof(ListItems));
+      lists_ = new (memory) ListItems(Alloc(arena));
+   }
+   return *lists_;
+}
+
+void Value::CopyListsFrom(const Value &o) {
+   if (o.lists_ != nullptr && (!o.lists_->strs.empty() || !o.lists_->nums.empty())) {
+      ListItems &mine = Lists();
+      mine.strs = o.lists_->strs;
+      mine.nums = o.lists_->nums;
+   }
+}
+
+void Value::MoveListsFrom(Value &o) {
+   if (o.lists_ == nullptr) {
+      return;
+   }
+   if (Arena()->is_equal(*o.Arena())) {
+      std::swap(lists_, o.lists_);
+   } else {
+      CopyListsFrom(o);
+   }
+}
+
+void Value::DropLists() noexcept {
+   if (lists_ != nullptr) {
+      lists_->~ListItems();
+      Arena()->deallocate(lists_, sizeof(ListItems), alignof(ListItems));
+      lists_ = nullptr;
+   }
+}
+
+Value &Value::operator=(const Value &o) {
+   if (this != &o) {
+      kind = o.kind;
+      num = o.num;
+      str = o.str;
+      if (lists_ != nullptr) {
+         lists_->strs.clear();
+         lists_->nums.clear();
+      }
+      CopyListsFrom(o);
+   }
+   return *this;
+}
+
+Value &Value::operator=(Value &&o) {
+   if (this != &o) {
+      kind = o.kind;
+      num = o.num;
+      str = std::move(o.str);
+      if (lists_ != nullptr) {
+         lists_->strs.clear();
+         lists_->nums.clear();
+      }
+      MoveListsFrom(o);
+   }
+   return *this;
+}
+
 // ---- sub-object keys --------------------------------------------------------
 
 namespace {
@@ -354,7 +435,7 @@ Value ValueFromJson(const Json &j) {
             if (!e.is_string()) {
                throw DocumentError("list mixes strings and other values");
             }
-            v.strs.emplace_back(e.get_ref<const std::string &>());
+            v.MutableStrs().emplace_back(e.get_ref<const std::string &>());
          }
       } else if (IsInteger(j.front())) {
          v.kind = Kind::kIntList;
@@ -362,7 +443,7 @@ Value ValueFromJson(const Json &j) {
             if (!IsInteger(e)) {
                throw DocumentError("list mixes integers and other values");
             }
-            v.nums.push_back(IntegerOf(e));
+            v.MutableNums().push_back(IntegerOf(e));
          }
       } else {
          throw DocumentError("lists hold strings or integers");

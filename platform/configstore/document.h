@@ -43,38 +43,72 @@ enum class Kind { kString, kInt, kBool, kStringList, kIntList, kEmptyList };
 using Alloc = std::pmr::polymorphic_allocator<char>;
 using String = std::pmr::string;
 
-struct Value {
+// The elements of a list value.
+struct ListItems {
+   std::pmr::vector<String> strs;   // kStringList
+   std::pmr::vector<int64_t> nums;  // kIntList
+   explicit ListItems(const Alloc &a) : strs(a), nums(a) {}
+};
+
+// A typed value.  Lists are few beside strings, integers and booleans, so
+// their elements live out of line, made from the value's arena when the
+// first one is added: a scalar carries one pointer for them instead of
+// two empty vectors (a value is 64 bytes instead of 120, and a stored
+// object holds tens of thousands of them).
+class Value {
+  public:
    using allocator_type = Alloc;
 
    Kind kind = Kind::kString;
-   String str;                      // kString
-   int64_t num = 0;                 // kInt; kBool as 0 or 1
-   std::pmr::vector<String> strs;   // kStringList
-   std::pmr::vector<int64_t> nums;  // kIntList
+   int64_t num = 0;  // kInt; kBool as 0 or 1
+   String str;       // kString
 
    Value() = default;
-   explicit Value(const allocator_type &a) : str(a), strs(a), nums(a) {}
-   Value(const Value &o, const allocator_type &a)
-       : kind(o.kind), str(o.str, a), num(o.num), strs(o.strs, a), nums(o.nums, a) {}
+   explicit Value(const allocator_type &a) : str(a) {}
+   Value(const Value &o, const allocator_type &a) : kind(o.kind), num(o.num), str(o.str, a) {
+      CopyListsFrom(o);
+   }
    Value(Value &&o, const allocator_type &a)
-       : kind(o.kind),
-         str(std::move(o.str), a),
-         num(o.num),
-         strs(std::move(o.strs), a),
-         nums(std::move(o.nums), a) {}
-   Value(const Value &) = default;
-   Value(Value &&) = default;
-   Value &operator=(const Value &) = default;
-   Value &operator=(Value &&) = default;
+       : kind(o.kind), num(o.num), str(std::move(o.str), a) {
+      MoveListsFrom(o);
+   }
+   Value(const Value &o) : kind(o.kind), num(o.num), str(o.str) { CopyListsFrom(o); }
+   Value(Value &&o) noexcept
+       : kind(o.kind), num(o.num), str(std::move(o.str)), lists_(o.lists_) {
+      o.lists_ = nullptr;  // str took o's arena along with the text
+   }
+   Value &operator=(const Value &o);
+   Value &operator=(Value &&o);
+   ~Value() { DropLists(); }
+
+   // The elements, empty when the value has none.
+   const std::pmr::vector<String> &strs() const;
+   const std::pmr::vector<int64_t> &nums() const;
+   // The elements for adding to; made on first use (may throw bad_alloc).
+   std::pmr::vector<String> &MutableStrs() { return Lists().strs; }
+   std::pmr::vector<int64_t> &MutableNums() { return Lists().nums; }
 
    // Back to an empty string, keeping the arena.
    void Reset() {
       kind = Kind::kString;
       str.clear();
       num = 0;
-      strs.clear();
-      nums.clear();
+      if (lists_ != nullptr) {
+         lists_->strs.clear();
+         lists_->nums.clear();
+      }
    }
+
+  private:
+   std::pmr::memory_resource *Arena() const { return str.get_allocator().resource(); }
+   ListItems &Lists();
+   // Copies o's elements into this value's arena; this value has none yet.
+   void CopyListsFrom(const Value &o);
+   // Takes o's elements: their memory when both share an arena, else a copy.
+   void MoveListsFrom(Value &o);
+   void DropLists() noexcept;
+
+   ListItems *lists_ = nullptr;
 };
 
 struct Node;

@@ -77,10 +77,8 @@ std::string_view Text(od::value v) {
 void ReadList(Value &out, od::array list) {
    out.kind = Kind::kEmptyList;
    size_t n = 0;
-   if (list.count_elements().get(n) == simdjson::SUCCESS && n > 0) {
-      // Only one of the two is used; which one depends on the elements.
-      out.strs.reserve(n);
-      out.nums.reserve(n);
+   if (list.count_elements().get(n) != simdjson::SUCCESS) {
+      n = 0;  // the loop below reports what is wrong with the list
    }
    for (auto element : list) {
       od::value e = Get<od::value>(element);
@@ -88,8 +86,10 @@ void ReadList(Value &out, od::array list) {
       if (out.kind == Kind::kEmptyList) {
          if (type == od::json_type::string) {
             out.kind = Kind::kStringList;
+            out.MutableStrs().reserve(n);
          } else if (type == od::json_type::number) {
             out.kind = Kind::kIntList;
+            out.MutableNums().reserve(n);
          } else {
             throw DocumentError("lists hold strings or integers");
          }
@@ -98,12 +98,12 @@ void ReadList(Value &out, od::array list) {
          if (type != od::json_type::string) {
             throw DocumentError("list mixes strings and other values");
          }
-         out.strs.emplace_back(Text(e));
+         out.MutableStrs().emplace_back(Text(e));
       } else {
          if (type != od::json_type::number) {
             throw DocumentError("list mixes integers and other values");
          }
-         out.nums.push_back(Integer(e));
+         out.MutableNums().push_back(Integer(e));
       }
    }
 }
@@ -131,16 +131,6 @@ void ReadValue(Value &out, od::value v) {
    }
 }
 
-// The value `name` of node, added at the end when it is new.
-Value &ValueSlot(Node &node, std::string_view name) {
-   for (auto &entry : node.values) {
-      if (entry.first == name) {
-         return entry.second;
-      }
-   }
-   return node.PutValue(name);
-}
-
 // Room for `more` entries in a container that the reader is about to
 // fill.  The arena never takes back the smaller buffers a growing
 // container leaves behind, so sizing it once saves much of a tree's
@@ -164,7 +154,7 @@ void ReadValues(Node &node, od::object values) {
       if (name.empty()) {
          throw DocumentError("empty value name");
       }
-      ReadValue(ValueSlot(node, name), Get<od::value>(field.value()));
+      ReadValue(node.PutValue(name), Get<od::value>(field.value()));
    }
 }
 

@@ -135,21 +135,21 @@ class Writer {
             return;
          case Kind::kStringList:
             out_ += '[';
-            for (size_t i = 0; i < v.strs.size(); ++i) {
+            for (size_t i = 0; i < v.strs().size(); ++i) {
                if (i != 0) {
                   out_ += ',';
                }
-               String(v.strs[i]);
+               String(v.strs()[i]);
             }
             out_ += ']';
             return;
          case Kind::kIntList:
             out_ += '[';
-            for (size_t i = 0; i < v.nums.size(); ++i) {
+            for (size_t i = 0; i < v.nums().size(); ++i) {
                if (i != 0) {
                   out_ += ',';
                }
-               Int(v.nums[i]);
+               Int(v.nums()[i]);
             }
             out_ += ']';
             return;

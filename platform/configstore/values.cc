@@ -171,14 +171,14 @@ int32_t GetValueStringArray(Object *obj, const char *key, char ***values, uint32
          return rc;
       }
       const Value *v = found.value;
-      size_t n = v->strs.size();
+      size_t n = v->strs().size();
       // One spare slot keeps the array NULL-terminated as well.
       auto **array = static_cast<char **>(std::calloc(n + 1, sizeof(char *)));
       if (array == nullptr) {
          return kNoMemory;
       }
       for (size_t i = 0; i < n; ++i) {
-         array[i] = strdup(v->strs[i].c_str());
+         array[i] = strdup(v->strs()[i].c_str());
          if (array[i] == nullptr) {
             DestroyStringArrayValue(array, static_cast<uint32_t>(i));
             return kNoMemory;
@@ -281,13 +281,13 @@ int32_t AppendValueString(Object *obj, const char *key, const char *value) {
       if (value == nullptr) {
          return kBadParam;
       }
-      return Append(obj, key, Kind::kStringList, [&](Value &v) { v.strs.emplace_back(value); });
+      return Append(obj, key, Kind::kStringList, [&](Value &v) { v.MutableStrs().emplace_back(value); });
    });
 }
 
 int32_t AppendValueInt(Object *obj, const char *key, int32_t value) {
    return Guard([&]() -> int32_t {
-      return Append(obj, key, Kind::kIntList, [&](Value &v) { v.nums.push_back(value); });
+      return Append(obj, key, Kind::kIntList, [&](Value &v) { v.MutableNums().push_back(value); });
    });
 }
 

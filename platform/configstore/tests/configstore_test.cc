@@ -248,6 +248,52 @@ TEST_P(ConfigStoreTest, LiveAndDesiredDocuments) {
    EXPECT_EQ(Values(after, "value"), std::vector<std::string>{"want-u"});
 }
 
+// A list overwritten by another value, or emptied, keeps none of its old
+// elements, in memory and once stored.
+TEST_P(ConfigStoreTest, OverwrittenListsKeepNoOldElements) {
+   Object *o = nullptr;
+   ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "lists", "{}", &o), kSuccess);
+   ObjPtr obj(o);
+   auto names = [](Object *x, const char *key) {
+      char **v = nullptr;
+      uint32_t n = 0;
+      std::vector<std::string> out;
+      if (GetValueStringArray(x, key, &v, &n) != kSuccess) {
+         out.push_back("(not a string list)");
+         return out;
+      }
+      out.assign(v, v + n);
+      DestroyStringArrayValue(v, n);
+      return out;
+   };
+   using Names = std::vector<std::string>;
+   ASSERT_EQ(AppendValueString(o, "a", "x"), kSuccess);
+   ASSERT_EQ(AppendValueString(o, "a", "y"), kSuccess);
+   ASSERT_EQ(SetValueEmptyList(o, "a"), kSuccess);
+   EXPECT_EQ(names(o, "a"), Names{});
+   ASSERT_EQ(AppendValueString(o, "a", "z"), kSuccess);
+   EXPECT_EQ(names(o, "a"), Names{"z"});
+
+   ASSERT_EQ(AppendValueInt(o, "b", 1), kSuccess);
+   ASSERT_EQ(SetValueStr(o, "b", "plain"), kSuccess);
+   EXPECT_EQ(AppendValueInt(o, "b", 2), kTypeMismatch);
+   ASSERT_EQ(SetValueEmptyList(o, "b"), kSuccess);
+   ASSERT_EQ(AppendValueString(o, "b", "now text"), kSuccess);
+   EXPECT_EQ(names(o, "b"), Names{"now text"});
+
+   ASSERT_EQ(Set(Open().get(), o, kSourceExternal), kSuccess);
+   auto s = Open();
+   Object *back = nullptr;
+   ASSERT_EQ(Get(s.get(), kGroup, kObj, kComp, "lists", &back), kSuccess);
+   ObjPtr backObj(back);
+   EXPECT_EQ(names(back, "a"), Names{"z"});
+   EXPECT_EQ(names(back, "b"), Names{"now text"});
+   // A list read from the store changes like one made in memory.
+   ASSERT_EQ(SetValueEmptyList(back, "a"), kSuccess);
+   ASSERT_EQ(AppendValueString(back, "a", "again"), kSuccess);
+   EXPECT_EQ(names(back, "a"), Names{"again"});
+}
+
 TEST_P(ConfigStoreTest, TypedValuesAndRanges) {
    Object *o = nullptr;
    ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "v", "{}", &o), kSuccess);
