@@ -104,9 +104,11 @@ class HostBlobSink {
    // False when the host list cannot be made.
    bool Ready() { return direct_ || top_.Alloc(); }
 
-   ReturnStatus Add(const char *uuid, DVSDataHandle swList, uint32_t version) {
-      return direct_ ? blob_.AppendList(uuid, kLoadedFlag, swList, version)
-                     : ::dvs::data::UpdateWithListBlob(top_.h, uuid, swList, version, kLoadedFlag);
+   // Adds the switch list; a direct blob takes the list over.
+   ReturnStatus Add(const char *uuid, PropList *swList, uint32_t version) {
+      return direct_
+                ? blob_.AppendList(uuid, kLoadedFlag, &swList->h, version)
+                : ::dvs::data::UpdateWithListBlob(top_.h, uuid, swList->h, version, kLoadedFlag);
    }
 
    ReturnStatus Finish(void **buf, uint32_t *len) {
@@ -246,7 +248,7 @@ int32_t LoadSwitch(cs::Object *obj, HostBlobSink *host) {
          if (rc != cs::kSuccess) {
             return rc;
          }
-         listStatus = host->Add(uuid.s, swList.h, version);
+         listStatus = host->Add(uuid.s, &swList, version);
          if (listStatus == STATUS_OK) {
             return cs::kSuccess;
          }

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "data/blob_build.h"
 #include "data/record_layout.h"
@@ -11,55 +12,41 @@
 namespace dvs::data {
 
 ListBlobBuilder::~ListBlobBuilder() {
-   std::free(buf_);
+   Clear();
 }
 
-bool ListBlobBuilder::Reserve(uint64_t more) {
-   const uint64_t need = uint64_t{end_} + more + kEndMarkerSize;
-   if (need <= capacity_) {
-      return true;
+void ListBlobBuilder::Clear() noexcept {
+   for (Record &r : records_) {
+      DVSData_Free(r.list);
    }
-   // Doubling keeps the copies of a growing buffer to about its final
-   // size; large blocks grow in place where the allocator can map them.
-   uint64_t grown = capacity_ < 4096 ? 4096 : capacity_;
-   while (grown < need) {
-      grown *= 2;
-   }
-   void *bigger = std::realloc(buf_, grown);
-   if (bigger == nullptr) {
-      return false;
-   }
-   buf_ = static_cast<uint8_t *>(bigger);
-   capacity_ = grown;
-   return true;
+   records_.clear();
+   length_ = 0;
 }
 
-ReturnStatus ListBlobBuilder::AppendList(const char *name, uint32_t flag, DVSDataHandle list,
+ReturnStatus ListBlobBuilder::AppendList(const char *name, uint32_t flag, DVSDataHandle *list,
                                          uint32_t version) {
-   if (name == nullptr || list == nullptr) {
+   if (name == nullptr || list == nullptr || *list == nullptr) {
       return STATUS_BAD_PARAM;
    }
    WarnOldVersion(version);
-   const uint32_t size = ListBlobSize(list, 0);
+   const uint32_t length = length_ != 0 ? length_ : DVSDATA_HEADER_SIZE + kEndMarkerSize;
+   const uint32_t size = ListBlobSize(*list, 0);
    // The whole blob, this record included, keeps a 32-bit length.
-   if (size > kMaxDataLen || RecordLength(size) > UINT32_MAX - kEndMarkerSize - end_) {
+   if (size > kMaxDataLen || RecordLength(size) > UINT32_MAX - length) {
       return STATUS_NO_MEMORY;
    }
-   const uint32_t recordLen = RecordLength(size);
-   if (!Reserve(recordLen)) {
+   Record r{};
+   std::strncpy(r.name, name, sizeof r.name - 1);
+   r.flag = flag;
+   r.size = size;
+   r.list = *list;
+   try {
+      records_.push_back(r);
+   } catch (const std::bad_alloc &) {
       return STATUS_NO_MEMORY;
    }
-   uint8_t *record = buf_ + end_;
-   uint32_t valueSum = 0;
-   const ReturnStatus status =
-      WriteListBlob(list, 0, record + kRecordDataOffset, size, &valueSum);
-   if (status != STATUS_OK) {
-      return status;
-   }
-   const uint32_t headSum = WriteRecordHead(record, name, flag, size);
-   ZeroRecordPadding(record, size);
-   recordSum_ += headSum + valueSum;
-   end_ += recordLen;
+   length_ = length + RecordLength(size);
+   *list = nullptr;
    return STATUS_OK;
 }
 
@@ -67,24 +54,32 @@ ReturnStatus ListBlobBuilder::Finish(void **blob, uint32_t *len) {
    if (blob == nullptr || len == nullptr) {
       return STATUS_BAD_PARAM;
    }
-   if (!Reserve(0)) {
+   const uint32_t length = length_ != 0 ? length_ : DVSDATA_HEADER_SIZE + kEndMarkerSize;
+   auto *buf = static_cast<uint8_t *>(std::malloc(length));
+   if (buf == nullptr) {
       return STATUS_NO_MEMORY;
    }
-   const uint32_t length = end_ + kEndMarkerSize;
-   const uint32_t headSum = WriteBlobHeader(buf_, length);
-   WriteEndMarker(buf_, end_);
-   SealWithWordSum(buf_, length, headSum + recordSum_);
-   // The spare room of the last doubling goes back; should that fail, the
-   // larger block serves as well.
-   if (void *exact = std::realloc(buf_, length); exact != nullptr) {
-      buf_ = static_cast<uint8_t *>(exact);
+   uint32_t end = DVSDATA_HEADER_SIZE;
+   uint32_t recordSum = 0;
+   for (const Record &r : records_) {
+      uint8_t *record = buf + end;
+      uint32_t valueSum = 0;
+      const ReturnStatus status =
+         WriteListBlob(r.list, 0, record + kRecordDataOffset, r.size, &valueSum);
+      if (status != STATUS_OK) {
+         std::free(buf);
+         return status;
+      }
+      recordSum += WriteRecordHead(record, r.name, r.flag, r.size) + valueSum;
+      ZeroRecordPadding(record, r.size);
+      end += RecordLength(r.size);
    }
-   *blob = buf_;
+   const uint32_t headSum = WriteBlobHeader(buf, length);
+   WriteEndMarker(buf, end);
+   SealWithWordSum(buf, length, headSum + recordSum);
+   *blob = buf;
    *len = length;
-   buf_ = nullptr;
-   capacity_ = 0;
-   end_ = DVSDATA_HEADER_SIZE;
-   recordSum_ = 0;
+   Clear();
    return STATUS_OK;
 }
 

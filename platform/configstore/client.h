@@ -32,6 +32,9 @@ namespace configstore {
 struct Store {
    std::unique_ptr<detail::Backend> backend;
    bool inTransaction = false;
+   // The document Set writes last; its buffer serves the next one, so that
+   // a save of many large objects does not grow a fresh buffer for each.
+   std::string document;
 };
 
 namespace detail {

@@ -221,6 +221,8 @@ constexpr int kMaxDepth = 512;
 // The stored document of a node (see docs/configstore.md); throws
 // DocumentError for a string that is not valid UTF-8.  In document_writer.cc.
 std::string SerializeDocument(const Node &node);
+// The same written over *out, whose buffer it reuses.
+void SerializeDocument(const Node &node, std::string *out);
 // Bytes of spare capacity past the end of a stored document's text that
 // let ParseDocument read it where it is instead of copying it first.
 constexpr size_t kDocumentSlack = 64;

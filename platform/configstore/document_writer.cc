@@ -6,7 +6,9 @@
 // Strings are escaped the usual JSON way (\" \\ \b \f \n \r \t, \u00xx for
 // other control characters) and non-ASCII text is copied as UTF-8; a string
 // that is not valid UTF-8 cannot be stored and throws DocumentError.
+#include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <string_view>
 
 #include "document.h"
@@ -66,59 +68,83 @@ struct PlainAsciiTable {
 };
 constexpr PlainAsciiTable kPlainAscii;
 
+// Writes into `out` through a cursor: the string is grown ahead of the
+// cursor in large steps and cut to what was written at the end, so that
+// each token is a plain store instead of an append that checks capacity
+// and terminates the string every time.
 class Writer {
   public:
-   explicit Writer(std::string &out) : out_(out) {}
+   // Writes from `start` on; the bytes of out past it are working room.
+   Writer(std::string &out, size_t start) : out_(out), pos_(start) {}
 
-   void Node(const detail::Node &node) {
-      out_ += '{';
+   void Document(const detail::Node &node) {
+      Put('{');
       Body(node, false);
-      out_ += '}';
+      Put('}');
+      out_.resize(pos_);
    }
 
   private:
+   static constexpr size_t kFirstSize = 4096;
+
+   // Room for n more bytes at the cursor.
+   char *Room(size_t n) {
+      if (out_.size() - pos_ < n) {
+         out_.resize(std::max({out_.size() * 2, pos_ + n, kFirstSize}));
+      }
+      return out_.data() + pos_;
+   }
+   void Put(char c) {
+      *Room(1) = c;
+      ++pos_;
+   }
+   void Put(std::string_view text) {
+      std::memcpy(Room(text.size()), text.data(), text.size());
+      pos_ += text.size();
+   }
+
    // The members of a node; `more` when a member was written before them.
    void Body(const detail::Node &node, bool more) {
       if (!node.values.empty()) {
-         out_ += more ? ",\"values\":{" : "\"values\":{";
+         Put(more ? ",\"values\":{" : "\"values\":{");
          bool first = true;
          for (const auto &entry : node.values) {
             if (!first) {
-               out_ += ',';
+               Put(',');
             }
             first = false;
             String(entry.first);
-            out_ += ':';
+            Put(':');
             Value(entry.second);
          }
-         out_ += '}';
+         Put('}');
          more = true;
       }
       if (!node.subs.empty()) {
-         out_ += more ? ",\"subobjects\":{" : "\"subobjects\":{";
+         Put(more ? ",\"subobjects\":{" : "\"subobjects\":{");
          bool firstSub = true;
          for (const auto &sub : node.subs) {
             if (!firstSub) {
-               out_ += ',';
+               Put(',');
             }
             firstSub = false;
             String(sub.key);
-            out_ += ":[";
+            Put(":[");
             bool firstEntry = true;
             for (const auto &child : sub.entries) {
-               out_ += firstEntry ? "{" : ",{";
+               Put(firstEntry ? "{" : ",{");
                firstEntry = false;
                bool hasId = !child->id.empty();
                if (hasId) {
-                  out_ += "\"id\":";
+                  Put("\"id\":");
                   String(child->id);
                }
                Body(*child, hasId);
-               out_ += '}';
+               Put('}');
             }
-            out_ += ']';
+            Put(']');
          }
-         out_ += '}';
+         Put('}');
       }
    }
 
@@ -131,108 +157,121 @@ class Writer {
             Int(v.num);
             return;
          case Kind::kBool:
-            out_ += v.num != 0 ? "true" : "false";
+            Put(v.num != 0 ? "true" : "false");
             return;
          case Kind::kStringList:
-            out_ += '[';
+            Put('[');
             for (size_t i = 0; i < v.strs().size(); ++i) {
                if (i != 0) {
-                  out_ += ',';
+                  Put(',');
                }
                String(v.strs()[i]);
             }
-            out_ += ']';
+            Put(']');
             return;
          case Kind::kIntList:
-            out_ += '[';
+            Put('[');
             for (size_t i = 0; i < v.nums().size(); ++i) {
                if (i != 0) {
-                  out_ += ',';
+                  Put(',');
                }
                Int(v.nums()[i]);
             }
-            out_ += ']';
+            Put(']');
             return;
          case Kind::kEmptyList:
-            out_ += "[]";
+            Put("[]");
             return;
       }
    }
 
    void Int(int64_t n) {
-      char buf[24];
-      auto res = std::to_chars(buf, buf + sizeof buf, n);
-      out_.append(buf, res.ptr);
+      constexpr size_t kMaxDigits = 20;  // INT64_MIN: a sign and 19 digits
+      char *p = Room(kMaxDigits);
+      pos_ = static_cast<size_t>(std::to_chars(p, p + kMaxDigits, n).ptr - out_.data());
    }
 
    void String(std::string_view s) {
       static const char kHex[] = "0123456789abcdef";
-      out_ += '"';
+      Put('"');
       const size_t n = s.size();
-      size_t plain = 0;  // start of the run not yet copied
       size_t i = 0;
       while (i < n) {
-         // Printable ASCII other than the quote and the backslash runs on.
-         while (i < n && kPlainAscii[static_cast<unsigned char>(s[i])]) {
-            ++i;
+         // Printable ASCII other than the quote and the backslash, and
+         // well-formed UTF-8, are copied as they are, a run at a time.
+         size_t run = i;
+         while (run < n) {
+            const auto c = static_cast<unsigned char>(s[run]);
+            if (kPlainAscii[c]) {
+               ++run;
+            } else if (c >= 0x80) {
+               const size_t len = Utf8SequenceLength(s, run);
+               if (len == 0) {
+                  throw DocumentError("a string is not valid UTF-8");
+               }
+               run += len;
+            } else {
+               break;
+            }
          }
-         if (i == n) {
+         Put(s.substr(i, run - i));
+         if (run == n) {
             break;
          }
-         unsigned char c = static_cast<unsigned char>(s[i]);
-         if (c >= 0x80) {
-            size_t len = Utf8SequenceLength(s, i);
-            if (len == 0) {
-               throw DocumentError("a string is not valid UTF-8");
-            }
-            i += len;
-            continue;
-         }
-         out_.append(s.data() + plain, i - plain);
+         const auto c = static_cast<unsigned char>(s[run]);
+         char *p = Room(6);
+         *p++ = '\\';
          switch (c) {
             case '"':
-               out_ += "\\\"";
+               *p++ = '"';
                break;
             case '\\':
-               out_ += "\\\\";
+               *p++ = '\\';
                break;
             case '\b':
-               out_ += "\\b";
+               *p++ = 'b';
                break;
             case '\f':
-               out_ += "\\f";
+               *p++ = 'f';
                break;
             case '\n':
-               out_ += "\\n";
+               *p++ = 'n';
                break;
             case '\r':
-               out_ += "\\r";
+               *p++ = 'r';
                break;
             case '\t':
-               out_ += "\\t";
+               *p++ = 't';
                break;
-            default: {
-               const char esc[] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]};
-               out_.append(esc, sizeof esc);
-            }
+            default:
+               *p++ = 'u';
+               *p++ = '0';
+               *p++ = '0';
+               *p++ = kHex[c >> 4];
+               *p++ = kHex[c & 0xF];
          }
-         plain = ++i;
+         pos_ = static_cast<size_t>(p - out_.data());
+         i = run + 1;
       }
-      out_.append(s.data() + plain, n - plain);
-      out_ += '"';
+      Put('"');
    }
 
    std::string &out_;
+   size_t pos_;  // end of what was written; out_ holds spare bytes past it
 };
 
 }  // namespace
 
 std::string SerializeDocument(const Node &node) {
    std::string out;
-   // Grows once or twice for large objects; a typical document fits.
-   out.reserve(4096);
-   Writer(out).Node(node);
+   SerializeDocument(node, &out);
    return out;
+}
+
+void SerializeDocument(const Node &node, std::string *out) {
+   // The whole capacity is working room: the writer cuts the text to size.
+   out->resize(out->capacity());
+   Writer(*out, 0).Document(node);
 }
 
 }  // namespace detail

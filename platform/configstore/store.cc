@@ -203,9 +203,9 @@ int32_t Set(Store *store, Object *obj, const char *source) {
          return kBadParam;
       }
       const detail::TopLevel &top = *obj->top;
-      const std::string doc = detail::SerializeDocument(*top.tree->Root());
+      detail::SerializeDocument(*top.tree->Root(), &store->document);
       const detail::ObjectName name{top.group, top.object, top.component, top.instance};
-      return store->backend->Write(name, source, doc);
+      return store->backend->Write(name, source, store->document);
    });
 }
 

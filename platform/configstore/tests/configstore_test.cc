@@ -382,6 +382,32 @@ TEST_P(ConfigStoreTest, TypedValuesAndRanges) {
    EXPECT_EQ(i, 3);
 }
 
+// One store handle writes a large document and then small ones: each is
+// stored as its own text, nothing of the one before it left behind.
+TEST_P(ConfigStoreTest, DocumentsWrittenInTurnKeepTheirOwnText) {
+   auto s = Open();
+   const std::string big(70000, 'b');
+   const char *texts[] = {big.c_str(), "x", "quote \" and \u00e9", ""};
+   int n = 0;
+   for (const char *text : texts) {
+      Object *o = nullptr;
+      const std::string id = "turn" + std::to_string(n++);
+      ASSERT_EQ(CreateObject(kGroup, kObj, kComp, id.c_str(), "{}", &o), kSuccess);
+      ObjPtr obj(o);
+      ASSERT_EQ(SetValueStr(o, "v", text), kSuccess);
+      ASSERT_EQ(Set(s.get(), o, kSourceExternal), kSuccess);
+   }
+   auto again = Open();
+   n = 0;
+   for (const char *text : texts) {
+      const std::string id = "turn" + std::to_string(n++);
+      Object *back = nullptr;
+      ASSERT_EQ(Get(again.get(), kGroup, kObj, kComp, id.c_str(), &back), kSuccess) << id;
+      ObjPtr backObj(back);
+      EXPECT_EQ(Str(back, "v"), text) << id;
+   }
+}
+
 TEST_P(ConfigStoreTest, StringsNeedingEscapesSurviveReopen) {
    // Quotes, backslashes, every control character, DEL and 2-, 3- and
    // 4-byte UTF-8, as a value, a list element, a sub-object key and an id.
