@@ -47,8 +47,15 @@ ListItems &Value::Lists() {
 void Value::CopyListsFrom(const Value &o) {
    if (o.lists_ != nullptr && (!o.lists_->strs.empty() || !o.lists_->nums.empty())) {
       ListItems &mine = Lists();
-      mine.strs = o.lists_->strs;
-      mine.nums = o.lists_->nums;
+      try {
+         mine.strs = o.lists_->strs;
+         mine.nums = o.lists_->nums;
+      } catch (...) {
+         // A constructor that throws never runs the destructor: the
+         // elements made so far go here.
+         DropLists();
+         throw;
+      }
    }
 }
 
