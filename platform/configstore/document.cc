@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 
 #include <nlohmann/json.hpp>
 
@@ -141,9 +142,9 @@ void SubKey::AbandonAll() noexcept {
 }
 
 const NodePtr *SubKey::Find(std::string_view childId) const {
-   if (!byId_.empty()) {
-      auto it = byId_.find(childId);
-      return it == byId_.end() ? nullptr : &it->second;
+   if (byId_ != nullptr) {
+      auto it = byId_->find(childId);
+      return it == byId_->end() ? nullptr : &it->second;
    }
    for (const NodePtr &entry : entries) {
       if (entry->id == childId) {
@@ -153,25 +154,68 @@ const NodePtr *SubKey::Find(std::string_view childId) const {
    return nullptr;
 }
 
+void SubKey::BuildIndex() {
+   std::pmr::memory_resource *arena = Arena();
+   void *memory = arena->allocate(sizeof(IdIndex), alignof(IdIndex));
+   auto *index = new (memory) IdIndex(std::pmr::polymorphic_allocator<char>(arena));
+   byId_ = index;
+   try {
+      index->reserve(entries.size() * 2);
+      for (const NodePtr &entry : entries) {
+         index->emplace(entry->id, entry);
+      }
+   } catch (...) {
+      DropIndex();
+      throw;
+   }
+}
+
+void SubKey::TakeIndex(SubKey &o) {
+   if (o.byId_ == nullptr) {
+      return;
+   }
+   if (Arena()->is_equal(*o.Arena())) {
+      std::swap(byId_, o.byId_);
+   } else {
+      o.DropIndex();
+      try {
+         BuildIndex();
+      } catch (const std::bad_alloc &) {
+         // Without an index every entry is still found by a scan.
+      }
+   }
+}
+
+void SubKey::DropIndex() noexcept {
+   if (byId_ != nullptr) {
+      std::pmr::memory_resource *arena = Arena();
+      byId_->~IdIndex();
+      arena->deallocate(byId_, sizeof(IdIndex), alignof(IdIndex));
+      byId_ = nullptr;
+   }
+}
+
+SubKey &SubKey::operator=(SubKey &&o) {
+   if (this != &o) {
+      DropIndex();
+      key = std::move(o.key);
+      entries = std::move(o.entries);
+      TakeIndex(o);
+   }
+   return *this;
+}
+
 void SubKey::Add(NodePtr child) {
    entries.push_back(std::move(child));
-   if (!byId_.empty()) {
+   if (byId_ != nullptr) {
       try {
-         byId_.emplace(entries.back()->id, entries.back());
+         byId_->emplace(entries.back()->id, entries.back());
       } catch (...) {
          entries.pop_back();
          throw;
       }
    } else if (entries.size() > kIndexFrom) {
-      try {
-         byId_.reserve(entries.size() * 2);
-         for (const NodePtr &entry : entries) {
-            byId_.emplace(entry->id, entry);
-         }
-      } catch (...) {
-         byId_.clear();  // without an index every entry is still found by a scan
-         throw;
-      }
+      BuildIndex();
    }
 }
 
@@ -182,14 +226,16 @@ bool SubKey::Remove(std::string_view childId) {
       return false;
    }
    // The index's key views the id of the entry: out of the index first.
-   byId_.erase(childId);
+   if (byId_ != nullptr) {
+      byId_->erase(childId);
+   }
    Abandon(*it);
    entries.erase(it);
    return true;
 }
 
 void SubKey::Clear() {
-   byId_.clear();
+   DropIndex();
    AbandonAll();
    entries.clear();
 }
