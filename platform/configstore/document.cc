@@ -19,6 +19,34 @@ NodePtr NewNode(std::pmr::memory_resource *arena) {
    return std::allocate_shared<Node>(std::pmr::polymorphic_allocator<Node>(arena));
 }
 
+namespace {
+
+// The parts of a value or a key that most never need (list elements, an
+// index by id) are made on demand in the tree's arena and owned through a
+// plain pointer; these make and destroy one.  T is built with the arena
+// as its allocator.
+template <typename T>
+T *MakeInArena(std::pmr::memory_resource *arena) {
+   void *memory = arena->allocate(sizeof(T), alignof(T));
+   try {
+      return new (memory) T(Alloc(arena));
+   } catch (...) {
+      arena->deallocate(memory, sizeof(T), alignof(T));
+      throw;
+   }
+}
+
+template <typename T>
+void DestroyInArena(T *&p, std::pmr::memory_resource *arena) noexcept {
+   if (p != nullptr) {
+      p->~T();
+      arena->deallocate(p, sizeof(T), alignof(T));
+      p = nullptr;
+   }
+}
+
+}  // namespace
+
 // ---- values -------------------------------------------------------------------
 
 namespace {
@@ -38,9 +66,7 @@ const std::pmr::vector<int64_t> &Value::nums() const {
 
 ListItems &Value::Lists() {
    if (lists_ == nullptr) {
-      std::pmr::memory_resource *arena = Arena();
-      void *memory = arena->allocate(sizeof(ListItems), alignof(ListItems));
-      lists_ = new (memory) ListItems(Alloc(arena));
+      lists_ = MakeInArena<ListItems>(Arena());
    }
    return *lists_;
 }
@@ -72,11 +98,7 @@ void Value::MoveListsFrom(Value &o) {
 }
 
 void Value::DropLists() noexcept {
-   if (lists_ != nullptr) {
-      lists_->~ListItems();
-      Arena()->deallocate(lists_, sizeof(ListItems), alignof(ListItems));
-      lists_ = nullptr;
-   }
+   DestroyInArena(lists_, Arena());
 }
 
 Value &Value::operator=(const Value &o) {
@@ -155,14 +177,11 @@ const NodePtr *SubKey::Find(std::string_view childId) const {
 }
 
 void SubKey::BuildIndex() {
-   std::pmr::memory_resource *arena = Arena();
-   void *memory = arena->allocate(sizeof(IdIndex), alignof(IdIndex));
-   auto *index = new (memory) IdIndex(std::pmr::polymorphic_allocator<char>(arena));
-   byId_ = index;
+   byId_ = MakeInArena<IdIndex>(Arena());
    try {
-      index->reserve(entries.size() * 2);
+      byId_->reserve(entries.size() * 2);
       for (const NodePtr &entry : entries) {
-         index->emplace(entry->id, entry);
+         byId_->emplace(entry->id, entry);
       }
    } catch (...) {
       DropIndex();
@@ -187,12 +206,7 @@ void SubKey::TakeIndex(SubKey &o) {
 }
 
 void SubKey::DropIndex() noexcept {
-   if (byId_ != nullptr) {
-      std::pmr::memory_resource *arena = Arena();
-      byId_->~IdIndex();
-      arena->deallocate(byId_, sizeof(IdIndex), alignof(IdIndex));
-      byId_ = nullptr;
-   }
+   DestroyInArena(byId_, Arena());
 }
 
 SubKey &SubKey::operator=(SubKey &&o) {
