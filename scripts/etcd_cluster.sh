@@ -88,16 +88,43 @@ stop_member() {
    rm -f "$DIR/m$i.pid"
 }
 
+member_alive() {
+   local pid
+   pid=$(cat "$DIR/m$1.pid" 2>/dev/null) && kill -0 "$pid" 2>/dev/null
+}
+
+# Waits, at most $1 seconds, until the cluster answers a health check.
+# Fails at once when a member has exited (a port taken between picking and
+# binding, for one), so a start can try again on other ports.
 wait_healthy() {
-   local n=0
-   while [ $n -lt 100 ]; do
+   local limit=$((SECONDS + $1)) i
+   while [ $SECONDS -lt $limit ]; do
+      for ((i = 0; i < $(members); i++)); do
+         member_alive "$i" || { echo "etcd_cluster: member $i exited" >&2; return 1; }
+      done
       if "$ETCDCTL" --endpoints "$(endpoints)" --command-timeout=1s endpoint health >/dev/null 2>&1; then
          return 0
       fi
       sleep 0.2
-      n=$((n + 1))
    done
+   echo "etcd_cluster: no healthy cluster within $1 s" >&2
    return 1
+}
+
+pick_ports() {
+   local i c p
+   : >"$DIR/ports"
+   for ((i = 0; i < $1; i++)); do
+      c=$(pick_port)
+      echo "$c" >>"$DIR/ports"
+      p=$(pick_port)
+      sed -i "\$s/\$/ $p/" "$DIR/ports"
+   done
+}
+
+stop_all() {
+   local i
+   for ((i = 0; i < $(members); i++)); do stop_member "$i"; done
 }
 
 cmd=${1:-}
@@ -111,20 +138,27 @@ start)
    [ "$count" -ge 1 ] || die "member count must be at least 1"
    [ -e "$DIR/ports" ] && die "$DIR already holds a cluster"
    mkdir -p "$DIR"
-   : >"$DIR/ports"
-   for ((i = 0; i < count; i++)); do
-      c=$(pick_port)
-      echo "$c" >>"$DIR/ports"
-      p=$(pick_port)
-      sed -i "\$s/\$/ $p/" "$DIR/ports"
+   # Bounded retries: each attempt on fresh ports and fresh data.
+   for attempt in 1 2 3; do
+      pick_ports "$count"
+      for ((i = 0; i < count; i++)); do start_member "$i"; done
+      if wait_healthy 30; then
+         endpoints
+         exit 0
+      fi
+      stop_all
+      for ((i = 0; i < count; i++)); do
+         echo "etcd_cluster: attempt $attempt, member $i log:" >&2
+         tail -n 5 "$DIR/m$i.log" >&2 || true
+         rm -rf "${DIR:?}/m$i" "$DIR/m$i.log"
+      done
    done
-   for ((i = 0; i < count; i++)); do start_member "$i"; done
-   wait_healthy || { "$0" stop "$DIR"; die "cluster did not become healthy"; }
-   endpoints
+   rm -rf "$DIR"
+   die "cluster did not become healthy"
    ;;
 stop)
    [ -f "$DIR/ports" ] || exit 0
-   for ((i = 0; i < $(members); i++)); do stop_member "$i"; done
+   stop_all
    rm -rf "$DIR"
    ;;
 kill) stop_member "${3:?member}" KILL ;;

@@ -8,9 +8,16 @@
 work=$(mktemp -d)
 sock=$work/dvsdev.sock
 pid=
+# Stops the simulator: TERM, then KILL if it has not gone within 5 s.
 stop_sim() {
   [ -n "$pid" ] || return 0
   kill -TERM "$pid" 2>/dev/null || true
+  local n=0
+  while kill -0 "$pid" 2>/dev/null && [ $n -lt 50 ]; do
+    sleep 0.1
+    n=$((n + 1))
+  done
+  kill -KILL "$pid" 2>/dev/null || true
   wait "$pid" || true
   pid=
 }
