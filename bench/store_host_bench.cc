@@ -172,13 +172,14 @@ void BM_HostBareInsert(benchmark::State &state) {
 void BM_HostStoreLoad(benchmark::State &state) {
    StoreDir dir;
    Save(SampleHost(state.range(0)));
+   uint32_t len = 0;
    for (auto _ : state) {
       void *buf = nullptr;
-      uint32_t len = 0;
       Must(DVSState_LoadFromConfigStoreAsBuf(&buf, &len, false) == 0, "load");
       std::free(buf);
    }
    SetPortCounters(state, Bytes(StoredRows(dir.File("store.db"))));
+   state.counters["blob_bytes"] = len;
 }
 
 void BM_HostBareSelect(benchmark::State &state) {

@@ -8,6 +8,7 @@
 // that is not valid UTF-8 cannot be stored and throws DocumentError.
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -67,6 +68,24 @@ struct PlainAsciiTable {
    constexpr bool operator[](unsigned char c) const { return plain[c]; }
 };
 constexpr PlainAsciiTable kPlainAscii;
+
+// Whether all eight bytes at p are plain ASCII (see kPlainAscii), tested
+// together: a byte is flagged when its top bit is set (>= 0x80), when it is
+// below 0x20, or when it equals '"' or '\\'.  The subtractions borrow from
+// a byte only when a lower byte is itself flagged, so the answer is exact.
+bool EightPlainAscii(const char *p) {
+   constexpr uint64_t kOnes = 0x0101010101010101ULL;
+   constexpr uint64_t kHigh = 0x8080808080808080ULL;
+   uint64_t x;
+   std::memcpy(&x, p, sizeof x);
+   if ((x & kHigh) != 0) {
+      return false;
+   }
+   const uint64_t quote = x ^ (kOnes * '"');
+   const uint64_t backslash = x ^ (kOnes * '\\');
+   const uint64_t flagged = (x - kOnes * 0x20) | (quote - kOnes) | (backslash - kOnes);
+   return (flagged & kHigh) == 0;
+}
 
 // Writes into `out` through a cursor: the string is grown ahead of the
 // cursor in large steps and cut to what was written at the end, so that
@@ -200,6 +219,9 @@ class Writer {
          // Printable ASCII other than the quote and the backslash, and
          // well-formed UTF-8, are copied as they are, a run at a time.
          size_t run = i;
+         while (run + 8 <= n && EightPlainAscii(s.data() + run)) {
+            run += 8;
+         }
          while (run < n) {
             const auto c = static_cast<unsigned char>(s[run]);
             if (kPlainAscii[c]) {

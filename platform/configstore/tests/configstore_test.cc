@@ -443,11 +443,39 @@ TEST_P(ConfigStoreTest, StringsNeedingEscapesSurviveReopen) {
    ObjPtr subObj(sub);
    EXPECT_EQ(Str(sub, "v"), text);
 
+   // The writer passes runs of plain text eight bytes at a time: a byte
+   // needing care is escaped (or checked) wherever it stands in a long text.
+   const std::string plain = "0123456789abcdefghijklm";
+   std::vector<std::string> placed;
+   for (const char *odd : {"\"", "\\", "\x01", "\x1f", "\n", "\x7f", "\xc3\xa9", "\xf0\x9f\x98\x80"}) {
+      for (size_t at = 0; at <= plain.size(); at++) {
+         placed.push_back(plain.substr(0, at) + odd + plain.substr(at));
+      }
+   }
+   Object *many = nullptr;
+   ASSERT_EQ(CreateObject(kGroup, kObj, kComp, "placed", "{}", &many), kSuccess);
+   ObjPtr manyObj(many);
+   for (const std::string &t : placed) {
+      ASSERT_EQ(AppendValueString(many, "list", t.c_str()), kSuccess);
+   }
+   ASSERT_EQ(Set(s.get(), many, kSourceExternal), kSuccess);
+   ASSERT_EQ(Get(s.get(), kGroup, kObj, kComp, "placed", &back), kSuccess);
+   ObjPtr placedBack(back);
+   ASSERT_EQ(GetValueStringArray(back, "list", &items, &count), kSuccess);
+   ASSERT_EQ(count, placed.size());
+   for (uint32_t i = 0; i < count; i++) {
+      EXPECT_EQ(std::string(items[i]), placed[i]) << i;
+   }
+   DestroyStringArrayValue(items, count);
+
    // Text that is not UTF-8 (a cut-off sequence, a lone continuation byte,
-   // an overlong form, a surrogate) cannot be stored as JSON.
-   for (const char *bad : {"a\xc3", "\x80", "\xc0\xaf", "\xed\xa0\x80"}) {
-      ASSERT_EQ(SetValueStr(o, "bad", bad), kSuccess);
-      EXPECT_EQ(Set(s.get(), o, kSourceExternal), kBadJson) << bad;
+   // an overlong form, a surrogate) cannot be stored as JSON, also after a
+   // long plain run.
+   for (std::string bad : {"a\xc3", "\x80", "\xc0\xaf", "\xed\xa0\x80"}) {
+      for (const std::string &text : {bad, plain + bad, plain.substr(0, 9) + bad + plain}) {
+         ASSERT_EQ(SetValueStr(o, "bad", text.c_str()), kSuccess);
+         EXPECT_EQ(Set(s.get(), o, kSourceExternal), kBadJson) << text;
+      }
    }
 }
 
