@@ -16,10 +16,10 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <memory_resource>
 #include <new>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_set>
 #include <utility>
 
@@ -73,58 +73,99 @@ std::string_view Text(od::value v) {
    return Get<std::string_view>(v.get_string());
 }
 
+// Every function below comes in two forms.  With kKeep, what it reads goes
+// into the tree.  Without, it only checks what it reads: the entries of a
+// key the caller leaves out are walked by the same code and so refused
+// exactly when a full read would refuse them, without building (and
+// faulting in the memory of) a subtree nobody will look at.  A checked
+// entry's id is a view into the parser's string buffer, which lasts as long
+// as the document's parse.
+template <bool kKeep>
+using IdText = std::conditional_t<kKeep, String, std::string_view>;
+
 // A value list: empty, all strings or all integers, by its first element.
-void ReadList(Value &out, od::array list) {
-   out.kind = Kind::kEmptyList;
+template <bool kKeep>
+void ReadList(Value *out, od::array list) {
+   Kind kind = Kind::kEmptyList;
    size_t n = 0;
-   if (list.count_elements().get(n) != simdjson::SUCCESS) {
-      n = 0;  // the loop below reports what is wrong with the list
+   if constexpr (kKeep) {
+      out->kind = kind;
+      if (list.count_elements().get(n) != simdjson::SUCCESS) {
+         n = 0;  // the loop below reports what is wrong with the list
+      }
    }
    for (auto element : list) {
       od::value e = Get<od::value>(element);
       const od::json_type type = Get<od::json_type>(e.type());
-      if (out.kind == Kind::kEmptyList) {
+      if (kind == Kind::kEmptyList) {
          if (type == od::json_type::string) {
-            out.kind = Kind::kStringList;
-            out.MutableStrs().reserve(n);
+            kind = Kind::kStringList;
          } else if (type == od::json_type::number) {
-            out.kind = Kind::kIntList;
-            out.MutableNums().reserve(n);
+            kind = Kind::kIntList;
          } else {
             throw DocumentError("lists hold strings or integers");
          }
+         if constexpr (kKeep) {
+            out->kind = kind;
+            if (kind == Kind::kStringList) {
+               out->MutableStrs().reserve(n);
+            } else {
+               out->MutableNums().reserve(n);
+            }
+         }
       }
-      if (out.kind == Kind::kStringList) {
+      if (kind == Kind::kStringList) {
          if (type != od::json_type::string) {
             throw DocumentError("list mixes strings and other values");
          }
-         out.MutableStrs().emplace_back(Text(e));
+         const std::string_view text = Text(e);
+         if constexpr (kKeep) {
+            out->MutableStrs().emplace_back(text);
+         }
       } else {
          if (type != od::json_type::number) {
             throw DocumentError("list mixes integers and other values");
          }
-         out.MutableNums().push_back(Integer(e));
+         const int64_t number = Integer(e);
+         if constexpr (kKeep) {
+            out->MutableNums().push_back(number);
+         }
       }
    }
 }
 
-void ReadValue(Value &out, od::value v) {
-   out.Reset();
+template <bool kKeep>
+void ReadValue(Value *out, od::value v) {
+   if constexpr (kKeep) {
+      out->Reset();
+   }
    switch (Get<od::json_type>(v.type())) {
-      case od::json_type::string:
-         out.kind = Kind::kString;
-         out.str = Text(v);
+      case od::json_type::string: {
+         const std::string_view text = Text(v);
+         if constexpr (kKeep) {
+            out->kind = Kind::kString;
+            out->str = text;
+         }
          return;
-      case od::json_type::boolean:
-         out.kind = Kind::kBool;
-         out.num = Get<bool>(v.get_bool()) ? 1 : 0;
+      }
+      case od::json_type::boolean: {
+         const bool b = Get<bool>(v.get_bool());
+         if constexpr (kKeep) {
+            out->kind = Kind::kBool;
+            out->num = b ? 1 : 0;
+         }
          return;
-      case od::json_type::number:
-         out.kind = Kind::kInt;
-         out.num = Integer(v);
+      }
+      case od::json_type::number: {
+         const int64_t number = Integer(v);
+         if constexpr (kKeep) {
+            out->kind = Kind::kInt;
+            out->num = number;
+         }
          return;
+      }
       case od::json_type::array:
-         ReadList(out, Get<od::array>(v.get_array()));
+         ReadList<kKeep>(out, Get<od::array>(v.get_array()));
          return;
       default:
          throw DocumentError("unsupported value kind");
@@ -147,18 +188,26 @@ void Reserve(Container &c, Count more) {
    }
 }
 
-void ReadValues(Node &node, od::object values) {
-   Reserve(node.values, values.count_fields());
+template <bool kKeep>
+void ReadValues(Node *node, od::object values) {
+   if constexpr (kKeep) {
+      Reserve(node->values, values.count_fields());
+   }
    for (auto field : values) {
       const std::string_view name = Get<std::string_view>(field.unescaped_key());
       if (name.empty()) {
          throw DocumentError("empty value name");
       }
-      ReadValue(node.PutValue(name), Get<od::value>(field.value()));
+      Value *slot = nullptr;
+      if constexpr (kKeep) {
+         slot = &node->PutValue(name);
+      }
+      ReadValue<kKeep>(slot, Get<od::value>(field.value()));
    }
 }
 
-void ReadNode(Node &node, od::object object, int depth, bool isEntry, String *entryId,
+template <bool kKeep>
+void ReadNode(Node *node, od::object object, int depth, bool isEntry, IdText<kKeep> *entryId,
               const char *const *dropKeys = nullptr);
 
 // One sub-object entry under `sub`: read into a node of its own, which
@@ -169,36 +218,27 @@ void ReadEntry(SubKey &sub, od::value entry, int depth) {
       throw DocumentError("a sub-object entry is an object");
    }
    NodePtr child = NewNode(sub.entries.get_allocator().resource());
-   ReadNode(*child, object, depth, true, &child->id);
+   ReadNode<true>(child.get(), object, depth, true, &child->id);
    if (sub.Find(child->id) != nullptr) {
       throw DocumentError("duplicate sub-object instance");
    }
    sub.Add(std::move(child));
 }
 
-// The entries of a key the caller leaves out: each is read and checked as
-// any other entry, in a scratch arena emptied after it, and only its id
-// is kept, for the check against repeated instances.  A document is thus
-// refused exactly when a full read refuses it, without building (and
-// faulting in the memory of) a subtree nobody will look at.
-void SkimEntries(od::array entries, int depth) {
-   alignas(std::max_align_t) std::byte initial[16384];
-   std::pmr::monotonic_buffer_resource scratch(initial, sizeof initial);
-   std::unordered_set<std::string> ids;
+// The entries of a key whose entries are only checked: each entry as any
+// other, and their ids against repeated instances.
+void CheckEntries(od::array entries, int depth) {
+   std::unordered_set<std::string_view> ids;
    for (auto entry : entries) {
       od::object object;
       if (Get<od::value>(entry).get_object().get(object) != simdjson::SUCCESS) {
          throw DocumentError("a sub-object entry is an object");
       }
-      NodePtr child = NewNode(&scratch);
-      ReadNode(*child, object, depth, true, &child->id);
-      if (!ids.emplace(child->id).second) {
+      std::string_view id;
+      ReadNode<false>(nullptr, object, depth, true, &id);
+      if (!ids.insert(id).second) {
          throw DocumentError("duplicate sub-object instance");
       }
-      // Parked in the arena rather than taken apart: everything the entry
-      // holds came from the arena, which release() empties at once.
-      new (scratch.allocate(sizeof(NodePtr), alignof(NodePtr))) NodePtr(std::move(child));
-      scratch.release();
    }
 }
 
@@ -211,7 +251,8 @@ bool Listed(std::string_view key, const char *const *keys) {
    return false;
 }
 
-void ReadSubobjects(Node &node, od::object subobjects, int depth, const char *const *dropKeys) {
+template <bool kKeep>
+void ReadSubobjects(Node *node, od::object subobjects, int depth, const char *const *dropKeys) {
    for (auto field : subobjects) {
       const std::string_view key = Get<std::string_view>(field.unescaped_key());
       od::array entries;
@@ -219,23 +260,26 @@ void ReadSubobjects(Node &node, od::object subobjects, int depth, const char *co
           Get<od::value>(field.value()).get_array().get(entries) != simdjson::SUCCESS) {
          throw DocumentError("a sub-object key holds an array of entries");
       }
-      if (Listed(key, dropKeys)) {
-         SkimEntries(entries, depth + 1);
+      if (!kKeep || Listed(key, dropKeys)) {
+         CheckEntries(entries, depth + 1);
          continue;
       }
-      SubKey &sub = node.PutSub(key);
-      sub.Clear();  // a repeated key: its last array counts
-      for (auto entry : entries) {
-         ReadEntry(sub, Get<od::value>(entry), depth + 1);
-      }
-      if (sub.entries.empty()) {
-         // "k": [] leaves no key behind, as the entries it lists.
-         node.RemoveSub(sub.key);
+      if constexpr (kKeep) {
+         SubKey &sub = node->PutSub(key);
+         sub.Clear();  // a repeated key: its last array counts
+         for (auto entry : entries) {
+            ReadEntry(sub, Get<od::value>(entry), depth + 1);
+         }
+         if (sub.entries.empty()) {
+            // "k": [] leaves no key behind, as the entries it lists.
+            node->RemoveSub(sub.key);
+         }
       }
    }
 }
 
-void ReadNode(Node &node, od::object object, int depth, bool isEntry, String *entryId,
+template <bool kKeep>
+void ReadNode(Node *node, od::object object, int depth, bool isEntry, IdText<kKeep> *entryId,
               const char *const *dropKeys) {
    if (depth > kMaxDepth) {
       throw DocumentError("nested too deeply");
@@ -248,15 +292,19 @@ void ReadNode(Node &node, od::object object, int depth, bool isEntry, String *en
          if (member.get_object().get(values) != simdjson::SUCCESS) {
             throw DocumentError("\"values\" is an object");
          }
-         node.values.clear();  // a repeated member: its last object counts
-         ReadValues(node, values);
+         if constexpr (kKeep) {
+            node->values.clear();  // a repeated member: its last object counts
+         }
+         ReadValues<kKeep>(node, values);
       } else if (name == "subobjects") {
          od::object subobjects;
          if (member.get_object().get(subobjects) != simdjson::SUCCESS) {
             throw DocumentError("\"subobjects\" is an object");
          }
-         node.subs.clear();
-         ReadSubobjects(node, subobjects, depth, dropKeys);
+         if constexpr (kKeep) {
+            node->subs.clear();
+         }
+         ReadSubobjects<kKeep>(node, subobjects, depth, dropKeys);
       } else if (name == "id" && isEntry) {
          od::json_type type = Get<od::json_type>(member.type());
          if (type != od::json_type::string) {
@@ -310,7 +358,7 @@ std::unique_ptr<Tree> ParseDocument(const std::string &text, const char *const *
       throw DocumentError("a document is a JSON object");
    }
    auto tree = std::make_unique<Tree>();
-   ReadNode(*tree->Root(), root, 0, false, nullptr, dropKeys);
+   ReadNode<true>(tree->Root().get(), root, 0, false, nullptr, dropKeys);
    // Nothing but white space may follow the object.
    const char *trailing = nullptr;
    if (doc.current_location().get(trailing) == simdjson::SUCCESS) {

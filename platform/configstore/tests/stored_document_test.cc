@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace configstore {
@@ -163,6 +164,36 @@ TEST_F(StoredDocumentTest, KeysLeftOutAreStillChecked) {
       const std::string doc = "{\"subobjects\":{\"m\":[{\"id\":\"a\"}],\"k\":" + inK + "}}";
       EXPECT_EQ(Read(doc), kBadJson) << inK;
       EXPECT_EQ(ReadWithoutK(doc), kBadJson) << inK;
+   }
+   // Every rule holds inside the entries left out, at any level below
+   // them too: each text is read, or refused, alike either way.
+   const std::pair<const char *, int32_t> kEntries[] = {
+      {R"([{"id":"a","subobjects":{"x":[{"id":"q"},{"id":"q"}]}}])", kBadJson},
+      {R"([{"id":"a","subobjects":{"x":[{"id":"q"}],"x":[{"id":"q"}]}}])", kSuccess},
+      {R"([{"id":"a","subobjects":{"x":[]}}])", kSuccess},
+      {R"([{"id":"a","subobjects":{"":[{"id":"q"}]}}])", kBadJson},
+      {R"([{"id":"a","subobjects":{"x":{}}}])", kBadJson},
+      {R"([{"values":{"l":[1,"a"]}}])", kBadJson},
+      {R"([{"values":{"l":["a",1]}}])", kBadJson},
+      {R"([{"values":{"l":[true]}}])", kBadJson},
+      {R"([{"values":{"l":[],"m":["a","b"],"n":[1,-2]}}])", kSuccess},
+      {R"([{"values":{"v":null}}])", kBadJson},
+      {R"([{"values":{"v":{}}}])", kBadJson},
+      {R"([{"values":{"v":true,"s":"a\u00e9\n"}}])", kSuccess},
+      {R"([{"values":{"s":"\ud800"}}])", kBadJson},
+      {R"([{"values":{"v":9223372036854775808}}])", kBadJson},
+      {R"([{"values":{"v":-9223372036854775808}}])", kSuccess},
+      {R"([{"values":{"":1}}])", kBadJson},
+      {R"([{"values":{"v":1.5},"values":{"v":1}}])", kBadJson},
+      {R"([{"values":{"v":1},"values":{"v":2}}])", kSuccess},
+      {R"([{},{}])", kBadJson},
+      {R"([{"id":"a"},{"id":"b","id":"a"}])", kBadJson},
+      {R"([{"values":[]}])", kBadJson},
+   };
+   for (const auto &[inK, want] : kEntries) {
+      const std::string doc = std::string("{\"subobjects\":{\"k\":") + inK + "}}";
+      EXPECT_EQ(Read(doc), want) << inK;
+      EXPECT_EQ(ReadWithoutK(doc), want) << inK;
    }
    // Depth counts inside the key left out as anywhere else.
    std::string deep = Nested(512), tooDeep = Nested(513);
