@@ -10,7 +10,7 @@ packages=(
   libsqlite3-dev                  # configuration store
   libsimdjson-dev                 # its document reader
   rapidjson-dev gnuplot-nox       # benchmarks: JSON library comparison, cost plot
-  libcurl4-openssl-dev libssl-dev # its etcd backend (HTTP; base64 from libcrypto)
+  libcurl4-openssl-dev libssl-dev # the etcd backend (HTTP); base64 (libcrypto)
   etcd-server etcd-client         # etcd for the replicated-store tests
   nlohmann-json3-dev libcli11-dev # tools
   clang libclang-rt-dev           # fuzz harnesses (libFuzzer, sanitizers)
