@@ -39,7 +39,7 @@ HOST_BLOB_TARGETS = {"RoundTrip/32/128/20": 10.0, "RoundTrip/1/4096/20": 10.0,
 
 
 def run(bench, repetitions, out):
-    cmd = [bench, "--benchmark_filter=BM_Host(Store|Bare|Blob)|VsMemcpy",
+    cmd = [bench, "--benchmark_filter=BM_Host(Store|Bare|Blob)|VsMemcpy|BM_Step",
            "--benchmark_repetitions=%d" % repetitions,
            "--benchmark_out=" + out, "--benchmark_out_format=json"]
     done = subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
@@ -121,6 +121,45 @@ def print_table(table):
             print("|" + "|".join("-" * (w + 2) for w in widths) + "|")
 
 
+# The steps of a store save and load (store_steps_bench.cc), each under
+# the whole it belongs to; what the steps leave is the converters' share.
+STEPS = [
+    ("BM_HostStoreSave", "store save, whole", [
+        ("BM_StepRegistryRebuild", "registry rebuilt from the buffer and reset"),
+        ("BM_StepReadPortsChecked", "switch objects read, ports only checked"),
+        ("BM_StepWriteSwitches", "switch objects written and committed"),
+    ], "the rest: converters into the trees"),
+    ("BM_HostStoreLoad", "store load, whole", [
+        ("BM_StepReadSwitches", "switch objects read into trees"),
+    ], "the rest: converters, property lists, host blob"),
+]
+
+
+def print_steps(best):
+    sizes = sorted({int(n.split("/")[1]) for n in best if n.startswith("BM_Step")})
+    if not sizes:
+        return
+    lines = [("step (CPU ms, best of the runs)",) + tuple("%d ports" % p for p in sizes)]
+    for whole, title, parts, rest in STEPS:
+        def cpu(name, ports):
+            got = best.get("%s/%d" % (name, ports))
+            return got[1] if got else None
+        totals = [cpu(whole, p) for p in sizes]
+        lines.append((title,) + tuple("%.3g" % t if t else "-" for t in totals))
+        left = list(totals)
+        for name, label in parts:
+            vals = [cpu(name, p) for p in sizes]
+            lines.append(("  " + label,) + tuple("%.3g" % v if v else "-" for v in vals))
+            left = [l - v if l is not None and v is not None else None for l, v in zip(left, vals)]
+        lines.append(("  " + rest,) + tuple("%.3g" % l if l is not None else "-" for l in left))
+    widths = [max(len(l[i]) for l in lines) for i in range(len(lines[0]))]
+    print()
+    for i, l in enumerate(lines):
+        print("| " + " | ".join(c.ljust(w) for c, w in zip(l, widths)) + " |")
+        if i == 0:
+            print("|" + "|".join("-" * (w + 2) for w in widths) + "|")
+
+
 def plot(best, svg):
     if shutil.which("gnuplot") is None:
         print("report: gnuplot not installed, no plot", file=sys.stderr)
@@ -169,6 +208,7 @@ def main():
     print("size: ports per host (store rows, 32 switches) or properties per list (in memory);")
     print("times are the best of the runs; ratio = time / reference, cpu ratio the same in CPU time")
     print_table(rows(best))
+    print_steps(best)
     if args.svg:
         plot(best, args.svg)
 
