@@ -7,64 +7,18 @@
 // sets for the same documents: every row inserted in one transaction with
 // the store's durability (WAL, synchronous FULL), and every row selected.
 #include <benchmark/benchmark.h>
-#include <configstore.h>
-#include <dvsconfigstore.h>
 #include <sqlite3.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "sample_host.h"
+#include "store_host_support.h"
 
 namespace {
 
-constexpr uint32_t kHostSwitches = 32;
-
-void Must(bool ok, const char *what) {
-   if (!ok) {
-      std::fprintf(stderr, "store host bench: %s failed\n", what);
-      std::abort();
-   }
-}
-
-// A directory of its own, with the store's path pointing into it.
-class StoreDir {
-  public:
-   StoreDir() {
-      std::string pattern =
-         (std::filesystem::temp_directory_path() / "dvs-host-bench.XXXXXX").string();
-      Must(mkdtemp(pattern.data()) != nullptr, "mkdtemp");
-      dir_ = pattern;
-      setenv(configstore::kPathEnv, File("store.db").c_str(), 1);
-      dvsconfigstore_debug = -1;
-   }
-   ~StoreDir() {
-      std::error_code ec;
-      std::filesystem::remove_all(dir_, ec);
-   }
-   StoreDir(const StoreDir &) = delete;
-   StoreDir &operator=(const StoreDir &) = delete;
-
-   std::string File(const char *name) const { return dir_ + "/" + name; }
-
-  private:
-   std::string dir_;
-};
-
-std::string SampleHost(int64_t ports) {
-   const dvsctl::Bytes blob =
-      dvsctl::BuildSampleHost({kHostSwitches, static_cast<uint32_t>(ports), 1});
-   return std::string(blob.begin(), blob.end());
-}
-
-void Save(const std::string &blob) {
-   Must(DVSState_SaveBufToConfigStore(blob.data(), static_cast<uint32_t>(blob.size())) == 0,
-        "save");
-}
+using namespace store_bench;
 
 void SetPortCounters(benchmark::State &state, double docBytes) {
    state.counters["ports"] = static_cast<double>(state.range(0));

@@ -19,54 +19,27 @@
 #include <dvsconfigstore.h>
 #include <dvsstate.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
-#include "sample_host.h"
+#include "store_host_support.h"
 
 namespace {
 
 namespace cs = ::configstore;
 
-constexpr uint32_t kHostSwitches = 32;
-
-void Must(bool ok, const char *what) {
-   if (!ok) {
-      std::fprintf(stderr, "store steps bench: %s failed\n", what);
-      std::abort();
-   }
-}
+using namespace store_bench;
 
 // A store of its own holding the sample host at `ports` ports, saved by the
 // library; the host buffer stays at hand.
 class SavedHost {
   public:
-   explicit SavedHost(int64_t ports) {
-      std::string pattern =
-         (std::filesystem::temp_directory_path() / "dvs-steps-bench.XXXXXX").string();
-      Must(mkdtemp(pattern.data()) != nullptr, "mkdtemp");
-      dir_ = pattern;
-      setenv(cs::kPathEnv, (dir_ + "/store.db").c_str(), 1);
-      dvsconfigstore_debug = -1;
-      const dvsctl::Bytes blob =
-         dvsctl::BuildSampleHost({kHostSwitches, static_cast<uint32_t>(ports), 1});
-      blob_.assign(blob.begin(), blob.end());
-      Must(DVSState_SaveBufToConfigStore(blob_.data(), static_cast<uint32_t>(blob_.size())) == 0,
-           "save");
-   }
-   ~SavedHost() {
-      std::error_code ec;
-      std::filesystem::remove_all(dir_, ec);
-   }
-   SavedHost(const SavedHost &) = delete;
-   SavedHost &operator=(const SavedHost &) = delete;
+   explicit SavedHost(int64_t ports) : blob_(SampleHost(ports)) { Save(blob_); }
 
    const std::string &Blob() const { return blob_; }
 
   private:
-   std::string dir_;
+   StoreDir dir_;
    std::string blob_;
 };
 
