@@ -225,10 +225,39 @@ void ReadEntry(SubKey &sub, od::value entry, int depth) {
    sub.Add(std::move(child));
 }
 
+// The ids met in one array of checked entries.  Most arrays hold one or
+// a few entries (a port's settings), so the first few ids are compared in
+// place and a hash set is made only for a longer array.
+class SeenIds {
+  public:
+   // False when id was met before.
+   bool Add(std::string_view id) {
+      if (many_.empty()) {
+         for (size_t i = 0; i < count_; i++) {
+            if (few_[i] == id) {
+               return false;
+            }
+         }
+         if (count_ < kFew) {
+            few_[count_++] = id;
+            return true;
+         }
+         many_.insert(few_, few_ + count_);
+      }
+      return many_.insert(id).second;
+   }
+
+  private:
+   static constexpr size_t kFew = 8;
+   std::string_view few_[kFew];
+   size_t count_ = 0;
+   std::unordered_set<std::string_view> many_;
+};
+
 // The entries of a key whose entries are only checked: each entry as any
 // other, and their ids against repeated instances.
 void CheckEntries(od::array entries, int depth) {
-   std::unordered_set<std::string_view> ids;
+   SeenIds ids;
    for (auto entry : entries) {
       od::object object;
       if (Get<od::value>(entry).get_object().get(object) != simdjson::SUCCESS) {
@@ -236,7 +265,7 @@ void CheckEntries(od::array entries, int depth) {
       }
       std::string_view id;
       ReadNode<false>(nullptr, object, depth, true, &id);
-      if (!ids.insert(id).second) {
+      if (!ids.Add(id)) {
          throw DocumentError("duplicate sub-object instance");
       }
    }

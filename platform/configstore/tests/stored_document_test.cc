@@ -195,6 +195,29 @@ TEST_F(StoredDocumentTest, KeysLeftOutAreStillChecked) {
       EXPECT_EQ(Read(doc), want) << inK;
       EXPECT_EQ(ReadWithoutK(doc), want) << inK;
    }
+   // Long arrays too: a repeat of an early id far down, or of a late one.
+   auto entries = [](std::vector<int> ids) {
+      std::string text = "[";
+      for (int id : ids) {
+         text += (text.size() > 1 ? ",{\"id\":\"e" : "{\"id\":\"e") + std::to_string(id) + "\"}";
+      }
+      return text + "]";
+   };
+   const std::pair<std::vector<int>, int32_t> kLong[] = {
+      {{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, kSuccess},
+      {{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 2, 11}, kBadJson},
+      {{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 9}, kBadJson},
+      {{0, 1, 2, 3, 4, 5, 6, 7, 7}, kBadJson},
+   };
+   for (const auto &[ids, want] : kLong) {
+      const std::string inK = entries(ids);
+      const std::string nested = "[{\"id\":\"a\",\"subobjects\":{\"x\":" + inK + "}}]";
+      for (const std::string &k : {inK, nested}) {
+         const std::string doc = "{\"subobjects\":{\"k\":" + k + "}}";
+         EXPECT_EQ(Read(doc), want) << k;
+         EXPECT_EQ(ReadWithoutK(doc), want) << k;
+      }
+   }
    // Depth counts inside the key left out as anywhere else.
    std::string deep = Nested(512), tooDeep = Nested(513);
    EXPECT_EQ(ReadWithoutK(deep), kSuccess);
