@@ -121,11 +121,37 @@ bool SaveSwitchToConfigStore(DVSwitch *dvs, void *ctx);
 bool SaveSwitchIdentityToConfigStore(DVSwitch *dvs, void *ctx);
 
 // ---- load -----------------------------------------------------------------
+// Where the load puts each property list it builds: serialized into a
+// switch's list, or written straight into the host blob.
+class LoadedListDest {
+  public:
+   virtual ~LoadedListDest() = default;
+   // Adds the blob of list, serialized with version, under name with flag;
+   // nameIsNew: the caller knows that no entry is named so yet.
+   virtual ReturnStatus Add(const char *name, uint32_t flag, DVSDataHandle list, uint32_t version,
+                            bool nameIsNew) = 0;
+};
+
+// Into a property list, as DVSData_Update adds to it.
+class IntoPropList : public LoadedListDest {
+  public:
+   explicit IntoPropList(DVSDataHandle list) : list_(list) {}
+   ReturnStatus Add(const char *name, uint32_t flag, DVSDataHandle list, uint32_t version,
+                    bool nameIsNew) override;
+
+  private:
+   DVSDataHandle list_;
+};
+
 // Builds the property list of class propClass from src and adds it,
 // serialized with the switch's version, to dest under listName.  switchCtx
 // holds the switch's version and class kind.  resMgmt (may be null) is the
 // switch's "resource_management" object, given for uplink ports.
 // nameIsNew: the caller knows that dest holds no entry named listName.
+int32_t LoadConfigProps(const char *listName, ::configstore::Object *src, LoadedListDest *dest,
+                        uint32_t propClass, const ConvertContext &switchCtx,
+                        ::configstore::Object *resMgmt, bool nameIsNew = false);
+// The same into the property list dest, as DVSData_Update adds to it.
 int32_t LoadConfigProps(const char *listName, ::configstore::Object *src, DVSDataHandle dest,
                         uint32_t propClass, const ConvertContext &switchCtx,
                         ::configstore::Object *resMgmt, bool nameIsNew = false);

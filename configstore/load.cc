@@ -3,6 +3,7 @@
 #include <configstore.h>
 #include <hostlibs.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -10,7 +11,8 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
-#include "data/list_blob_builder.h"
+#include "data/blob_build.h"
+#include "data/blob_stream.h"
 #include "data/property_list.h"
 
 namespace dvs::configstore {
@@ -95,32 +97,78 @@ class EntryNames {
 // Where a load puts its switch blobs.  The host list replaces a switch
 // whose uuid comes again, as DVSData_Update does.  When every uuid is
 // known to be distinct and the list calls would not trace, the host blob
-// is written directly instead: the same bytes, with each switch blob
-// written once, straight into the final buffer.
+// is written directly instead: the same bytes, each switch blob written
+// once, straight into the final buffer.  A switch whose port keys are
+// distinct too is written as it loads (OpenSwitch, then each port's list
+// as soon as it is built, then CloseSwitch), so that no port's blob is
+// kept in a list of the switch's and copied again.
 class HostBlobSink {
   public:
-   explicit HostBlobSink(bool direct) : direct_(direct) {}
+   HostBlobSink(bool direct, uint32_t sizeHint) : direct_(direct), stream_(sizeHint) {}
 
    // False when the host list cannot be made.
    bool Ready() { return direct_ || top_.Alloc(); }
 
-   // Adds the switch list; a direct blob takes the list over.
+   // Whether a switch may be written as it loads.
+   bool Streams() const { return direct_; }
+
+   // Adds the switch list.
    ReturnStatus Add(const char *uuid, PropList *swList, uint32_t version) {
-      return direct_
-                ? blob_.AppendList(uuid, kLoadedFlag, &swList->h, version)
-                : ::dvs::data::UpdateWithListBlob(top_.h, uuid, swList->h, version, kLoadedFlag);
+      if (!direct_) {
+         return ::dvs::data::UpdateWithListBlob(top_.h, uuid, swList->h, version, kLoadedFlag);
+      }
+      ::dvs::data::WarnOldVersion(version);
+      return stream_.AppendListBlob(uuid, kLoadedFlag, swList->h);
+   }
+
+   // Starts the switch blob with the switch's own records, in switchList.
+   ReturnStatus OpenSwitch(const char *uuid, DVSDataHandle switchList) {
+      return stream_.OpenNested(uuid, kLoadedFlag, switchList);
+   }
+   // Where the ports of the open switch go.
+   LoadedListDest *PortDest() { return &ports_; }
+   ReturnStatus CloseSwitch(uint32_t version) {
+      ::dvs::data::WarnOldVersion(version);
+      return stream_.CloseNested();
    }
 
    ReturnStatus Finish(void **buf, uint32_t *len) {
-      return direct_ ? blob_.Finish(buf, len)
+      return direct_ ? stream_.Finish(buf, len)
                      : DVSData_Serialize(top_.h, buf, len, kHostBlobVersion);
    }
 
   private:
+   // Each port's list, written into the open switch blob as it comes,
+   // with the warning serializing it would give.
+   class IntoStream : public LoadedListDest {
+     public:
+      explicit IntoStream(::dvs::data::BlobStream *stream) : stream_(stream) {}
+      ReturnStatus Add(const char *name, uint32_t flag, DVSDataHandle list, uint32_t version,
+                       bool /*nameIsNew: always*/) override {
+         ::dvs::data::WarnOldVersion(version);
+         return stream_->AppendListBlob(name, flag, list);
+      }
+
+     private:
+      ::dvs::data::BlobStream *stream_;
+   };
+
    bool direct_;
    PropList top_;
-   ::dvs::data::ListBlobBuilder blob_;
+   ::dvs::data::BlobStream stream_;
+   IntoStream ports_{&stream_};
 };
+
+// Size of the last host blob a load gave.  A host loads much the same
+// switches each time, so the next blob is written into a buffer of about
+// that size from the start instead of one grown (and copied) as it fills.
+std::atomic<uint32_t> gLastHostBlobSize{0};
+
+uint32_t HostBlobSizeHint() {
+   const uint32_t last = gLastHostBlobSize.load(std::memory_order_relaxed);
+   const uint64_t roomy = uint64_t{last} + last / 16 + 4096;
+   return roomy > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(roomy);
+}
 
 // Whether the host blob can be written directly (see HostBlobSink): every
 // switch has a readable uuid, no two alike as list names compare, and the
@@ -140,40 +188,109 @@ bool CanWriteHostBlobDirectly(const ObjectArray &switches) noexcept {
    return true;
 }
 
-// The ports of a switch object; uplink ports (those named by the switch's
-// "uplink_port_keys") also get the switch's resource pools.
-int32_t LoadPorts(cs::Object *obj, DVSDataHandle swList, const ConvertContext &switchCtx) {
+// The port objects of a switch object, with their "key" values read up
+// to the first that cannot be (keyRc).
+struct SwitchPorts {
    cs::FilterSpec *filter = nullptr;
-   int32_t rc = cs::CreateFilterSpecObject("ports", "", "", "", &filter);
+   ObjectArray objects;
+   cs::Object *resMgmt = nullptr;
+   char **uplinkKeys = nullptr;
+   uint32_t uplinkKeyCount = 0;
+   char **keys = nullptr;  // count entries, null from the first unreadable one
+   uint32_t keysRead = 0;
+   int32_t keyRc = cs::kSuccess;
+
+   SwitchPorts() = default;
+   SwitchPorts(const SwitchPorts &) = delete;
+   SwitchPorts &operator=(const SwitchPorts &) = delete;
+   ~SwitchPorts() {
+      for (uint32_t i = 0; i < keysRead; i++) {
+         std::free(keys[i]);
+      }
+      std::free(keys);
+      cs::DestroyStringArrayValue(uplinkKeys, uplinkKeyCount);
+      if (filter != nullptr) {
+         cs::DestroyFilterSpecObject(filter);
+      }
+   }
+
+   // Whether every key was read and none is taken by another or by a
+   // record of the switch's list.
+   bool KeysDistinct(DVSDataHandle switchList) const noexcept {
+      if (keyRc != cs::kSuccess) {
+         return false;
+      }
+      EntryNames taken(switchList);
+      for (uint32_t i = 0; i < keysRead; i++) {
+         if (!taken.AddIfNew(keys[i])) {
+            return false;
+         }
+      }
+      return true;
+   }
+};
+
+// Reads the ports of obj: their objects and keys, the switch's
+// "resource_management" object and its "uplink_port_keys".
+int32_t CollectPorts(cs::Object *obj, SwitchPorts *ports) {
+   int32_t rc = cs::CreateFilterSpecObject("ports", "", "", "", &ports->filter);
    if (rc != cs::kSuccess) {
+      ports->filter = nullptr;
       return rc;
    }
-   ObjectArray ports;
-   rc = cs::GetSubObjectInstances(obj, filter, &ports.objects, &ports.count);
-   cs::Object *resMgmt = nullptr;
-   if (cs::GetSubObject(obj, "resource_management", "", &resMgmt) != cs::kSuccess) {
-      resMgmt = nullptr;
+   rc = cs::GetSubObjectInstances(obj, ports->filter, &ports->objects.objects,
+                                  &ports->objects.count);
+   if (cs::GetSubObject(obj, "resource_management", "", &ports->resMgmt) != cs::kSuccess) {
+      ports->resMgmt = nullptr;
    }
-   char **keys = nullptr;
-   uint32_t keyCount = 0;
-   if (cs::GetValueStringArray(obj, "uplink_port_keys", &keys, &keyCount) != cs::kSuccess) {
-      keys = nullptr;
-      keyCount = 0;
+   if (cs::GetValueStringArray(obj, "uplink_port_keys", &ports->uplinkKeys,
+                               &ports->uplinkKeyCount) != cs::kSuccess) {
+      ports->uplinkKeys = nullptr;
+      ports->uplinkKeyCount = 0;
    }
-   EntryNames taken(swList);
-   for (uint32_t i = 0; rc == cs::kSuccess && i < ports.count; i++) {
-      Text portKey;
-      rc = cs::GetValueStr(ports.objects[i], "key", &portKey.s);
-      if (rc != cs::kSuccess) {
+   if (rc != cs::kSuccess || ports->objects.count == 0) {
+      return rc;
+   }
+   ports->keys = static_cast<char **>(std::calloc(ports->objects.count, sizeof(char *)));
+   if (ports->keys == nullptr) {
+      return kConfigStoreOwnFailure;
+   }
+   for (uint32_t i = 0; i < ports->objects.count; i++) {
+      ports->keyRc = cs::GetValueStr(ports->objects.objects[i], "key", &ports->keys[i]);
+      if (ports->keyRc != cs::kSuccess) {
+         ports->keys[i] = nullptr;
          break;
       }
-      cs::Object *pools =
-         keyCount >= 1 && StringExistInArray(portKey.s, keys, keyCount) ? resMgmt : nullptr;
-      rc = LoadConfigProps(portKey.s, ports.objects[i], swList, PROP_CLASS_PORT, switchCtx, pools,
-                           taken.AddIfNew(portKey.s));
+      ports->keysRead = i + 1;
    }
-   cs::DestroyFilterSpecObject(filter);
-   cs::DestroyStringArrayValue(keys, keyCount);
+   return cs::kSuccess;
+}
+
+// The ports into dest, each under its key; uplink ports (those named by
+// the switch's "uplink_port_keys") also get the switch's resource pools.
+// Without keysNew, a port key may repeat another or a record already in
+// switchList, which then tells which keys are new.
+int32_t LoadPorts(const SwitchPorts &ports, LoadedListDest *dest, bool keysNew,
+                  DVSDataHandle switchList, const ConvertContext &switchCtx) {
+   EntryNames taken;
+   if (!keysNew) {
+      taken = EntryNames(switchList);
+   }
+   int32_t rc = cs::kSuccess;
+   for (uint32_t i = 0; rc == cs::kSuccess && i < ports.objects.count; i++) {
+      if (i == ports.keysRead) {
+         rc = ports.keyRc;
+         break;
+      }
+      const char *portKey = ports.keys[i];
+      cs::Object *pools =
+         ports.uplinkKeyCount >= 1 &&
+               StringExistInArray(portKey, ports.uplinkKeys, ports.uplinkKeyCount)
+            ? ports.resMgmt
+            : nullptr;
+      rc = LoadConfigProps(portKey, ports.objects.objects[i], dest, PROP_CLASS_PORT, switchCtx,
+                           pools, keysNew || taken.AddIfNew(portKey));
+   }
    return AbsentIsSuccess(rc);
 }
 
@@ -242,13 +359,27 @@ int32_t LoadSwitch(cs::Object *obj, HostBlobSink *host) {
             rc = LoadConfigProps(DVS_REC_HOST_PROPS, obj, swList.h, PROP_CLASS_HOST, switchCtx,
                                  nullptr);
          }
+         SwitchPorts ports;
          if (rc == cs::kSuccess) {
-            rc = LoadPorts(obj, swList.h, switchCtx);
+            // A switch object without ports has none to load.
+            rc = AbsentIsSuccess(CollectPorts(obj, &ports));
          }
          if (rc != cs::kSuccess) {
             return rc;
          }
-         listStatus = host->Add(uuid.s, &swList, version);
+         // Written as it loads when no port can replace another's record.
+         const bool streamed = host->Streams() && ports.KeysDistinct(swList.h);
+         listStatus = streamed ? host->OpenSwitch(uuid.s, swList.h) : STATUS_OK;
+         if (listStatus == STATUS_OK) {
+            IntoPropList intoList(swList.h);
+            rc = LoadPorts(ports, streamed ? host->PortDest() : &intoList, streamed, swList.h,
+                           switchCtx);
+            if (rc != cs::kSuccess) {
+               return rc;
+            }
+            listStatus =
+               streamed ? host->CloseSwitch(version) : host->Add(uuid.s, &swList, version);
+         }
          if (listStatus == STATUS_OK) {
             return cs::kSuccess;
          }
@@ -307,7 +438,8 @@ int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
    ObjectArray liveObjs;
    rc = CollectSwitchObjects(store, filter, desired, &desiredObjs, &liveObjs);
    ObjectArray &switches = desired ? desiredObjs : liveObjs;
-   HostBlobSink host(rc == cs::kSuccess && CanWriteHostBlobDirectly(switches));
+   HostBlobSink host(rc == cs::kSuccess && CanWriteHostBlobDirectly(switches),
+                     HostBlobSizeHint());
    if (rc == cs::kSuccess && !host.Ready()) {
       rc = kConfigStoreOwnFailure;
    }
@@ -334,6 +466,7 @@ int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
       uint32_t outLen = 0;
       rc = static_cast<int32_t>(host.Finish(&out, &outLen));
       if (rc == cs::kSuccess) {
+         gLastHostBlobSize.store(outLen, std::memory_order_relaxed);
          *buf = out;
          *len = outLen;
       }

@@ -138,19 +138,21 @@ int32_t LoadPortResPools(cs::Object *resMgmt, const ConvertContext &switchCtx, D
    return AbsentIsSuccess(rc);
 }
 
-// Adds list, serialized with version, to dest under name.
-int32_t AddSerialized(DVSDataHandle dest, const char *name, DVSDataHandle list, uint32_t version,
-                      bool nameIsNew) {
-   return ::dvs::data::UpdateWithListBlob(dest, name, list, version,
-                                          static_cast<uint32_t>(kLoadedPropFlag),
-                                          nameIsNew) == STATUS_OK
-             ? cs::kSuccess
-             : kConfigStoreOwnFailure;
-}
-
 }  // namespace
 
+ReturnStatus IntoPropList::Add(const char *name, uint32_t flag, DVSDataHandle list,
+                               uint32_t version, bool nameIsNew) {
+   return ::dvs::data::UpdateWithListBlob(list_, name, list, version, flag, nameIsNew);
+}
+
 int32_t LoadConfigProps(const char *listName, cs::Object *src, DVSDataHandle dest,
+                        uint32_t propClass, const ConvertContext &switchCtx, cs::Object *resMgmt,
+                        bool nameIsNew) {
+   IntoPropList into(dest);
+   return LoadConfigProps(listName, src, &into, propClass, switchCtx, resMgmt, nameIsNew);
+}
+
+int32_t LoadConfigProps(const char *listName, cs::Object *src, LoadedListDest *dest,
                         uint32_t propClass, const ConvertContext &switchCtx, cs::Object *resMgmt,
                         bool nameIsNew) {
    CONFIGSTORE_PROGRESS("LoadProps: %s\n", listName);
@@ -162,7 +164,10 @@ int32_t LoadConfigProps(const char *listName, cs::Object *src, DVSDataHandle des
          rc = LoadPortResPools(resMgmt, switchCtx, list);
       }
       if (rc == cs::kSuccess) {
-         rc = AddSerialized(dest, listName, list, switchCtx.version, nameIsNew);
+         rc = dest->Add(listName, static_cast<uint32_t>(kLoadedPropFlag), list, switchCtx.version,
+                        nameIsNew) == STATUS_OK
+                 ? cs::kSuccess
+                 : kConfigStoreOwnFailure;
       }
       DVSData_Free(list);
    }

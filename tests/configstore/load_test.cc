@@ -237,6 +237,37 @@ TEST_F(LoadTest, DirectAndListBuiltHostBlobsAgree) {
    Put("s2", SwitchJson("sw-2", "vswitch", "6.6.0"));
    const std::string distinct = rawLoad(-1);
    EXPECT_EQ(distinct, rawLoad(2));
+   // Port keys that come again, or that name one of the switch's own
+   // records, replace the earlier record (moved to the end when the new
+   // blob is longer) in both forms of the host blob.
+   cs::Object *root = nullptr;
+   ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", "s6",
+                              SwitchJson("sw-6", "vswitch", "6.6.0").c_str(), &root),
+             0);
+   const struct {
+      const char *id, *key, *alias;
+   } ports[] = {{"a", "q1", nullptr}, {"b", "q2", "two"},      {"c", "q3", nullptr},
+                {"d", "q2", "again"}, {"e", "q4", nullptr},    {"f", "maxPorts", nullptr},
+                {"g", "q5", "last"}};
+   for (const auto &p : ports) {
+      cs::Object *port = nullptr;
+      ASSERT_EQ(cs::CreateSubObject(root, "ports", p.id, &port), 0);
+      ASSERT_EQ(cs::SetValueStr(port, "key", p.key), 0);
+      if (p.alias != nullptr) {
+         ASSERT_EQ(cs::SetValueStr(port, "name", p.alias), 0);
+      }
+   }
+   ASSERT_EQ(cs::Set(store_, root, "EXTERNAL"), 0);
+   cs::DestroyConfigStoreObject(root);
+   const std::string repeated = rawLoad(-1);
+   EXPECT_EQ(repeated, rawLoad(2));
+   const Props sw6 = Decode(Decode(repeated).at("sw-6"));
+   EXPECT_EQ(RecordNames(Decode(repeated).at("sw-6")),
+             (std::vector<std::string>{"switchVersion", "className", "globalPropList",
+                                       "hostPropList", "q1", "q3", "q2", "q4", "maxPorts", "q5"}));
+   EXPECT_EQ(Decode(sw6.at("q2")), (Props{{"com.ostrel.common.port.alias", Text("again")}}));
+   EXPECT_EQ(Decode(sw6.at("q5")), (Props{{"com.ostrel.common.port.alias", Text("last")}}));
+   cs::Delete(store_, "switches", "network_tds", "node", "s6");
    Props top;
    ASSERT_EQ(Load(&top), 0);
    EXPECT_EQ(top.size(), 2u);
