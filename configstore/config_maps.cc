@@ -4,7 +4,10 @@
 // name matches, and the load walks every row top to bottom.
 #include <cstddef>
 #include <cstdio>
+#include <cstdint>
 #include <cstring>
+#include <string_view>
+#include <unordered_map>
 
 #include <dvsconfigstore.h>
 
@@ -289,22 +292,81 @@ DVS_EXPORT const PropConfigMapEntry *GetConfigMap(int32_t propClass) {
 
 namespace dvs::configstore {
 
-// Returns the row the save uses for propName: the first row of the class's
-// table with that exact name, or else the class's catch-all row.  Returns
-// null only if the table has no catch-all row ahead of its closing row.
-const PropConfigMapEntry *FindConfigMapEntry(uint32_t propClass, const char *propName) {
+namespace {
+
+// The row the save uses for each name of one class's table, so that a
+// lookup does not read every row ahead of it (rows are large and the
+// names share long prefixes): the position of the first row of each name
+// and of the first catch-all row.  Made once, on first use; an index that
+// could not be made (no memory) leaves the lookup to scan.
+class RowIndex {
+  public:
+   explicit RowIndex(uint32_t propClass) noexcept
+       : table_(GetConfigMap(static_cast<int32_t>(propClass))) {
+      const uint32_t catchAll =
+         propClass == PROP_CLASS_PORT ? PROP_CONV_PORT_OPAQUE_DATA : PROP_CONV_OPAQUE_DATA;
+      try {
+         for (size_t i = 0; table_[i].propName != nullptr; i++) {
+            firstOfName_.emplace(table_[i].propName, i);
+            if (catchAll_ == kNone && table_[i].convType == catchAll) {
+               catchAll_ = i;
+            }
+         }
+         ready_ = true;
+      } catch (...) {
+         firstOfName_.clear();
+      }
+   }
+
+   bool Ready() const { return ready_; }
+
+   // The first row named propName or catch-all, whichever comes first.
+   const PropConfigMapEntry *Find(const char *propName) const {
+      const auto it = firstOfName_.find(propName);
+      const size_t named = it != firstOfName_.end() ? it->second : kNone;
+      const size_t row = named < catchAll_ ? named : catchAll_;
+      return row == kNone ? nullptr : &table_[row];
+   }
+
+  private:
+   static constexpr size_t kNone = SIZE_MAX;
+   const PropConfigMapEntry *table_;
+   std::unordered_map<std::string_view, size_t> firstOfName_;
+   size_t catchAll_ = kNone;
+   bool ready_ = false;
+};
+
+const PropConfigMapEntry *ScanConfigMap(uint32_t propClass, const char *propName) {
    const uint32_t catchAll =
       propClass == PROP_CLASS_PORT ? PROP_CONV_PORT_OPAQUE_DATA : PROP_CONV_OPAQUE_DATA;
    for (const PropConfigMapEntry *row = GetConfigMap(static_cast<int32_t>(propClass));
         row->propName != nullptr; row++) {
       if (std::strcmp(row->propName, propName) == 0 || row->convType == catchAll) {
-         if (dvsconfigstore_debug > 0) {
-            std::printf("Compare %s : %s success\n", propName, row->propName);
-         }
          return row;
       }
    }
    return nullptr;
+}
+
+}  // namespace
+
+// Returns the row the save uses for propName: the first row of the class's
+// table with that exact name, or else the class's catch-all row.  Returns
+// null only if the table has no catch-all row ahead of its closing row.
+const PropConfigMapEntry *FindConfigMapEntry(uint32_t propClass, const char *propName) {
+   static const RowIndex indexes[] = {RowIndex(PROP_CLASS_GLOBAL), RowIndex(PROP_CLASS_HOST),
+                                      RowIndex(PROP_CLASS_PORT)};
+   static_assert(PROP_CLASS_PORT + 1 == sizeof indexes / sizeof indexes[0]);
+   if (propClass > PROP_CLASS_PORT) {
+      return nullptr;
+   }
+   const RowIndex &index = indexes[propClass];
+   const PropConfigMapEntry *row =
+      index.Ready() ? index.Find(propName) : ScanConfigMap(propClass, propName);
+   if (row != nullptr && dvsconfigstore_debug > 0) {
+      std::printf("Compare %s : %s success\n", propName, row->propName);
+   }
+   return row;
 }
 
 }  // namespace dvs::configstore
