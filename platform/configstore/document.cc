@@ -269,6 +269,11 @@ Value &Node::PutValue(std::string_view key) {
    if (Value *v = FindValue(key)) {
       return *v;
    }
+   // Growing one value at a time moves every value at each doubling, and
+   // most nodes that get a value get a few: start with room for four.
+   if (values.capacity() == 0) {
+      values.reserve(4);
+   }
    values.emplace_back(std::piecewise_construct, std::forward_as_tuple(key),
                        std::forward_as_tuple());
    return values.back().second;
