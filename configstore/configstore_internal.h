@@ -63,6 +63,17 @@ extern bool gIsZltSwitch;
 // Milliseconds spent in store calls during the current save.
 extern int64_t gConfigStoreTimeMs;
 
+// The size of the host blob last loaded or saved, and from it the size a
+// load starts its host blob at: a host saves and loads much the same
+// switches each time, so the blob is written into a buffer of about its
+// size from the start instead of one grown as it fills (growing maps fresh
+// memory).  The same size from one load to the next also lets the C
+// library hand the block the caller freed to the next load.  Kept without
+// a lock; a stale value only costs a grown or a trimmed buffer.
+void NoteLoadedHostBlobSize(uint32_t len);
+void NoteSavedHostBlobSize(uint32_t len);
+uint32_t HostBlobSizeHint();
+
 // The kClassKind* of a switch class name.
 uint32_t SwitchClassKind(const char *className);
 // The monotonic clock in milliseconds.

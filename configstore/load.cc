@@ -3,7 +3,6 @@
 #include <configstore.h>
 #include <hostlibs.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -158,17 +157,6 @@ class HostBlobSink {
    ::dvs::data::BlobStream stream_;
    IntoStream ports_{&stream_};
 };
-
-// Size of the last host blob a load gave.  A host loads much the same
-// switches each time, so the next blob is written into a buffer of about
-// that size from the start instead of one grown (and copied) as it fills.
-std::atomic<uint32_t> gLastHostBlobSize{0};
-
-uint32_t HostBlobSizeHint() {
-   const uint32_t last = gLastHostBlobSize.load(std::memory_order_relaxed);
-   const uint64_t roomy = uint64_t{last} + last / 16 + 4096;
-   return roomy > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(roomy);
-}
 
 // Whether the host blob can be written directly (see HostBlobSink): every
 // switch has a readable uuid, no two alike as list names compare, and the
@@ -466,7 +454,7 @@ int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
       uint32_t outLen = 0;
       rc = static_cast<int32_t>(host.Finish(&out, &outLen));
       if (rc == cs::kSuccess) {
-         gLastHostBlobSize.store(outLen, std::memory_order_relaxed);
+         NoteLoadedHostBlobSize(outLen);
          *buf = out;
          *len = outLen;
       }

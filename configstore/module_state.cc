@@ -1,6 +1,8 @@
 // The module state a save or load leaves behind: the kind of the last
-// switch converted, the time spent in store calls and the out-of-memory
-// note of the load.  Converters read none of it.
+// switch converted, the time spent in store calls, the out-of-memory note
+// of the load and the size of the last host blob.  Converters read none of
+// it.
+#include <atomic>
 #include <cstring>
 #include <ctime>
 
@@ -24,6 +26,34 @@ uint32_t SwitchClassKind(const char *className) {
       return kClassKindCswitch;
    }
    return kClassKindOther;
+}
+
+namespace {
+
+// Where the next load's host blob starts: set by the last save or load.
+std::atomic<uint32_t> gHostBlobSizeHint{0};
+
+void SetHint(uint64_t size) {
+   gHostBlobSizeHint.store(size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size),
+                           std::memory_order_relaxed);
+}
+
+}  // namespace
+
+uint32_t HostBlobSizeHint() {
+   return gHostBlobSizeHint.load(std::memory_order_relaxed);
+}
+
+void NoteLoadedHostBlobSize(uint32_t len) {
+   // The next load of the same switches gives the same bytes; the margin
+   // covers the end marker the writer keeps room for.
+   SetHint(uint64_t{len} + 64);
+}
+
+void NoteSavedHostBlobSize(uint32_t len) {
+   // A load gives back a little more than was saved (the records the
+   // load adds, such as the uplinks' resource pools).
+   SetHint(uint64_t{len} + len / 16 + 64);
 }
 
 int64_t MonotonicMs() {

@@ -131,6 +131,9 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
       return kConfigStoreOwnFailure;
    }
 
+   // A load after this save gives about the same blob.
+   NoteSavedHostBlobSize(len);
+
    syslog(LOG_DEBUG, "Start DVSState_SaveBufToConfigStore_ByInstance, swId:[%s]",
           swId != nullptr ? swId : "");
    gConfigStoreTimeMs = 0;

@@ -13,6 +13,7 @@ namespace dvs::data {
 namespace {
 
 constexpr uint32_t kFirstCapacity = 64 * 1024;
+constexpr size_t kQuarterGrowthFrom = 4 * 1024 * 1024;
 
 }  // namespace
 
@@ -45,9 +46,11 @@ ReturnStatus BlobStream::Reserve(uint64_t more) {
    if (need <= capacity_) {
       return STATUS_OK;
    }
+   // Small buffers double; large ones grow by a quarter, since a buffer
+   // that outgrew its estimate is most often nearly full already.
    size_t grown = capacity_;
    while (grown < need) {
-      grown = grown > SIZE_MAX / 2 ? SIZE_MAX : grown * 2;
+      grown += grown < kQuarterGrowthFrom ? grown : grown / 4;
    }
    auto *bigger = static_cast<uint8_t *>(std::realloc(buf_, grown));
    if (bigger == nullptr) {

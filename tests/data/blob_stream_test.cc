@@ -20,11 +20,14 @@ using testsupport::NewList;
 using testsupport::Props;
 
 // Values of every length from 0 to 6, so that every amount of record
-// padding occurs, and a few longer ones.
+// padding occurs, and a few longer ones (one of them 2 KB, as a port's
+// teaming record is).
 Props PortProps(int port) {
    Props props;
    for (int i = 0; i < 9; i++) {
-      const size_t len = i < 7 ? static_cast<size_t>(i) : 40u + static_cast<size_t>(port % 5);
+      const size_t len = i < 7   ? static_cast<size_t>(i)
+                         : i < 8 ? 2048u + static_cast<size_t>(port % 5)
+                                 : 40u + static_cast<size_t>(port % 5);
       props.emplace_back("prop-" + std::to_string(i), std::string(len, static_cast<char>('a' + port % 26)));
    }
    return props;
@@ -113,7 +116,7 @@ ReturnStatus Stream(const std::vector<Switch> &switches, const PortInputs &in, u
 }
 
 ReturnStatus Streamed(const std::vector<Switch> &switches, uint32_t hint, std::string *out) {
-   const PortInputs in(200);
+   const PortInputs in(2000);
    void *blob = nullptr;
    uint32_t len = 0;
    const ReturnStatus st = Stream(switches, in, hint, &blob, &len);
@@ -138,6 +141,16 @@ TEST(BlobStreamTest, GivesTheSerializedBytesWhateverTheFirstEstimate) {
       std::string got;
       ASSERT_EQ(Streamed(kHost, hint, &got), STATUS_OK) << hint;
       EXPECT_EQ(got, want) << "estimate " << hint;
+   }
+   // Past a few megabytes the buffer grows by a quarter at a time.
+   const std::vector<Switch> large = {{"sw-large", {{"className", "vswitch"}}, 2000, false},
+                                      kHost[1], {"sw-last", {}, 2000, false}};
+   const std::string wantLarge = Expected(large);
+   ASSERT_GT(wantLarge.size(), 6u << 20);
+   for (uint32_t hint : {0u, 5u << 20}) {
+      std::string got;
+      ASSERT_EQ(Streamed(large, hint, &got), STATUS_OK) << hint;
+      EXPECT_EQ(got, wantLarge) << "estimate " << hint;
    }
    // A host without switches is the empty blob.
    std::string empty;
