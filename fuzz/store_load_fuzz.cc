@@ -8,9 +8,16 @@
 //   control bit 0   load the desired user configuration
 //   control bit 2   save what was loaded into a second store and load it
 //                   from there again
+//   control bit 3   load again with the list calls tracing, which builds
+//                   the host blob through a host list instead of writing
+//                   it as the switches come: the bytes must be the same
 // A load that succeeds must hand out a host blob with one switch per
 // uuid, which is then read into the registry.
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -53,6 +60,27 @@ void SaveAndReload(const void *buf, uint32_t len) {
    }
    FUZZ_CHECK(DVSState_ConfigReset() == STATUS_OK);
    setenv(configstore::kPathEnv, dvsfuzz::ScratchStorePath().c_str(), 1);
+}
+
+// The same load with the list calls tracing (their lines go nowhere),
+// which takes the host list path; it must give the same blob.
+void CompareWithListBuiltLoad(const void *buf, uint32_t len, bool desired) {
+   static FILE *const nowhere = std::fopen("/dev/null", "w");
+   FUZZ_CHECK(nowhere != nullptr);
+   std::fflush(stdout);
+   const int saved = dup(STDOUT_FILENO);
+   FUZZ_CHECK(saved >= 0 && dup2(fileno(nowhere), STDOUT_FILENO) >= 0);
+   dvsdata_debug = 2;
+   void *listBuilt = nullptr;
+   uint32_t listLen = 0;
+   const int32_t rc = DVSState_LoadFromConfigStoreAsBuf(&listBuilt, &listLen, desired);
+   dvsdata_debug = -1;
+   std::fflush(stdout);
+   FUZZ_CHECK(dup2(saved, STDOUT_FILENO) >= 0);
+   close(saved);
+   FUZZ_CHECK(rc == 0);
+   FUZZ_CHECK(listLen == len && std::memcmp(listBuilt, buf, len) == 0);
+   free(listBuilt);
 }
 
 }  // namespace
@@ -113,6 +141,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       // Objects of the same uuid give one switch.
       if ((control & 1) == 0) {
          FUZZ_CHECK(switches <= objects && (switches == 0) == (objects == 0));
+      }
+      if ((control & 8) != 0) {
+         CompareWithListBuiltLoad(buf, len, (control & 1) != 0);
       }
       (void)DVSState_ConfigDeserialize(buf, len);
       FUZZ_CHECK(DVSState_ConfigReset() == STATUS_OK);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <vector>
@@ -72,6 +73,29 @@ class LoadTest : public ::testing::Test {
       ASSERT_EQ(cs::Set(store_, obj, source), 0);
       cs::DestroyConfigStoreObject(obj);
    }
+   // A port object under instance id `id`, whose "key" (and alias, when
+   // given) is set apart from the id, so that keys may repeat.
+   struct PortSpec {
+      const char *id, *key, *alias;
+   };
+   // Stores a vswitch object `uuid` under `instance` with those ports.
+   void PutWithPorts(const char *instance, const std::string &uuid,
+                     std::initializer_list<PortSpec> ports) {
+      cs::Object *root = nullptr;
+      ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", instance,
+                                 SwitchJson(uuid, "vswitch", "6.6.0").c_str(), &root),
+                0);
+      for (const PortSpec &p : ports) {
+         cs::Object *port = nullptr;
+         ASSERT_EQ(cs::CreateSubObject(root, "ports", p.id, &port), 0);
+         ASSERT_EQ(cs::SetValueStr(port, "key", p.key), 0);
+         if (p.alias != nullptr) {
+            ASSERT_EQ(cs::SetValueStr(port, "name", p.alias), 0);
+         }
+      }
+      ASSERT_EQ(cs::Set(store_, root, "EXTERNAL"), 0);
+      cs::DestroyConfigStoreObject(root);
+   }
    static std::string SwitchJson(const std::string &uuid, const std::string &cls,
                                  const std::string &version, const std::string &extra = "") {
       return R"({"uuid":")" + uuid + R"(","max_ports":64,"portset_name":"ps-)" + uuid +
@@ -103,24 +127,12 @@ class LoadTest : public ::testing::Test {
 // later one replaces the earlier (in place when its blob is as long, else
 // at the end), and the list never holds a name twice.
 TEST_F(LoadTest, RepeatedPortKeysReplaceEarlierEntries) {
-   cs::Object *root = nullptr;
-   ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", "sw-dup",
-                              SwitchJson("sw-dup", "vswitch", "6.6.0").c_str(), &root),
-             0);
-   const struct {
-      const char *id, *key, *alias;
-   } ports[] = {{"a", "dup", "first"},   {"b", "p2", nullptr},   {"c", "dup", "later"},
-                {"d", "p2", "grown"},   {"e", "hostPropList", nullptr}};
-   for (const auto &p : ports) {
-      cs::Object *port = nullptr;
-      ASSERT_EQ(cs::CreateSubObject(root, "ports", p.id, &port), 0);
-      ASSERT_EQ(cs::SetValueStr(port, "key", p.key), 0);
-      if (p.alias != nullptr) {
-         ASSERT_EQ(cs::SetValueStr(port, "name", p.alias), 0);
-      }
-   }
-   ASSERT_EQ(cs::Set(store_, root, "EXTERNAL"), 0);
-   cs::DestroyConfigStoreObject(root);
+   PutWithPorts("sw-dup", "sw-dup",
+                {{"a", "dup", "first"},
+                 {"b", "p2", nullptr},
+                 {"c", "dup", "later"},
+                 {"d", "p2", "grown"},
+                 {"e", "hostPropList", nullptr}});
 
    Props top;
    ASSERT_EQ(Load(&top), 0);
@@ -240,25 +252,14 @@ TEST_F(LoadTest, DirectAndListBuiltHostBlobsAgree) {
    // Port keys that come again, or that name one of the switch's own
    // records, replace the earlier record (moved to the end when the new
    // blob is longer) in both forms of the host blob.
-   cs::Object *root = nullptr;
-   ASSERT_EQ(cs::CreateObject("switches", "network_tds", "node", "s6",
-                              SwitchJson("sw-6", "vswitch", "6.6.0").c_str(), &root),
-             0);
-   const struct {
-      const char *id, *key, *alias;
-   } ports[] = {{"a", "q1", nullptr}, {"b", "q2", "two"},      {"c", "q3", nullptr},
-                {"d", "q2", "again"}, {"e", "q4", nullptr},    {"f", "maxPorts", nullptr},
-                {"g", "q5", "last"}};
-   for (const auto &p : ports) {
-      cs::Object *port = nullptr;
-      ASSERT_EQ(cs::CreateSubObject(root, "ports", p.id, &port), 0);
-      ASSERT_EQ(cs::SetValueStr(port, "key", p.key), 0);
-      if (p.alias != nullptr) {
-         ASSERT_EQ(cs::SetValueStr(port, "name", p.alias), 0);
-      }
-   }
-   ASSERT_EQ(cs::Set(store_, root, "EXTERNAL"), 0);
-   cs::DestroyConfigStoreObject(root);
+   PutWithPorts("s6", "sw-6",
+                {{"a", "q1", nullptr},
+                 {"b", "q2", "two"},
+                 {"c", "q3", nullptr},
+                 {"d", "q2", "again"},
+                 {"e", "q4", nullptr},
+                 {"f", "maxPorts", nullptr},
+                 {"g", "q5", "last"}});
    const std::string repeated = rawLoad(-1);
    EXPECT_EQ(repeated, rawLoad(2));
    const Props sw6 = Decode(Decode(repeated).at("sw-6"));
