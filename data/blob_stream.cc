@@ -110,6 +110,9 @@ ReturnStatus BlobStream::CloseNested() {
       return STATUS_BAD_PARAM;
    }
    const uint32_t size = end_ + kEndMarkerSize - (nestedRecord_ + kRecordDataOffset);
+   if (size > kMaxDataLen) {
+      return STATUS_NO_MEMORY;
+   }
    // Reserve kept room for the end marker; the padding needs at most the
    // record's slack past it.
    const uint32_t padding = RecordLength(size) - kRecordDataOffset - size;
