@@ -184,7 +184,7 @@ struct SwitchPorts {
    cs::Object *resMgmt = nullptr;
    char **uplinkKeys = nullptr;
    uint32_t uplinkKeyCount = 0;
-   char **keys = nullptr;  // count entries, null from the first unreadable one
+   char **keys = nullptr;  // one per port object; keysRead of them were read
    uint32_t keysRead = 0;
    int32_t keyRc = cs::kSuccess;
 
