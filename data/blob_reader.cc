@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "data/blob_view.h"
+#include "data/nested_sums.h"
 #include "data/data_trace.h"
 #include "data/property_list.h"
 #include "data/record_layout.h"
@@ -47,9 +48,18 @@ ReturnStatus CheckLengths(const uint8_t *blob, uint32_t bufferLen, uint32_t *len
    return STATUS_OK;
 }
 
-ReturnStatus CheckChecksum(const uint8_t *blob) {
+// The checksum a blob should carry: from its known word sum when one is
+// given and tells it, else summed afresh.
+uint32_t ComputeChecksum(const uint8_t *blob, uint32_t len, const uint32_t *wordSum) {
+   uint32_t checksum = 0;
+   if (wordSum != nullptr && ChecksumFromWordSum(blob, len, *wordSum, &checksum)) {
+      return checksum;
+   }
+   return DVSDataChecksum(blob);
+}
+
+ReturnStatus CheckChecksum(const uint8_t *blob, uint32_t computed) {
    const uint32_t stored = LoadU32(blob + kBlobChecksumOffset);
-   const uint32_t computed = DVSDataChecksum(blob);
    if (stored != computed) {
       DATA_TRACE(0, "bad chksum: expected 0x%x, actual 0x%x\n", stored, computed);
       return STATUS_BAD_CHECKSUM;
@@ -137,7 +147,10 @@ ReturnStatus WalkRecords(const uint8_t *blob, uint32_t length, bool *stopped, Vi
 }
 
 // The list reader's checks of the header: lengths, version, checksum.
-ReturnStatus CheckHeader(const uint8_t *bytes, uint32_t len, uint32_t *length) {
+// checksum(length) gives the checksum the blob should carry; it is asked
+// only once the lengths are known to be good.
+template <typename Checksum>
+ReturnStatus CheckHeader(const uint8_t *bytes, uint32_t len, uint32_t *length, Checksum checksum) {
    if (ReturnStatus status = CheckLengths(bytes, len, length); status != STATUS_OK) {
       return status;
    }
@@ -146,18 +159,18 @@ ReturnStatus CheckHeader(const uint8_t *bytes, uint32_t len, uint32_t *length) {
                  static_cast<int>(Version(bytes)));
       return STATUS_BAD_PARAM;
    }
-   return CheckChecksum(bytes);
+   return CheckChecksum(bytes, checksum(*length));
 }
 
-}  // namespace
-
-ReturnStatus CheckBlob(const void *blob, uint32_t len) {
+// CheckBlob with the checksum given by checksum(length).
+template <typename Checksum>
+ReturnStatus CheckBlobWith(const void *blob, uint32_t len, Checksum checksum) {
    if (blob == nullptr) {
       return STATUS_BAD_PARAM;
    }
    const auto *bytes = static_cast<const uint8_t *>(blob);
    uint32_t length = 0;
-   if (ReturnStatus status = CheckHeader(bytes, len, &length); status != STATUS_OK) {
+   if (ReturnStatus status = CheckHeader(bytes, len, &length, checksum); status != STATUS_OK) {
       return status;
    }
    bool stopped = false;
@@ -165,26 +178,39 @@ ReturnStatus CheckBlob(const void *blob, uint32_t len) {
                       [](const Record &, ReturnStatus *) { return false; });
 }
 
-}  // namespace dvs::data
+}  // namespace
 
-using namespace dvs::data;
-
-extern "C" {
-
-DVS_EXPORT ReturnStatus DVSData_Deserialize(DVSDataHandle *h, const void *blob, uint32_t len,
-                                            DVSDataAllocFn allocFn, DVSDataFreeFn freeFn) {
-   return DVSData_DeserializeWithPropType(h, blob, len, allocFn, freeFn, DVSDATA_DESERIALIZE_MASK);
+ReturnStatus CheckBlob(const void *blob, uint32_t len) {
+   return CheckBlobWithWordSum(blob, len, nullptr);
 }
 
-DVS_EXPORT ReturnStatus DVSData_DeserializeWithPropType(DVSDataHandle *h, const void *blob,
-                                                        uint32_t len, DVSDataAllocFn allocFn,
-                                                        DVSDataFreeFn freeFn, uint32_t typeMask) {
+ReturnStatus CheckBlobWithWordSum(const void *blob, uint32_t len, const uint32_t *wordSum) {
+   const auto *bytes = static_cast<const uint8_t *>(blob);
+   return CheckBlobWith(blob, len, [&](uint32_t) { return ComputeChecksum(bytes, len, wordSum); });
+}
+
+ReturnStatus CheckBlobTakingSums(const void *blob, uint32_t len, NestedSums *sums) {
+   const auto *bytes = static_cast<const uint8_t *>(blob);
+   const ReturnStatus status =
+      CheckBlobWith(blob, len, [&](uint32_t length) { return sums->Checksum(bytes, length); });
+   // A reader that cannot have the sums cannot have the lists it is about
+   // to build either: memory is short, and the caller hears it now.
+   return sums->OutOfMemory() ? STATUS_NO_MEMORY : status;
+}
+
+ReturnStatus DeserializeList(DVSDataHandle *h, const void *blob, uint32_t len,
+                             DVSDataAllocFn allocFn, DVSDataFreeFn freeFn, uint32_t typeMask,
+                             const uint32_t *wordSum) {
    if (h == nullptr || blob == nullptr || allocFn == nullptr || freeFn == nullptr) {
       return STATUS_BAD_PARAM;
    }
    const auto *bytes = static_cast<const uint8_t *>(blob);
    uint32_t length = 0;
-   if (ReturnStatus status = CheckHeader(bytes, len, &length); status != STATUS_OK) {
+   if (ReturnStatus status = CheckHeader(bytes, len, &length,
+                                         [&](uint32_t) {
+                                            return ComputeChecksum(bytes, len, wordSum);
+                                         });
+       status != STATUS_OK) {
       return status;
    }
 
@@ -211,6 +237,23 @@ DVS_EXPORT ReturnStatus DVSData_DeserializeWithPropType(DVSDataHandle *h, const 
    return STATUS_OK;
 }
 
+}  // namespace dvs::data
+
+using namespace dvs::data;
+
+extern "C" {
+
+DVS_EXPORT ReturnStatus DVSData_Deserialize(DVSDataHandle *h, const void *blob, uint32_t len,
+                                            DVSDataAllocFn allocFn, DVSDataFreeFn freeFn) {
+   return DVSData_DeserializeWithPropType(h, blob, len, allocFn, freeFn, DVSDATA_DESERIALIZE_MASK);
+}
+
+DVS_EXPORT ReturnStatus DVSData_DeserializeWithPropType(DVSDataHandle *h, const void *blob,
+                                                        uint32_t len, DVSDataAllocFn allocFn,
+                                                        DVSDataFreeFn freeFn, uint32_t typeMask) {
+   return DeserializeList(h, blob, len, allocFn, freeFn, typeMask, nullptr);
+}
+
 DVS_EXPORT ReturnStatus DVSData_DeserializeGetPropVal(const void *blob, uint32_t len,
                                                       const char *name, void *buf,
                                                       uint32_t bufSize) {
@@ -224,7 +267,7 @@ DVS_EXPORT ReturnStatus DVSData_DeserializeGetPropVal(const void *blob, uint32_t
    }
    // This reader tests the checksum before the version, unlike the list
    // reader; callers tell the two failures apart by status.
-   if (ReturnStatus status = CheckChecksum(bytes); status != STATUS_OK) {
+   if (ReturnStatus status = CheckChecksum(bytes, DVSDataChecksum(bytes)); status != STATUS_OK) {
       return status;
    }
    if (Version(bytes) != DVSDATA_BLOB_VERSION) {

@@ -27,6 +27,21 @@ struct RecordView {
 // same messages and statuses, in the same order.
 ReturnStatus CheckBlob(const void *blob, uint32_t len);
 
+class NestedSums;
+// CheckBlob that takes the checksum with *sums (see nested_sums.h), which
+// then tells the checksums of the blobs nested in this one; NO_MEMORY
+// when there was no memory for them.
+ReturnStatus CheckBlobTakingSums(const void *blob, uint32_t len, NestedSums *sums);
+// CheckBlob of a blob whose words sum to *wordSum (null: not known), as
+// NestedSums finds it for a nested blob.
+ReturnStatus CheckBlobWithWordSum(const void *blob, uint32_t len, const uint32_t *wordSum);
+
+// DVSData_DeserializeWithPropType of a blob whose words sum to *wordSum
+// (null: not known).
+ReturnStatus DeserializeList(DVSDataHandle *h, const void *blob, uint32_t len,
+                             DVSDataAllocFn allocFn, DVSDataFreeFn freeFn, uint32_t typeMask,
+                             const uint32_t *wordSum);
+
 // Calls visit(record) for each record of a blob that CheckBlob accepted
 // whose flag shares a bit with typeMask, in blob order, until visit
 // returns a status other than STATUS_OK, which is returned.

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "data/blob_view.h"
+#include "data/nested_sums.h"
 #include "state/state_internal.h"
 
 namespace dvs::state {
@@ -74,16 +75,23 @@ ReturnStatus ReadU32(const dvs::data::RecordView &rec, uint32_t *out) {
    return STATUS_OK;
 }
 
+// The word sum of a record's value when the host blob's check took it.
+const uint32_t *WordSumOf(const dvs::data::NestedSums *sums, const dvs::data::RecordView &rec) {
+   return sums != nullptr ? sums->Find(rec.data, rec.dataLen) : nullptr;
+}
+
 // Decodes a nested property list of the switch blob into `*out`.  A switch
 // blob without it gets an empty list, so that the switch always holds a
 // valid one.
-ReturnStatus TakeNestedList(const dvs::data::RecordView *rec, DVSDataHandle *out) {
+ReturnStatus TakeNestedList(const dvs::data::RecordView *rec, const dvs::data::NestedSums *sums,
+                            DVSDataHandle *out) {
    if (rec == nullptr) {
       return DVSData_Alloc(out, std::malloc, std::free);
    }
    DVSDataHandle decoded = nullptr;
    const ReturnStatus status =
-      DVSData_Deserialize(&decoded, rec->data, rec->dataLen, std::malloc, std::free);
+      dvs::data::DeserializeList(&decoded, rec->data, rec->dataLen, std::malloc, std::free,
+                                 DVSDATA_DESERIALIZE_MASK, WordSumOf(sums, *rec));
    if (status != STATUS_OK) {
       return status;
    }
@@ -139,11 +147,53 @@ struct SwitchRestore {
    }
 };
 
+// Adds a port from its blob, whose words sum to *wordSum when known.
+ReturnStatus PortAddDeserialize(DVSwitch *dvs, const char *portId, const void *blob, uint32_t len,
+                                const uint32_t *wordSum) {
+   if (dvs == nullptr) {
+      return STATUS_NOT_FOUND;
+   }
+   if (portId == nullptr) {
+      return STATUS_BAD_PARAM;
+   }
+   STATE_TRACE(2, "Deserialize %s, %s\n", dvs->id, portId);
+   DVSDataHandle data = nullptr;
+   ReturnStatus status = dvs::data::DeserializeList(&data, blob, len, std::malloc, std::free,
+                                                    DVSDATA_DESERIALIZE_MASK, wordSum);
+   if (status != STATUS_OK) {
+      return status;
+   }
+
+   DVSDataEntry *typeEntry = nullptr;
+   if (DVSData_Lookup(data, DVS_PROP_PORT_TYPE, &typeEntry) == STATUS_OK) {
+      // The port type rides in the port data only to cross the blob; it is
+      // taken out again whether or not the port could be added.
+      uint32_t type = 0;
+      status = ReadU32(typeEntry, &type);
+      if (status != STATUS_OK) {
+         DVSData_Free(data);
+         return status;
+      }
+      status = DVSStatePortAdd(dvs, portId, data, type, nullptr);
+      STATE_TRACE(0, "Deserialize DV port(type %d) %s, return %s\n", static_cast<int>(type), portId,
+                  HYP_ReturnStatusToString(status));
+      DVSData_Remove(data, DVS_PROP_PORT_TYPE);
+   } else {
+      status = DVSStatePortAdd(dvs, portId, data, DVS_PORT_ACTIVE, nullptr);
+      STATE_TRACE(0, "Add active DV port %s, return %s\n", portId,
+                  HYP_ReturnStatusToString(status));
+   }
+   if (status != STATUS_OK) {
+      DVSData_Free(data);
+   }
+   return status;
+}
+
 // Installs the decoded lists on the switch and adds every port record of
 // the switch blob, straight from the blob.  Stops at the first port that
 // cannot be added.
 ReturnStatus RestoreIntoSwitch(DVSwitch *dvs, SwitchRestore *restore, const void *blob,
-                               const SwitchParts &parts) {
+                               const SwitchParts &parts, const dvs::data::NestedSums *sums) {
    DVS_ASSERT_STATE_LOCKED();
    DVSData_Free(dvs->hostPropList);
    DVSData_Free(dvs->globalPropList);
@@ -157,44 +207,14 @@ ReturnStatus RestoreIntoSwitch(DVSwitch *dvs, SwitchRestore *restore, const void
          if (parts.IsPart(rec)) {
             return STATUS_OK;
          }
-         return DVSState_PortAddDeserialize(dvs, rec.name, rec.data, rec.dataLen);
+         return PortAddDeserialize(dvs, rec.name, rec.data, rec.dataLen, WordSumOf(sums, rec));
       });
 }
 
-}  // namespace
-}  // namespace dvs::state
-
-using namespace dvs::state;
-
-extern "C" {
-
-DVS_EXPORT ReturnStatus DVSState_ConfigDeserialize(const void *blob, uint32_t len) {
-   STATE_TRACE(1, "DVSState_ConfigDeserialize\n");
-   // The whole host blob is checked before anything is restored; its
-   // switch records are then read in place.
-   ReturnStatus status = dvs::data::CheckBlob(blob, len);
-   if (status != STATUS_OK) {
-      STATE_TRACE(0, "DVSState_ConfigDeserialize failed %s\n", HYP_ReturnStatusToString(status));
-      return status;
-   }
-
-   // Nobody sees the registry half restored.
-   StateLockGuard guard;
-   status = dvs::data::ForEachCheckedRecord(
-      blob, DVSDATA_DESERIALIZE_MASK, [](const dvs::data::RecordView &rec) {
-         return DVSState_SwitchDeserialize(rec.name, rec.data, rec.dataLen);
-      });
-   if (status != STATUS_OK) {
-      // A host blob is taken whole or not at all: a failure empties the
-      // registry, including the switches that were there before.
-      STATE_TRACE(0, "DVSState_SwitchDeserialize failed %s\n", HYP_ReturnStatusToString(status));
-      DVSState_ConfigReset();
-   }
-   return status;
-}
-
-DVS_EXPORT ReturnStatus DVSState_SwitchDeserialize(const char *swId, const void *blob,
-                                                   uint32_t len) {
+// Restores a switch from its blob; sums tells the checksums of its nested
+// blobs when it came inside a host blob.
+ReturnStatus SwitchDeserialize(const char *swId, const void *blob, uint32_t len,
+                               const dvs::data::NestedSums *sums) {
    SwitchRestore restore;
    if (swId != nullptr) {
       std::memcpy(restore.id, swId, strnlen(swId, sizeof restore.id - 1));
@@ -203,17 +223,18 @@ DVS_EXPORT ReturnStatus DVSState_SwitchDeserialize(const char *swId, const void 
    STATE_TRACE(1, "Deserialize DVS %s\n", id);
 
    // The switch blob is checked whole, then read in place.
-   ReturnStatus status = dvs::data::CheckBlob(blob, len);
+   ReturnStatus status = dvs::data::CheckBlobWithWordSum(
+      blob, len, sums != nullptr ? sums->Find(static_cast<const uint8_t *>(blob), len) : nullptr);
    if (status != STATUS_OK) {
       return status;
    }
    SwitchParts parts;
    FindSwitchParts(blob, &parts);
-   status = TakeNestedList(parts.Get(SwitchParts::kHostList), &restore.hostList);
+   status = TakeNestedList(parts.Get(SwitchParts::kHostList), sums, &restore.hostList);
    if (status != STATUS_OK) {
       return status;
    }
-   status = TakeNestedList(parts.Get(SwitchParts::kGlobalList), &restore.globalList);
+   status = TakeNestedList(parts.Get(SwitchParts::kGlobalList), sums, &restore.globalList);
    if (status != STATUS_OK) {
       return status;
    }
@@ -245,7 +266,7 @@ DVS_EXPORT ReturnStatus DVSState_SwitchDeserialize(const char *swId, const void 
       STATE_TRACE(0, "DVS %s acquire failed\n", id);
       status = STATUS_NOT_FOUND;
    } else {
-      status = RestoreIntoSwitch(dvs, &restore, blob, parts);
+      status = RestoreIntoSwitch(dvs, &restore, blob, parts, sums);
    }
 
    if (status != STATUS_OK && created) {
@@ -256,44 +277,49 @@ DVS_EXPORT ReturnStatus DVSState_SwitchDeserialize(const char *swId, const void 
    return status;
 }
 
-DVS_EXPORT ReturnStatus DVSState_PortAddDeserialize(DVSwitch *dvs, const char *portId,
-                                                    const void *blob, uint32_t len) {
-   if (dvs == nullptr) {
-      return STATUS_NOT_FOUND;
-   }
-   if (portId == nullptr) {
-      return STATUS_BAD_PARAM;
-   }
-   STATE_TRACE(2, "Deserialize %s, %s\n", dvs->id, portId);
-   DVSDataHandle data = nullptr;
-   ReturnStatus status = DVSData_Deserialize(&data, blob, len, std::malloc, std::free);
+}  // namespace
+}  // namespace dvs::state
+
+using namespace dvs::state;
+
+extern "C" {
+
+DVS_EXPORT ReturnStatus DVSState_ConfigDeserialize(const void *blob, uint32_t len) {
+   STATE_TRACE(1, "DVSState_ConfigDeserialize\n");
+   // The whole host blob is checked before anything is restored; its
+   // switch records are then read in place.  The pass that checks its
+   // checksum also sums each switch and port blob in it, so that theirs
+   // are checked without reading them again.
+   dvs::data::NestedSums sums;
+   ReturnStatus status = dvs::data::CheckBlobTakingSums(blob, len, &sums);
    if (status != STATUS_OK) {
+      STATE_TRACE(0, "DVSState_ConfigDeserialize failed %s\n", HYP_ReturnStatusToString(status));
       return status;
    }
 
-   DVSDataEntry *typeEntry = nullptr;
-   if (DVSData_Lookup(data, DVS_PROP_PORT_TYPE, &typeEntry) == STATUS_OK) {
-      // The port type rides in the port data only to cross the blob; it is
-      // taken out again whether or not the port could be added.
-      uint32_t type = 0;
-      status = ReadU32(typeEntry, &type);
-      if (status != STATUS_OK) {
-         DVSData_Free(data);
-         return status;
-      }
-      status = DVSStatePortAdd(dvs, portId, data, type, nullptr);
-      STATE_TRACE(0, "Deserialize DV port(type %d) %s, return %s\n", static_cast<int>(type), portId,
-                  HYP_ReturnStatusToString(status));
-      DVSData_Remove(data, DVS_PROP_PORT_TYPE);
-   } else {
-      status = DVSStatePortAdd(dvs, portId, data, DVS_PORT_ACTIVE, nullptr);
-      STATE_TRACE(0, "Add active DV port %s, return %s\n", portId,
-                  HYP_ReturnStatusToString(status));
-   }
+   // Nobody sees the registry half restored.
+   StateLockGuard guard;
+   status = dvs::data::ForEachCheckedRecord(
+      blob, DVSDATA_DESERIALIZE_MASK, [&sums](const dvs::data::RecordView &rec) {
+         return SwitchDeserialize(rec.name, rec.data, rec.dataLen, &sums);
+      });
    if (status != STATUS_OK) {
-      DVSData_Free(data);
+      // A host blob is taken whole or not at all: a failure empties the
+      // registry, including the switches that were there before.
+      STATE_TRACE(0, "DVSState_SwitchDeserialize failed %s\n", HYP_ReturnStatusToString(status));
+      DVSState_ConfigReset();
    }
    return status;
+}
+
+DVS_EXPORT ReturnStatus DVSState_SwitchDeserialize(const char *swId, const void *blob,
+                                                   uint32_t len) {
+   return SwitchDeserialize(swId, blob, len, nullptr);
+}
+
+DVS_EXPORT ReturnStatus DVSState_PortAddDeserialize(DVSwitch *dvs, const char *portId,
+                                                    const void *blob, uint32_t len) {
+   return PortAddDeserialize(dvs, portId, blob, len, nullptr);
 }
 
 DVS_EXPORT ReturnStatus DVSState_PortDeserialize(const char *swId, const char *portId,

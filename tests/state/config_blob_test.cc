@@ -135,6 +135,29 @@ TEST_F(ConfigBlobTest, FailedReadsAndSparseSwitchBlobs) {
    EXPECT_EQ(Switches(), Ids{"pre"});
    EXPECT_EQ(Read(host), STATUS_BAD_CHECKSUM);  // nothing stays, not "pre", not "a"
    EXPECT_TRUE(Switches().empty());
+   // A port blob or a switch's nested list that fails its own checksum two
+   // levels down fails the read the same way, though every blob around it
+   // checks out; so does one whose header claims less than its record holds.
+   const std::string port = Blob({{"x", "1"}});
+   std::string badPort = port, shortPort = port;
+   badPort[port.size() - 8] ^= 1;
+   shortPort[0] = static_cast<char>(shortPort[0] - 4);
+   const std::vector<std::pair<Props, ReturnStatus>> nestedCases = {
+      {{{"p1", port}, {"p2", badPort}}, STATUS_BAD_CHECKSUM},
+      {{{"p1", shortPort}}, STATUS_BAD_PARAM},  // its end marker is outside it
+      {{{"globalPropList", badPort}}, STATUS_BAD_CHECKSUM}};
+   for (const auto &[records, status] : nestedCases) {
+      Props withPorts = base;
+      withPorts.insert(withPorts.end(), records.begin(), records.end());
+      const std::string nested = Blob({{"a", good}, {"c", Blob(withPorts)}});
+      EXPECT_EQ(Read(nested), status) << records.back().first;
+      EXPECT_TRUE(Switches().empty());
+   }
+   Props fine = base;
+   fine.insert(fine.end(), {{"globalPropList", port}, {"p1", port}, {"p2", port}});
+   EXPECT_EQ(Read(Blob({{"c", Blob(fine)}})), STATUS_OK);
+   EXPECT_EQ(Switches(), Ids{"c"});
+   EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
 
    // Without its two lists a switch gets empty ones.
    ASSERT_EQ(DVSState_SwitchDeserialize("a", good.data(), good.size()), STATUS_OK);
