@@ -24,6 +24,10 @@ struct Store;
 #define CONFIGSTORE_FAIL(...) ::dvs::DebugLog(dvsconfigstore_debug, 0, __VA_ARGS__)
 #define CONFIGSTORE_PROGRESS(...) ::dvs::DebugLog(dvsconfigstore_debug, 1, __VA_ARGS__)
 
+namespace dvs::data {
+class ScratchListMemory;
+}  // namespace dvs::data
+
 namespace dvs::configstore {
 
 // The row the save uses for propName in a class's table: the first row
@@ -159,9 +163,12 @@ class IntoPropList : public LoadedListDest {
 // holds the switch's version and class kind.  resMgmt (may be null) is the
 // switch's "resource_management" object, given for uplink ports.
 // nameIsNew: the caller knows that dest holds no entry named listName.
+// scratch (may be null): the list is built in that memory, which is reset
+// once the list is in dest.
 int32_t LoadConfigProps(const char *listName, ::configstore::Object *src, LoadedListDest *dest,
                         uint32_t propClass, const ConvertContext &switchCtx,
-                        ::configstore::Object *resMgmt, bool nameIsNew = false);
+                        ::configstore::Object *resMgmt, bool nameIsNew = false,
+                        ::dvs::data::ScratchListMemory *scratch = nullptr);
 // The same into the property list dest, as DVSData_Update adds to it.
 int32_t LoadConfigProps(const char *listName, ::configstore::Object *src, DVSDataHandle dest,
                         uint32_t propClass, const ConvertContext &switchCtx,

@@ -13,6 +13,7 @@
 #include "data/blob_build.h"
 #include "data/blob_stream.h"
 #include "data/property_list.h"
+#include "data/scratch_list_memory.h"
 
 namespace dvs::configstore {
 
@@ -264,6 +265,9 @@ int32_t LoadPorts(const SwitchPorts &ports, LoadedListDest *dest, bool keysNew,
    if (!keysNew) {
       taken = EntryNames(switchList);
    }
+   // Each port's list lives only until it is in dest; the next port's
+   // reuses its memory.
+   ::dvs::data::ScratchListMemory scratch;
    int32_t rc = cs::kSuccess;
    for (uint32_t i = 0; rc == cs::kSuccess && i < ports.objects.count; i++) {
       if (i == ports.keysRead) {
@@ -277,7 +281,7 @@ int32_t LoadPorts(const SwitchPorts &ports, LoadedListDest *dest, bool keysNew,
             ? ports.resMgmt
             : nullptr;
       rc = LoadConfigProps(portKey, ports.objects.objects[i], dest, PROP_CLASS_PORT, switchCtx,
-                           pools, keysNew || taken.AddIfNew(portKey));
+                           pools, keysNew || taken.AddIfNew(portKey), &scratch);
    }
    return AbsentIsSuccess(rc);
 }

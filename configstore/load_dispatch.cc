@@ -9,6 +9,7 @@
 #include "configstore/configstore_internal.h"
 #include "configstore/converters.h"
 #include "data/property_list.h"
+#include "data/scratch_list_memory.h"
 
 namespace dvs::configstore {
 
@@ -154,11 +155,14 @@ int32_t LoadConfigProps(const char *listName, cs::Object *src, DVSDataHandle des
 
 int32_t LoadConfigProps(const char *listName, cs::Object *src, LoadedListDest *dest,
                         uint32_t propClass, const ConvertContext &switchCtx, cs::Object *resMgmt,
-                        bool nameIsNew) {
+                        bool nameIsNew, ::dvs::data::ScratchListMemory *scratch) {
    CONFIGSTORE_PROGRESS("LoadProps: %s\n", listName);
+   using Scratch = ::dvs::data::ScratchListMemory;
    DVSDataHandle list = nullptr;
    int32_t rc = kConfigStoreOwnFailure;
-   if (propClass <= PROP_CLASS_PORT && DVSData_Alloc(&list, std::malloc, std::free) == STATUS_OK) {
+   if (propClass <= PROP_CLASS_PORT &&
+       DVSData_Alloc(&list, scratch != nullptr ? Scratch::Alloc : std::malloc,
+                     scratch != nullptr ? Scratch::Free : std::free) == STATUS_OK) {
       rc = LoadRows(GetConfigMap(static_cast<int32_t>(propClass)), propClass, src, switchCtx, list);
       if (rc == cs::kSuccess && propClass == PROP_CLASS_PORT && resMgmt != nullptr) {
          rc = LoadPortResPools(resMgmt, switchCtx, list);
@@ -170,6 +174,9 @@ int32_t LoadConfigProps(const char *listName, cs::Object *src, LoadedListDest *d
                  : kConfigStoreOwnFailure;
       }
       DVSData_Free(list);
+      if (scratch != nullptr) {
+         scratch->Reset();
+      }
    }
    if (rc != cs::kSuccess) {
       CONFIGSTORE_FAIL("Load dvs props from configstore failed, props type:%s\n", listName);

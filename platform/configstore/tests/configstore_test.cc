@@ -1061,7 +1061,10 @@ TEST_P(ConfigStoreTest, BadInputGivesCodes) {
    for (int i = 0; i < 100; i++) {
       char *id = nullptr;
       ASSERT_EQ(GenerateInstanceId(&id), kSuccess);
-      EXPECT_NE(id[0], '\0');
+      // A version 4 UUID of the RFC 4122 variant, in lower-case hex.
+      EXPECT_TRUE(std::regex_match(
+         id, std::regex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}")))
+         << id;
       ids.insert(id);
       free(id);
    }

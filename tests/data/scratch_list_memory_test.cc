@@ -1,0 +1,145 @@
+// Lists built in scratch memory: the same blobs as lists on the process
+// allocator, list after list in the same memory, entries of any size; no
+// memory without an open scope; and every block failing in turn gives a
+// clean NO_MEMORY with nothing left behind once the list is freed and the
+// memory reset.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "data/scratch_list_memory.h"
+#include "tests/support/prop_lists.h"
+#ifdef DVS_TEST_ALLOC_FAILURE
+#include "tests/support/alloc_interposer.h"
+#endif
+
+namespace {
+
+using dvs::data::ScratchListMemory;
+using testsupport::Props;
+
+// Short values, one larger than a quarter of the block, and enough of them
+// that the block fills and the rest goes apart.
+Props PortProps(int port, int count) {
+   Props props;
+   for (int i = 0; i < count; i++) {
+      const size_t len = i == 3 ? 20000u + static_cast<size_t>(port) : static_cast<size_t>(i % 7 + port % 3);
+      props.emplace_back("prop-" + std::to_string(i), std::string(len, static_cast<char>('a' + (port + i) % 26)));
+   }
+   return props;
+}
+
+// props built into a list in scratch memory, the first one then replaced.
+ReturnStatus Build(const Props &props, DVSDataHandle *out) {
+   DVSDataHandle list = nullptr;
+   ReturnStatus status = DVSData_Alloc(&list, ScratchListMemory::Alloc, ScratchListMemory::Free);
+   for (size_t i = 0; status == STATUS_OK && i < props.size(); i++) {
+      const auto &[name, value] = props[i];
+      status = DVSData_Append(list, name.c_str(), value.data(), uint32_t(value.size()), 0x10);
+   }
+   // A repeated name replaces its entry: the old one is "freed" in place.
+   if (status == STATUS_OK && !props.empty()) {
+      status = DVSData_Update(list, props[0].first.c_str(), "new", 3, 0x10);
+   }
+   *out = list;
+   return status;
+}
+
+// The entries of a scratch list copied to the process allocator and
+// serialized; the scratch list is freed.
+std::string BlobOf(DVSDataHandle list) {
+   DVSDataHandle copy = testsupport::NewList();
+   for (DVSDataEntry *e = list != nullptr ? list->head : nullptr; e != nullptr; e = e->next) {
+      EXPECT_EQ(DVSData_Append(copy, e->name, e->data, e->dataLen, e->flag), STATUS_OK);
+   }
+   void *blob = nullptr;
+   uint32_t len = 0;
+   EXPECT_EQ(DVSData_Serialize(copy, &blob, &len, 6), STATUS_OK);
+   std::string out(static_cast<char *>(blob), blob != nullptr ? len : 0);
+   free(blob);
+   DVSData_Free(copy);
+   DVSData_Free(list);
+   return out;
+}
+
+std::string ScratchBlob(const Props &props, ReturnStatus *status) {
+   DVSDataHandle list = nullptr;
+   *status = Build(props, &list);
+   if (*status != STATUS_OK) {
+      DVSData_Free(list);
+      return "";
+   }
+   return BlobOf(list);
+}
+
+std::string Expected(Props props) {
+   props.erase(props.begin());
+   props.emplace_back(PortProps(0, 1)[0].first, "new");
+   return testsupport::Serialize(props, 0x10, 6);
+}
+
+TEST(ScratchListMemoryTest, ListAfterListInTheSameMemory) {
+   ReturnStatus st = STATUS_OK;
+   EXPECT_EQ(ScratchListMemory::Alloc(16), nullptr) << "no scope open";
+   {
+      ScratchListMemory scratch;
+      const void *first = ScratchListMemory::Alloc(40);
+      ASSERT_NE(first, nullptr);
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % alignof(std::max_align_t), 0u);
+      for (int port = 0; port < 40; port++) {
+         const Props props = PortProps(port, 5 + port * 7);
+         ASSERT_EQ(ScratchBlob(props, &st), Expected(props)) << port;
+         ASSERT_EQ(st, STATUS_OK);
+         scratch.Reset();
+         EXPECT_EQ(ScratchListMemory::Alloc(40), first) << "the next list starts where the first did";
+         scratch.Reset();
+      }
+      {
+         // An inner scope stands in for the outer one until it goes.
+         ScratchListMemory inner;
+         EXPECT_NE(ScratchListMemory::Alloc(40), first);
+      }
+      EXPECT_EQ(ScratchListMemory::Alloc(40), first);
+   }
+   EXPECT_EQ(ScratchListMemory::Alloc(16), nullptr) << "the scope is closed";
+   EXPECT_TRUE(ScratchBlob(PortProps(1, 3), &st).empty());
+   EXPECT_EQ(st, STATUS_NO_MEMORY);
+}
+
+#ifdef DVS_TEST_ALLOC_FAILURE
+TEST(ScratchListMemoryTest, RunningOutOfMemoryLeavesNothingBehind) {
+   // Enough entries to fill the block, so that the rest go apart.
+   const Props props = PortProps(2, 600);
+   const std::string want = Expected(props);
+   const int failures = allocfail::ForEachFailure([&](long n) {
+      std::string got;
+      ReturnStatus st = STATUS_OK;
+      {
+         ScratchListMemory scratch;
+         DVSDataHandle list = nullptr;
+         st = allocfail::FailingAt(n, [&] { return Build(props, &list); });
+         if (st == STATUS_OK) {
+            got = BlobOf(list);
+         } else {
+            DVSData_Free(list);
+         }
+      }
+      if (!allocfail::Injected()) {
+         EXPECT_EQ(st, STATUS_OK);
+         EXPECT_EQ(got, want);
+         return;
+      }
+      // The block failing leaves the entries to go apart: that can still
+      // succeed.
+      if (st == STATUS_OK) {
+         EXPECT_EQ(got, want) << "failure at " << n;
+      } else {
+         EXPECT_EQ(st, STATUS_NO_MEMORY) << "failure at " << n;
+      }
+      EXPECT_EQ(allocfail::Live(), 0) << "failure at " << n;
+   });
+   EXPECT_GT(failures, 100);
+}
+#endif
+
+}  // namespace
