@@ -13,6 +13,7 @@
 #ifndef CONFIGSTORE_CLIENT_H
 #define CONFIGSTORE_CLIENT_H
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -47,6 +48,9 @@ struct TopLevel {
    // Sub-object handles, each the Node::handle of its node; a deque never
    // moves them and allocates them a block at a time.
    std::deque<Object> handles;
+   // Set for an object read among many (GetInstances): its tree was built
+   // long before it is used (see HandleFor).
+   std::atomic<bool> cold{false};
 };
 
 }  // namespace detail
@@ -114,6 +118,13 @@ bool IsRoot(const Object *obj);
 std::unique_ptr<Object> NewRoot(std::unique_ptr<detail::Tree> tree, std::string group,
                                 std::string object, std::string component, std::string instance);
 // The handle of `node` in the tree of `root`, reused when one exists.
+// The first handle into a cold tree first sweeps the tree into the cache:
+// a caller that reads many objects goes through them one after the other,
+// each long after its tree was built and pushed out of the cache by the
+// trees after it.  Without the sweep every node it reaches costs a wait
+// on memory, in an order the processor cannot foresee; the sweep streams
+// the tree's few blocks in address order.  Reading values of the top
+// level alone (a uuid, say) does not sweep.
 Object *HandleFor(Object *root, const NodePtr &node);
 // The live node of a handle, or null once it has been deleted.  No call
 // removes the node of the handle it is given (only nodes below it), so

@@ -211,14 +211,48 @@ NodePtr NewNode(std::pmr::memory_resource *arena);
 // The tree itself is not taken apart node by node when it goes:
 // everything in it came from the arena, which is released in a few large
 // blocks.
+// The upstream of a tree's arena: the process allocator, keeping a list
+// of the blocks it hands out (in a header in front of each, so that
+// keeping it never fails) for Tree::Warm to walk.
+class BlockList final : public std::pmr::memory_resource {
+  public:
+   BlockList() = default;
+   BlockList(const BlockList &) = delete;
+   BlockList &operator=(const BlockList &) = delete;
+
+   // Asks for every cache line of every block handed out and not given
+   // back to be brought into the cache.
+   void Touch() const;
+   // The blocks handed out and not given back: how many, and their bytes.
+   size_t Blocks() const;
+   size_t Bytes() const;
+
+  private:
+   struct Header {
+      Header *next;
+      Header *prev;
+      size_t bytes;
+   };
+   void *do_allocate(size_t bytes, size_t align) override;
+   void do_deallocate(void *p, size_t bytes, size_t align) override;
+   bool do_is_equal(const std::pmr::memory_resource &other) const noexcept override {
+      return this == &other;
+   }
+
+   Header *first_ = nullptr;
+};
+
 class Tree {
   public:
-   Tree() : root_() {}
+   Tree() : arena_(&blocks_), root_() {}
    ~Tree() {}  // the root is deliberately not destroyed: see above
    Tree(const Tree &) = delete;
    Tree &operator=(const Tree &) = delete;
 
    std::pmr::memory_resource *Arena() { return &arena_; }
+   // Brings the whole tree into the processor's cache, a block at a time
+   // in address order (see client.h: Live).
+   void Warm() const { blocks_.Touch(); }
    // The root node, made on first use.
    const NodePtr &Root() {
       if (!root_.node) {
@@ -228,6 +262,7 @@ class Tree {
    }
 
   private:
+   BlockList blocks_;  // declared first: the arena gives its blocks back to it
    std::pmr::monotonic_buffer_resource arena_;
    union RootSlot {
       NodePtr node;

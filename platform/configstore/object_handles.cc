@@ -34,6 +34,11 @@ std::unique_ptr<Object> NewRoot(std::unique_ptr<detail::Tree> tree, std::string 
 // A node carries the one handle made for it: a node taken out of the tree
 // and a new one made in its place never share a handle.
 Object *HandleFor(Object *root, const NodePtr &node) {
+   detail::TopLevel &top = *root->top;
+   if (top.cold.load(std::memory_order_relaxed) &&
+       top.cold.exchange(false, std::memory_order_relaxed)) {
+      top.tree->Warm();
+   }
    if (node->handle != nullptr) {
       return node->handle;
    }
