@@ -211,40 +211,41 @@ NodePtr NewNode(std::pmr::memory_resource *arena);
 // The tree itself is not taken apart node by node when it goes:
 // everything in it came from the arena, which is released in a few large
 // blocks.
-// The upstream of a tree's arena: the process allocator, keeping a list
-// of the blocks it hands out (in a header in front of each, so that
-// keeping it never fails) for Tree::Warm to walk.
-class BlockList final : public std::pmr::memory_resource {
+// The memory of one tree: blocks taken from the process allocator, each
+// handed out front to back and never given back until the arena goes
+// (freeing is a no-op).  Blocks start small, for the many small objects,
+// and double up to a limit.  The arena knows how far each block is used,
+// so that a tree can be brought into the cache by reading just that.
+class TreeArena final : public std::pmr::memory_resource {
   public:
-   BlockList() = default;
-   BlockList(const BlockList &) = delete;
-   BlockList &operator=(const BlockList &) = delete;
+   TreeArena() = default;
+   ~TreeArena() override;
+   TreeArena(const TreeArena &) = delete;
+   TreeArena &operator=(const TreeArena &) = delete;
 
-   // Asks for every cache line of every block handed out and not given
-   // back to be brought into the cache.
+   // Asks for every cache line handed out so far to be brought into the
+   // cache, the oldest last.
    void Touch() const;
-   // The blocks handed out and not given back: how many, and their bytes.
+   // The blocks taken, and the bytes handed out of them (alignment
+   // padding included).
    size_t Blocks() const;
-   size_t Bytes() const;
+   size_t Used() const;
 
   private:
-   struct Header {
-      Header *next;
-      Header *prev;
-      size_t bytes;
-   };
+   struct Block;
    void *do_allocate(size_t bytes, size_t align) override;
-   void do_deallocate(void *p, size_t bytes, size_t align) override;
+   void do_deallocate(void *, size_t, size_t) override {}
    bool do_is_equal(const std::pmr::memory_resource &other) const noexcept override {
       return this == &other;
    }
 
-   Header *first_ = nullptr;
+   Block *current_ = nullptr;  // the newest block; each links to the one before
+   size_t nextSize_ = 0;
 };
 
 class Tree {
   public:
-   Tree() : arena_(&blocks_), root_() {}
+   Tree() : root_() {}
    ~Tree() {}  // the root is deliberately not destroyed: see above
    Tree(const Tree &) = delete;
    Tree &operator=(const Tree &) = delete;
@@ -252,7 +253,7 @@ class Tree {
    std::pmr::memory_resource *Arena() { return &arena_; }
    // Brings the whole tree into the processor's cache, a block at a time
    // in address order (see client.h: Live).
-   void Warm() const { blocks_.Touch(); }
+   void Warm() const { arena_.Touch(); }
    // The root node, made on first use.
    const NodePtr &Root() {
       if (!root_.node) {
@@ -262,8 +263,7 @@ class Tree {
    }
 
   private:
-   BlockList blocks_;  // declared first: the arena gives its blocks back to it
-   std::pmr::monotonic_buffer_resource arena_;
+   TreeArena arena_;
    union RootSlot {
       NodePtr node;
       RootSlot() : node() {}
