@@ -14,6 +14,10 @@ namespace dvs::data {
 namespace {
 
 constexpr size_t kNotRemembered = SIZE_MAX;
+// A nested blob shorter than this is summed again by its reader, which
+// costs less than cutting it out and remembering its sum: it is in the
+// cache by then, and a host of tiny ports has thousands.
+constexpr uint32_t kWorthRemembering = 1024;
 // The header's words that lie before the checksummed part: the first
 // record's length and the first 16 bytes of its name.
 constexpr size_t kRecordWordsBeforeSum = (kChecksumStart - DVSDATA_HEADER_SIZE) / 4;
@@ -57,6 +61,11 @@ uint32_t NestedSums::SumRecords(const uint8_t *p, const uint8_t *end, bool desce
       }
       const uint32_t dataLen = LoadU32(p + kRecordDataLenOffset);
       if (dataLen % 4 != 0 || dataLen > serialLen - kRecordDataOffset) {
+         sum += SumWords(p, serialLen / 4);
+         p += serialLen;
+         continue;
+      }
+      if (!descend && dataLen < kWorthRemembering) {
          sum += SumWords(p, serialLen / 4);
          p += serialLen;
          continue;

@@ -6,7 +6,7 @@
 // the sum of the sums of any cut of it into word-aligned pieces.  The pass
 // cuts the blob at its records and at the records of values that look
 // like blobs, and remembers the word sum of every value it met, two levels
-// deep.  A reader of a nested blob then finds its checksum from the sum of
+// deep (below the top level, only of values of a kilobyte or more).  A reader of a nested blob then finds its checksum from the sum of
 // its value and its first eight words.  Every remembered sum is the true
 // sum of its bytes whatever they hold, so a damaged or hostile blob can
 // make the pass remember useless sums, never wrong ones.
