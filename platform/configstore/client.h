@@ -13,7 +13,6 @@
 #ifndef CONFIGSTORE_CLIENT_H
 #define CONFIGSTORE_CLIENT_H
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -50,7 +49,7 @@ struct TopLevel {
    std::deque<Object> handles;
    // Set for an object read among many (GetInstances): its tree was built
    // long before it is used (see HandleFor).
-   std::atomic<bool> cold{false};
+   bool cold = false;
 };
 
 }  // namespace detail

@@ -205,12 +205,6 @@ struct Node {
 // A new empty node whose containers, and whose own memory, come from `arena`.
 NodePtr NewNode(std::pmr::memory_resource *arena);
 
-// One object tree and the arena its memory comes from.  Nodes taken out
-// of the tree while it lives are destroyed only when a handle could tell
-// (see SubKey::AbandonAll); their memory stays with the arena either way.
-// The tree itself is not taken apart node by node when it goes:
-// everything in it came from the arena, which is released in a few large
-// blocks.
 // The memory of one tree: blocks taken from the process allocator, each
 // handed out front to back and never given back until the arena goes
 // (freeing is a no-op).  Blocks start small, for the many small objects,
@@ -243,6 +237,12 @@ class TreeArena final : public std::pmr::memory_resource {
    size_t nextSize_ = 0;
 };
 
+// One object tree and the arena its memory comes from.  Nodes taken out
+// of the tree while it lives are destroyed only when a handle could tell
+// (see SubKey::AbandonAll); their memory stays with the arena either way.
+// The tree itself is not taken apart node by node when it goes:
+// everything in it came from the arena, which is released in a few large
+// blocks.
 class Tree {
   public:
    Tree() : root_() {}
@@ -251,8 +251,8 @@ class Tree {
    Tree &operator=(const Tree &) = delete;
 
    std::pmr::memory_resource *Arena() { return &arena_; }
-   // Brings the whole tree into the processor's cache, a block at a time
-   // in address order (see client.h: Live).
+   // Asks for the whole tree to be brought into the processor's cache, a
+   // block at a time in address order (see client.h: HandleFor).
    void Warm() const { arena_.Touch(); }
    // The root node, made on first use.
    const NodePtr &Root() {

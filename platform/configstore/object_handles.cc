@@ -35,8 +35,8 @@ std::unique_ptr<Object> NewRoot(std::unique_ptr<detail::Tree> tree, std::string 
 // and a new one made in its place never share a handle.
 Object *HandleFor(Object *root, const NodePtr &node) {
    detail::TopLevel &top = *root->top;
-   if (top.cold.load(std::memory_order_relaxed) &&
-       top.cold.exchange(false, std::memory_order_relaxed)) {
+   if (top.cold) {
+      top.cold = false;
       top.tree->Warm();
    }
    if (node->handle != nullptr) {

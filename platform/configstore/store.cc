@@ -42,7 +42,7 @@ int32_t ReadInstances(Store *store, const detail::ObjectName &name, const char *
       // Each tree is built long before its caller gets to it (see
       // HandleFor).  Objects read without their bulk are small, and are
       // about to be rewritten: sweeping them measured slower.
-      found.back()->top->cold.store(dropKeys == nullptr, std::memory_order_relaxed);
+      found.back()->top->cold = dropKeys == nullptr;
    }
    Object **array = NewObjectArray(found.size());
    for (size_t i = 0; i < found.size(); ++i) {
