@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "data/blob_view.h"
-#include "data/nested_sums.h"
 #include "data/data_trace.h"
+#include "data/nested_sums.h"
 #include "data/property_list.h"
 #include "data/record_layout.h"
 

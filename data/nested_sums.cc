@@ -59,13 +59,11 @@ uint32_t NestedSums::SumRecords(const uint8_t *p, const uint8_t *end, bool desce
           serialLen > static_cast<size_t>(end - p)) {
          break;
       }
+      // A value that cannot be cut out on word boundaries, or that is not
+      // worth remembering, is summed with its record in one piece.
       const uint32_t dataLen = LoadU32(p + kRecordDataLenOffset);
-      if (dataLen % 4 != 0 || dataLen > serialLen - kRecordDataOffset) {
-         sum += SumWords(p, serialLen / 4);
-         p += serialLen;
-         continue;
-      }
-      if (!descend && dataLen < kWorthRemembering) {
+      if (dataLen % 4 != 0 || dataLen > serialLen - kRecordDataOffset ||
+          (!descend && dataLen < kWorthRemembering)) {
          sum += SumWords(p, serialLen / 4);
          p += serialLen;
          continue;

@@ -45,19 +45,13 @@ ReturnStatus Build(const Props &props, DVSDataHandle *out) {
    return status;
 }
 
-// The entries of a scratch list copied to the process allocator and
-// serialized; the scratch list is freed.
+// A scratch list serialized into a buffer of the test's own; the list is
+// freed.
 std::string BlobOf(DVSDataHandle list) {
-   DVSDataHandle copy = testsupport::NewList();
-   for (DVSDataEntry *e = list != nullptr ? list->head : nullptr; e != nullptr; e = e->next) {
-      EXPECT_EQ(DVSData_Append(copy, e->name, e->data, e->dataLen, e->flag), STATUS_OK);
-   }
-   void *blob = nullptr;
-   uint32_t len = 0;
-   EXPECT_EQ(DVSData_Serialize(copy, &blob, &len, 6), STATUS_OK);
-   std::string out(static_cast<char *>(blob), blob != nullptr ? len : 0);
-   free(blob);
-   DVSData_Free(copy);
+   uint32_t len = DVSData_SerializedSize(list, 6);
+   std::string out(len, '\0');
+   void *blob = out.data();
+   EXPECT_EQ(DVSData_Serialize(list, &blob, &len, 6), STATUS_OK);
    DVSData_Free(list);
    return out;
 }
