@@ -9,10 +9,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "backend.h"
 #include "configstore.h"
 #include "host_name.h"
+#include "idle_backends.h"
 
 namespace configstore {
 namespace detail {
@@ -88,8 +90,13 @@ bool ParseEtcdUrl(const std::string &url, EtcdLocation *where, std::string *why)
 int32_t OpenBackend(std::unique_ptr<Backend> *out) {
    const char *url = std::getenv(kUrlEnv);
    if (url == nullptr || *url == '\0') {
-      const char *path = std::getenv(kPathEnv);
-      return OpenSqliteBackend(path == nullptr || *path == '\0' ? kDefaultPath : path, out);
+      const char *env = std::getenv(kPathEnv);
+      const char *path = env == nullptr || *env == '\0' ? kDefaultPath : env;
+      if (std::unique_ptr<Backend> idle = TakeIdleBackend(path)) {
+         *out = std::move(idle);
+         return kSuccess;
+      }
+      return OpenSqliteBackend(path, out);
    }
    const std::string text = url;
    std::string why;

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace configstore {
@@ -55,6 +56,22 @@ class Backend {
                         std::vector<StoredDocument> *out) = 0;
    // Every host whose objects this store holds.
    virtual int32_t Hosts(std::vector<HostSummary> *out) = 0;
+
+   // ---- kept open for a later store of this process (idle_backends.h) ----
+
+   // Where the documents are kept; an idle backend serves a new store of
+   // the same place.  Empty for a backend that is never kept.
+   virtual std::string_view Place() const { return {}; }
+   // Readies the backend of a destroyed store to wait for the next store;
+   // false when it cannot (a transaction still open, its files not found)
+   // and must be closed instead.
+   virtual bool Park() noexcept { return false; }
+   // Whether a parked backend may serve again: nothing but the database
+   // engine itself has removed, replaced or rewritten its files since.
+   virtual bool StillServes() const noexcept { return false; }
+   // Makes closing the backend leave its files untouched: for one whose
+   // files may no longer be its own.
+   virtual void Disown() noexcept {}
 };
 
 // Opens the backend that CONFIGSTORE_URL (else CONFIGSTORE_PATH) names.

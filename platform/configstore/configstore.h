@@ -7,7 +7,7 @@
 // id null or "") or a collection of instances keyed by instance id, kept in
 // the order they were created.  Objects are kept in an SQLite database
 // (CONFIGSTORE_PATH, else /var/lib/ostrel/configstore.db) with real
-// transactions; each GetStore is a connection of its own.
+// transactions; each GetStore is a connection of its own (see DestroyStore).
 //
 // CONFIGSTORE_URL=etcd://HOST:PORT[,HOST:PORT...]/PREFIX keeps them in an
 // etcd cluster instead, under the host namespace CONFIGSTORE_HOST (else the
@@ -87,7 +87,18 @@ CONFIGSTORE_EXPORT int32_t GetStore(int32_t flags, Store **store);
 CONFIGSTORE_EXPORT int32_t BeginTransaction(Store *store);
 CONFIGSTORE_EXPORT int32_t CommitTransaction(Store *store);
 CONFIGSTORE_EXPORT int32_t CancelTransaction(Store *store);
+// A store destroyed outside a transaction leaves its database connection
+// open for the next GetStore of the same file in this process (a few at
+// most), which then skips opening one.  A connection is used again only
+// while its files are the ones it left; one whose file was removed,
+// replaced or rewritten meanwhile is closed without writing to it.  While
+// connections are idle the latest commits may still sit in the file's
+// journal (the -wal file beside it), as with any open connection: copy the
+// database with SQLite's backup, or call CloseIdleStores first, which
+// closes them (as does the process's exit), moving the journal into the
+// file.
 CONFIGSTORE_EXPORT void DestroyStore(Store *store);
+CONFIGSTORE_EXPORT void CloseIdleStores();
 
 CONFIGSTORE_EXPORT int32_t Get(Store *store, const char *group, const char *object,
                                const char *component, const char *instanceId, Object **out);

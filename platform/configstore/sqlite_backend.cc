@@ -1,7 +1,9 @@
 // sqlite_backend.cc -- the store's documents in a local SQLite file.
 //
 // One connection per store (WAL journal, synchronous=FULL, 5 s busy
-// timeout); statements are prepared once per connection and reused.
+// timeout), kept open for the process's next store when the store goes
+// (idle_backends.h); statements are prepared once per connection and
+// reused.
 // Transactions are SQLite's own (BEGIN IMMEDIATE).
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -12,6 +14,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -216,6 +219,44 @@ int32_t PrepareSchema(sqlite3 *db) {
    return found == 2 ? kSuccess : kCorrupt;
 }
 
+// What a database's files look like from outside, enough to tell that
+// something other than SQLite removed, replaced or rewrote them.  SQLite
+// grows and shrinks the journal and its index as it works, so only their
+// identity counts; the database file changes only when a checkpoint (ours
+// or another connection's) or someone else writes it.
+class DatabaseFiles {
+  public:
+   // The names of a database's files.
+   struct Names {
+      std::string db, wal, shm;
+      explicit Names(const std::string &path) : db(path), wal(path + "-wal"), shm(path + "-shm") {}
+   };
+
+   // False when a file is missing.
+   bool Look(const Names &files) noexcept {
+      return Stat(files.db.c_str(), &db_) && Stat(files.wal.c_str(), &wal_) &&
+             Stat(files.shm.c_str(), &shm_);
+   }
+
+   bool operator==(const DatabaseFiles &o) const noexcept {
+      return Same(db_, o.db_) && db_.st_size == o.db_.st_size && Same(db_.st_mtim, o.db_.st_mtim) &&
+             Same(db_.st_ctim, o.db_.st_ctim) && Same(wal_, o.wal_) && Same(shm_, o.shm_);
+   }
+
+  private:
+   static bool Stat(const char *path, struct stat *st) noexcept { return ::stat(path, st) == 0; }
+   static bool Same(const struct stat &a, const struct stat &b) noexcept {
+      return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+   }
+   static bool Same(const timespec &a, const timespec &b) noexcept {
+      return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+   }
+
+   struct stat db_ {};
+   struct stat wal_ {};
+   struct stat shm_ {};
+};
+
 using Clock = std::chrono::steady_clock;
 
 // Runs one step of opening a store again while it fails with kBusy and the
@@ -379,6 +420,36 @@ class SqliteBackend final : public Backend {
       return step == SQLITE_DONE ? kSuccess : FromSqlite(step);
    }
 
+   std::string_view Place() const override { return path_; }
+
+   bool Park() noexcept override {
+      if (in_txn_ || !sqlite3_get_autocommit(db_)) {
+         return false;
+      }
+      for (sqlite3_stmt *stmt = sqlite3_next_stmt(db_, nullptr); stmt != nullptr;
+           stmt = sqlite3_next_stmt(db_, stmt)) {
+         if (sqlite3_stmt_busy(stmt)) {
+            return false;
+         }
+      }
+      // Everything committed goes into the database file now, as closing
+      // did: the file by itself stays a complete copy between stores.
+      sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+      return parked_.Look(files_);
+   }
+
+   bool StillServes() const noexcept override {
+      DatabaseFiles now;
+      return now.Look(files_) && now == parked_;
+   }
+
+   // SQLite's own close checkpoints the journal into the database file
+   // and deletes the journal, by name; on files that are no longer this
+   // connection's, both would damage someone else's database.
+   void Disown() noexcept override {
+      sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+   }
+
    // A file holds the objects of the host it is on; its last save is the
    // file's (or its journal's) modification time.
    int32_t Hosts(std::vector<HostSummary> *out) override {
@@ -405,6 +476,8 @@ class SqliteBackend final : public Backend {
    }
 
    std::string path_;
+   DatabaseFiles::Names files_{path_};
+   DatabaseFiles parked_;  // as they were when the store using this went
    bool in_txn_ = false;
    sqlite3 *db_ = nullptr;
    StatementCache statements_;

@@ -1,6 +1,7 @@
 // store.cc -- stores and transactions, and the top-level objects they read
 // and write.
 #include "client.h"
+#include "idle_backends.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -120,7 +121,16 @@ int32_t CancelTransaction(Store *store) {
 }
 
 void DestroyStore(Store *store) {
-   delete store;
+   std::unique_ptr<Store> gone(store);
+   // A store destroyed inside a transaction is closed, which rolls the
+   // transaction back; any other leaves its connection to the next store.
+   if (gone != nullptr && !gone->inTransaction) {
+      detail::ReleaseBackend(std::move(gone->backend));
+   }
+}
+
+void CloseIdleStores() {
+   detail::CloseIdleBackends();
 }
 
 int32_t GetHosts(Store *store, HostInfo **hosts, uint32_t *count) {
