@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -220,6 +221,39 @@ TEST_F(IdleStoreTest, StoreDestroyedInATransactionIsRolledBackAndClosed) {
    EXPECT_EQ(BeginTransaction(s), kSuccess);
    EXPECT_EQ(CancelTransaction(s), kSuccess);
    DestroyStore(s);
+}
+
+TEST_F(IdleStoreTest, ThreadsShareTheIdleConnections) {
+   ASSERT_EQ(Write("seed", "0"), kSuccess);
+   // Each thread writes its own value and reads it back, over and over,
+   // on connections the others keep handing back.
+   constexpr int kThreads = 4, kRounds = 40;
+   std::vector<int> wrong(kThreads, 0);
+   std::vector<std::thread> threads;
+   for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([t, &wrong] {
+         const std::string key = "t" + std::to_string(t);
+         for (int round = 0; round < kRounds; ++round) {
+            const std::string value = std::to_string(round);
+            int32_t rc;
+            do {
+               rc = Write(key.c_str(), value.c_str());
+            } while (rc == kBusy);
+            if (rc != kSuccess || Read(key.c_str()) != value) {
+               ++wrong[t];
+            }
+         }
+      });
+   }
+   for (std::thread &thread : threads) {
+      thread.join();
+   }
+   for (int t = 0; t < kThreads; ++t) {
+      EXPECT_EQ(wrong[t], 0) << "thread " << t;
+      EXPECT_EQ(Read(("t" + std::to_string(t)).c_str()), std::to_string(kRounds - 1));
+   }
+   CloseIdleStores();
+   EXPECT_EQ(OpenDescriptors(path_), 0);
 }
 
 TEST_F(IdleStoreTest, ForkedChildOpensItsOwnAndExitClosesIt) {
