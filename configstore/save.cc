@@ -10,6 +10,8 @@
 
 #include "configstore/configstore_internal.h"
 #include "configstore/existing_objects.h"
+#include "data/arena_list_memory.h"
+#include "state/list_memory.h"
 
 namespace dvs::configstore {
 
@@ -56,6 +58,14 @@ int32_t SavePorts(cs::Object *obj, DVSwitch *dvs, const ConvertContext &switchCt
       }
    }
    return cs::kSuccess;
+}
+
+// The early returns that leave the rebuilt registry to the caller: its
+// lists must not stay in the arena that goes with the call, so the
+// registry is rebuilt once more on the heap.
+void RebuildRegistryOnHeap(const void *buf, uint32_t len) {
+   DVSState_ConfigReset();
+   DVSState_ConfigDeserialize(buf, len);
 }
 
 }  // namespace
@@ -120,9 +130,17 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
    }
    KRecLock *lock = DVSwitchHandleLock();
    DVSState_ConfigReset();
+   // The registry is rebuilt only to be walked once and cleared at the end
+   // of this call, so its property lists take their entries from an arena
+   // released in one go rather than one heap block per property.  The
+   // arena outlives every return below, each of which clears the registry
+   // or rebuilds it on the heap first.
+   ::dvs::data::ArenaListMemory arena;
+   const ::dvs::state::ListMemory arenaLists{::dvs::data::ArenaListMemory::Alloc,
+                                             ::dvs::data::ArenaListMemory::Free};
    // A buffer that does not describe a host's switches must not be taken
    // for a host without switches: that would delete every switch object.
-   const ReturnStatus rebuilt = DVSState_ConfigDeserialize(buf, len);
+   const ReturnStatus rebuilt = ::dvs::state::ConfigDeserializeWith(buf, len, arenaLists);
    if (rebuilt != STATUS_OK) {
       CONFIGSTORE_FAIL("Failed to load dvs buffer to save to configstore, error: %s\n",
                        HYP_ReturnStatusToString(rebuilt));
@@ -144,6 +162,7 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
    if (rc != cs::kSuccess || store == nullptr) {
       // Deliberately returns with the switch handle lock held and the
       // rebuilt registry in place, as callers of this interface expect.
+      RebuildRegistryOnHeap(buf, len);
       CONFIGSTORE_FAIL("Get store failed\n");
       return kConfigStoreOwnFailure;
    }
@@ -151,6 +170,7 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
    if (rc != cs::kSuccess) {
       // The lock stays held here too; the connection, which nobody else
       // can reach, is closed.
+      RebuildRegistryOnHeap(buf, len);
       cs::DestroyStore(store);
       return rc;
    }

@@ -11,6 +11,7 @@
 
 #include "data/blob_view.h"
 #include "data/nested_sums.h"
+#include "state/list_memory.h"
 #include "state/state_internal.h"
 
 namespace dvs::state {
@@ -84,13 +85,13 @@ const uint32_t *WordSumOf(const dvs::data::NestedSums *sums, const dvs::data::Re
 // blob without it gets an empty list, so that the switch always holds a
 // valid one.
 ReturnStatus TakeNestedList(const dvs::data::RecordView *rec, const dvs::data::NestedSums *sums,
-                            DVSDataHandle *out) {
+                            ListMemory memory, DVSDataHandle *out) {
    if (rec == nullptr) {
-      return DVSData_Alloc(out, std::malloc, std::free);
+      return DVSData_Alloc(out, memory.alloc, memory.free);
    }
    DVSDataHandle decoded = nullptr;
    const ReturnStatus status =
-      dvs::data::DeserializeList(&decoded, rec->data, rec->dataLen, std::malloc, std::free,
+      dvs::data::DeserializeList(&decoded, rec->data, rec->dataLen, memory.alloc, memory.free,
                                  DVSDATA_DESERIALIZE_MASK, WordSumOf(sums, *rec));
    if (status != STATUS_OK) {
       return status;
@@ -149,7 +150,7 @@ struct SwitchRestore {
 
 // Adds a port from its blob, whose words sum to *wordSum when known.
 ReturnStatus PortAddDeserialize(DVSwitch *dvs, const char *portId, const void *blob, uint32_t len,
-                                const uint32_t *wordSum) {
+                                const uint32_t *wordSum, ListMemory memory) {
    if (dvs == nullptr) {
       return STATUS_NOT_FOUND;
    }
@@ -158,7 +159,7 @@ ReturnStatus PortAddDeserialize(DVSwitch *dvs, const char *portId, const void *b
    }
    STATE_TRACE(2, "Deserialize %s, %s\n", dvs->id, portId);
    DVSDataHandle data = nullptr;
-   ReturnStatus status = dvs::data::DeserializeList(&data, blob, len, std::malloc, std::free,
+   ReturnStatus status = dvs::data::DeserializeList(&data, blob, len, memory.alloc, memory.free,
                                                     DVSDATA_DESERIALIZE_MASK, wordSum);
    if (status != STATUS_OK) {
       return status;
@@ -193,7 +194,8 @@ ReturnStatus PortAddDeserialize(DVSwitch *dvs, const char *portId, const void *b
 // the switch blob, straight from the blob.  Stops at the first port that
 // cannot be added.
 ReturnStatus RestoreIntoSwitch(DVSwitch *dvs, SwitchRestore *restore, const void *blob,
-                               const SwitchParts &parts, const dvs::data::NestedSums *sums) {
+                               const SwitchParts &parts, const dvs::data::NestedSums *sums,
+                               ListMemory memory) {
    DVS_ASSERT_STATE_LOCKED();
    DVSData_Free(dvs->hostPropList);
    DVSData_Free(dvs->globalPropList);
@@ -207,14 +209,15 @@ ReturnStatus RestoreIntoSwitch(DVSwitch *dvs, SwitchRestore *restore, const void
          if (parts.IsPart(rec)) {
             return STATUS_OK;
          }
-         return PortAddDeserialize(dvs, rec.name, rec.data, rec.dataLen, WordSumOf(sums, rec));
+         return PortAddDeserialize(dvs, rec.name, rec.data, rec.dataLen, WordSumOf(sums, rec),
+                                   memory);
       });
 }
 
 // Restores a switch from its blob; sums tells the checksums of its nested
 // blobs when it came inside a host blob.
 ReturnStatus SwitchDeserialize(const char *swId, const void *blob, uint32_t len,
-                               const dvs::data::NestedSums *sums) {
+                               const dvs::data::NestedSums *sums, ListMemory memory) {
    SwitchRestore restore;
    if (swId != nullptr) {
       std::memcpy(restore.id, swId, strnlen(swId, sizeof restore.id - 1));
@@ -230,11 +233,11 @@ ReturnStatus SwitchDeserialize(const char *swId, const void *blob, uint32_t len,
    }
    SwitchParts parts;
    FindSwitchParts(blob, &parts);
-   status = TakeNestedList(parts.Get(SwitchParts::kHostList), sums, &restore.hostList);
+   status = TakeNestedList(parts.Get(SwitchParts::kHostList), sums, memory, &restore.hostList);
    if (status != STATUS_OK) {
       return status;
    }
-   status = TakeNestedList(parts.Get(SwitchParts::kGlobalList), sums, &restore.globalList);
+   status = TakeNestedList(parts.Get(SwitchParts::kGlobalList), sums, memory, &restore.globalList);
    if (status != STATUS_OK) {
       return status;
    }
@@ -266,7 +269,7 @@ ReturnStatus SwitchDeserialize(const char *swId, const void *blob, uint32_t len,
       STATE_TRACE(0, "DVS %s acquire failed\n", id);
       status = STATUS_NOT_FOUND;
    } else {
-      status = RestoreIntoSwitch(dvs, &restore, blob, parts, sums);
+      status = RestoreIntoSwitch(dvs, &restore, blob, parts, sums, memory);
    }
 
    if (status != STATUS_OK && created) {
@@ -278,13 +281,8 @@ ReturnStatus SwitchDeserialize(const char *swId, const void *blob, uint32_t len,
 }
 
 }  // namespace
-}  // namespace dvs::state
 
-using namespace dvs::state;
-
-extern "C" {
-
-DVS_EXPORT ReturnStatus DVSState_ConfigDeserialize(const void *blob, uint32_t len) {
+ReturnStatus ConfigDeserializeWith(const void *blob, uint32_t len, ListMemory memory) {
    STATE_TRACE(1, "DVSState_ConfigDeserialize\n");
    // The whole host blob is checked before anything is restored; its
    // switch records are then read in place.  The pass that checks its
@@ -300,8 +298,8 @@ DVS_EXPORT ReturnStatus DVSState_ConfigDeserialize(const void *blob, uint32_t le
    // Nobody sees the registry half restored.
    StateLockGuard guard;
    status = dvs::data::ForEachCheckedRecord(
-      blob, DVSDATA_DESERIALIZE_MASK, [&sums](const dvs::data::RecordView &rec) {
-         return SwitchDeserialize(rec.name, rec.data, rec.dataLen, &sums);
+      blob, DVSDATA_DESERIALIZE_MASK, [&sums, memory](const dvs::data::RecordView &rec) {
+         return SwitchDeserialize(rec.name, rec.data, rec.dataLen, &sums, memory);
       });
    if (status != STATUS_OK) {
       // A host blob is taken whole or not at all: a failure empties the
@@ -312,14 +310,24 @@ DVS_EXPORT ReturnStatus DVSState_ConfigDeserialize(const void *blob, uint32_t le
    return status;
 }
 
+}  // namespace dvs::state
+
+using namespace dvs::state;
+
+extern "C" {
+
+DVS_EXPORT ReturnStatus DVSState_ConfigDeserialize(const void *blob, uint32_t len) {
+   return ConfigDeserializeWith(blob, len, kHeapListMemory);
+}
+
 DVS_EXPORT ReturnStatus DVSState_SwitchDeserialize(const char *swId, const void *blob,
                                                    uint32_t len) {
-   return SwitchDeserialize(swId, blob, len, nullptr);
+   return SwitchDeserialize(swId, blob, len, nullptr, kHeapListMemory);
 }
 
 DVS_EXPORT ReturnStatus DVSState_PortAddDeserialize(DVSwitch *dvs, const char *portId,
                                                     const void *blob, uint32_t len) {
-   return PortAddDeserialize(dvs, portId, blob, len, nullptr);
+   return PortAddDeserialize(dvs, portId, blob, len, nullptr, kHeapListMemory);
 }
 
 DVS_EXPORT ReturnStatus DVSState_PortDeserialize(const char *swId, const char *portId,

@@ -64,6 +64,28 @@ ReturnStatus PortRemove(DVSwitch *dvs, const char *portId, uint32_t type) {
    return STATUS_OK;
 }
 
+void RemoveAllPorts(DVSwitch *dvs) {
+   // Ports are released in the order a walk over the switch removing them
+   // one by one would take, with the same message each; the walk, too,
+   // stops at a slot marked in use that holds no port.  Leaving the port
+   // index behind is what makes this cheaper: the record it lives in is
+   // about to be freed.
+   for (uint32_t bit = BitVector_NextBit(dvs->portBitmap, 0); bit != BITVECTOR_NOT_FOUND;
+        bit = BitVector_NextBit(dvs->portBitmap, bit + 1)) {
+      DVSPort *port = dvs->ports[bit];
+      if (port == nullptr) {
+         return;
+      }
+      STATE_TRACE(1, "DVSState_PortRemove %s, %s\n", dvs->id, port->id);
+      DVSData_Free(port->data);
+      std::free(port);
+      dvs->ports[bit] = nullptr;
+      BitVector_Clear(dvs->portBitmap, bit);
+      uwNumActivePortsOnHost--;
+      dvs->numPorts--;
+   }
+}
+
 }  // namespace dvs::state
 
 using namespace dvs::state;

@@ -152,19 +152,6 @@ ReturnStatus SwitchAddLocked(const char *id, const char *className, uint32_t kin
    return STATUS_OK;
 }
 
-// Walk callback of a switch removal: removes the port it is given, and
-// stops the walk with the failure flagged when that removal fails.
-bool RemoveOnePort(DVSPort *port, void *ctx) {
-   // The id lives in the record that the removal releases.
-   char portId[DVS_PORT_ID_MAX];
-   std::memcpy(portId, port->id, sizeof portId);
-   if (PortRemove(port->dvs, portId, port->portType) != STATUS_OK) {
-      *static_cast<bool *>(ctx) = true;
-      return true;
-   }
-   return false;
-}
-
 // Runs the internal remove on every registered switch, in slot order.
 ReturnStatus ResetLocked() {
    DVS_ASSERT_STATE_LOCKED();
@@ -234,13 +221,7 @@ ReturnStatus SwitchRemoveLocked(const char *id) {
       return STATUS_NOT_FOUND;
    }
    DVSwitch *dvs = *slot;
-   bool portFailed = false;
-   DVSState_PortForEach(dvs, RemoveOnePort, &portFailed);
-   if (portFailed) {
-      // The switch stays registered with the ports that are left; callers
-      // are told the removal succeeded.
-      return STATUS_OK;
-   }
+   RemoveAllPorts(dvs);
    FreeSwitchRecord(dvs);
    *slot = nullptr;
    return STATUS_OK;

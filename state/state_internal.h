@@ -27,12 +27,15 @@ extern DVSwitch *globalSwsArray[DVS_MAX_SWITCHES];
 extern uint32_t uwNumActivePortsOnHost;
 
 // Removes the switch with this id and all its ports; the caller holds the
-// lock.  A failing port removal is reported as success and leaves the
-// switch registered with its remaining ports.
+// lock.
 ReturnStatus SwitchRemoveLocked(const char *id);
 
 // Removes the first port of this id and type from the switch.
 ReturnStatus PortRemove(DVSwitch *dvs, const char *portId, uint32_t type);
+
+// Removes every port of a switch that is being freed, leaving its port
+// index out of date.
+void RemoveAllPorts(DVSwitch *dvs);
 
 // The text form of a 16-byte switch UUID by which switches are registered:
 // "xx xx xx xx xx xx xx xx-xx xx xx xx xx xx xx xx" (47 characters).

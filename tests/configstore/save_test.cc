@@ -372,6 +372,8 @@ TEST_F(SaveTest, OneFailingPropertyCancelsTheWholeRun) {
 
 TEST_F(SaveTest, EarlyFailuresBeforeAnyStoreWork) {
    AddSwitch("sw-a", "vswitch", 8, 7);
+   Global("sw-a", "com.ostrel.common.version", U32(7));
+   AddPort("sw-a", "p-1", {{"com.ostrel.common.port.connectid", U32(41)}});
    const std::string blob = TakeBlob();
 
    const std::string noBuffer = testsupport::CapturedStdout(
@@ -389,6 +391,20 @@ TEST_F(SaveTest, EarlyFailuresBeforeAnyStoreWork) {
       EXPECT_EQ(run.rc, -1) << path;
       EXPECT_TRUE(Has(run.out, "Get store failed\n")) << run.out;
       EXPECT_NE(DVSState_SwitchFind("sw-a"), nullptr);
+      // The registry kept is the caller's to use and change: its lists
+      // must not live in memory that the run released.
+      DVSPort *port = DVSState_PortFind("sw-a", "p-1");
+      ASSERT_NE(port, nullptr);
+      void *val = nullptr;
+      uint32_t len = 0;
+      ASSERT_EQ(DVSState_PortDataGet(port, "com.ostrel.common.port.connectid", &val, &len),
+                STATUS_OK);
+      EXPECT_EQ(std::string(static_cast<const char *>(val), len), U32(41));
+      const uint32_t added = 5;
+      EXPECT_EQ(DVSState_PortDataSet(port, "com.example.port.tag", &added, sizeof added, 0),
+                STATUS_OK);
+      EXPECT_EQ(DVSState_GlobalPropSet("sw-a", "com.example.tag", &added, sizeof added, 0),
+                STATUS_OK);
       ExpectLockKeptOnceAndDrop();
       EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
    }

@@ -1,12 +1,17 @@
-// Lists built in scratch memory: the same blobs as lists on the process
-// allocator, list after list in the same memory, entries of any size; no
-// memory without an open scope; and every block failing in turn gives a
-// clean NO_MEMORY with nothing left behind once the list is freed and the
-// memory reset.
+// Lists built in scratch and arena memory: the same blobs as lists on the
+// process allocator, entries of any size; no memory without an open scope;
+// and every block failing in turn gives a clean NO_MEMORY with nothing left
+// behind once the list is freed and the scope closed.  Scratch memory
+// serves list after list from the same block; an arena carves its small
+// entries from one chunk around the large ones it keeps apart.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
+#include <type_traits>
+#include <vector>
 
+#include "data/arena_list_memory.h"
 #include "data/scratch_list_memory.h"
 #include "tests/support/prop_lists.h"
 #ifdef DVS_TEST_ALLOC_FAILURE
@@ -15,6 +20,7 @@
 
 namespace {
 
+using dvs::data::ArenaListMemory;
 using dvs::data::ScratchListMemory;
 using testsupport::Props;
 
@@ -29,10 +35,11 @@ Props PortProps(int port, int count) {
    return props;
 }
 
-// props built into a list in scratch memory, the first one then replaced.
+// props built into a list in Memory, the first one then replaced.
+template <typename Memory>
 ReturnStatus Build(const Props &props, DVSDataHandle *out) {
    DVSDataHandle list = nullptr;
-   ReturnStatus status = DVSData_Alloc(&list, ScratchListMemory::Alloc, ScratchListMemory::Free);
+   ReturnStatus status = DVSData_Alloc(&list, Memory::Alloc, Memory::Free);
    for (size_t i = 0; status == STATUS_OK && i < props.size(); i++) {
       const auto &[name, value] = props[i];
       status = DVSData_Append(list, name.c_str(), value.data(), uint32_t(value.size()), 0x10);
@@ -45,7 +52,7 @@ ReturnStatus Build(const Props &props, DVSDataHandle *out) {
    return status;
 }
 
-// A scratch list serialized into a buffer of the test's own; the list is
+// A list serialized into a buffer of the test's own; the list is
 // freed.
 std::string BlobOf(DVSDataHandle list) {
    uint32_t len = DVSData_SerializedSize(list, 6);
@@ -56,9 +63,10 @@ std::string BlobOf(DVSDataHandle list) {
    return out;
 }
 
+template <typename Memory = ScratchListMemory>
 std::string ScratchBlob(const Props &props, ReturnStatus *status) {
    DVSDataHandle list = nullptr;
-   *status = Build(props, &list);
+   *status = Build<Memory>(props, &list);
    if (*status != STATUS_OK) {
       DVSData_Free(list);
       return "";
@@ -70,6 +78,55 @@ std::string Expected(Props props) {
    props.erase(props.begin());
    props.emplace_back(PortProps(0, 1)[0].first, "new");
    return testsupport::Serialize(props, 0x10, 6);
+}
+
+template <typename Memory>
+class ListMemoryTest : public ::testing::Test {};
+using Memories = ::testing::Types<ScratchListMemory, ArenaListMemory>;
+TYPED_TEST_SUITE(ListMemoryTest, Memories);
+
+TYPED_TEST(ListMemoryTest, ListsOfAnySizeGiveTheHeapsBlobs) {
+   ReturnStatus st = STATUS_OK;
+   EXPECT_EQ(TypeParam::Alloc(16), nullptr) << "no scope open";
+   {
+      TypeParam memory;
+      // Lists kept together, as a registry keeps its ports, then written.
+      std::vector<DVSDataHandle> lists;
+      for (int port = 0; port < 60 && st == STATUS_OK; port++) {
+         lists.push_back(nullptr);
+         st = Build<TypeParam>(PortProps(port, 5 + port * 11), &lists.back());
+      }
+      ASSERT_EQ(st, STATUS_OK);
+      for (size_t port = 0; port < lists.size(); port++) {
+         EXPECT_EQ(BlobOf(lists[port]), Expected(PortProps(int(port), 5 + int(port) * 11)))
+            << port;
+      }
+   }
+   EXPECT_EQ(TypeParam::Alloc(16), nullptr) << "the scope is closed";
+   EXPECT_TRUE(ScratchBlob<TypeParam>(PortProps(1, 3), &st).empty());
+   EXPECT_EQ(st, STATUS_NO_MEMORY);
+}
+
+TEST(ArenaListMemoryTest, SmallEntriesAroundLargeOnesShareAChunk) {
+   ArenaListMemory arena;
+   auto *first = static_cast<char *>(ArenaListMemory::Alloc(40));
+   ASSERT_NE(first, nullptr);
+   EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % alignof(std::max_align_t), 0u);
+   // A large entry goes apart; the next small one follows the first.
+   auto *large = static_cast<char *>(ArenaListMemory::Alloc(200000));
+   ASSERT_NE(large, nullptr);
+   std::memset(large, 0x5a, 200000);
+   auto *second = static_cast<char *>(ArenaListMemory::Alloc(1));
+   EXPECT_EQ(second, first + 48);
+   {
+      // An inner arena stands in for the outer one until it goes.
+      ArenaListMemory inner;
+      auto *innerFirst = static_cast<char *>(ArenaListMemory::Alloc(8));
+      ASSERT_NE(innerFirst, nullptr);
+      EXPECT_TRUE(innerFirst < first || innerFirst >= first + 48 + 16);
+   }
+   EXPECT_EQ(ArenaListMemory::Alloc(8), second + 16);
+   EXPECT_EQ(ArenaListMemory::Alloc(SIZE_MAX - 8), nullptr);
 }
 
 TEST(ScratchListMemoryTest, ListAfterListInTheSameMemory) {
@@ -101,17 +158,18 @@ TEST(ScratchListMemoryTest, ListAfterListInTheSameMemory) {
 }
 
 #ifdef DVS_TEST_ALLOC_FAILURE
-TEST(ScratchListMemoryTest, RunningOutOfMemoryLeavesNothingBehind) {
-   // Enough entries to fill the block, so that the rest go apart.
-   const Props props = PortProps(2, 600);
+TYPED_TEST(ListMemoryTest, RunningOutOfMemoryLeavesNothingBehind) {
+   // Enough entries to fill a scratch block, so that the rest go apart,
+   // and to take an arena more than one chunk.
+   const Props props = PortProps(2, 1500);
    const std::string want = Expected(props);
    const int failures = allocfail::ForEachFailure([&](long n) {
       std::string got;
       ReturnStatus st = STATUS_OK;
       {
-         ScratchListMemory scratch;
+         TypeParam memory;
          DVSDataHandle list = nullptr;
-         st = allocfail::FailingAt(n, [&] { return Build(props, &list); });
+         st = allocfail::FailingAt(n, [&] { return Build<TypeParam>(props, &list); });
          if (st == STATUS_OK) {
             got = BlobOf(list);
          } else {
@@ -123,8 +181,8 @@ TEST(ScratchListMemoryTest, RunningOutOfMemoryLeavesNothingBehind) {
          EXPECT_EQ(got, want);
          return;
       }
-      // The block failing leaves the entries to go apart: that can still
-      // succeed.
+      // A scratch block failing leaves the entries to go apart: that can
+      // still succeed.
       if (st == STATUS_OK) {
          EXPECT_EQ(got, want) << "failure at " << n;
       } else {
@@ -132,7 +190,9 @@ TEST(ScratchListMemoryTest, RunningOutOfMemoryLeavesNothingBehind) {
       }
       EXPECT_EQ(allocfail::Live(), 0) << "failure at " << n;
    });
-   EXPECT_GT(failures, 100);
+   // An arena asks the C library for a chunk at a time, scratch memory
+   // for each entry that goes apart.
+   EXPECT_GT(failures, (std::is_same_v<TypeParam, ArenaListMemory> ? 2 : 100));
 }
 #endif
 

@@ -1,0 +1,82 @@
+// Chunked memory for property lists freed all at once (see
+// arena_list_memory.h).
+#include "data/arena_list_memory.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+namespace dvs::data {
+
+namespace {
+
+// Large enough that a chunk holds dozens of port lists, small enough that
+// the C library serves it from its heap once a few have come and gone.
+constexpr size_t kChunkSize = 64 * 1024;
+constexpr size_t kAlignment = alignof(std::max_align_t);
+
+thread_local ArenaListMemory *tCurrent = nullptr;
+
+constexpr size_t Aligned(size_t size) {
+   return (size + kAlignment - 1) & ~(kAlignment - 1);
+}
+
+}  // namespace
+
+struct ArenaListMemory::Chunk {
+   Chunk *next;
+   alignas(kAlignment) char bytes[1];
+};
+
+ArenaListMemory::ArenaListMemory() : outer_(tCurrent) {
+   tCurrent = this;
+}
+
+ArenaListMemory::~ArenaListMemory() {
+   while (chunks_ != nullptr) {
+      Chunk *next = chunks_->next;
+      std::free(chunks_);
+      chunks_ = next;
+   }
+   tCurrent = outer_;
+}
+
+void *ArenaListMemory::Take(size_t size) {
+   if (size > SIZE_MAX - kChunkSize) {
+      return nullptr;
+   }
+   const size_t need = Aligned(size);
+   if (need <= room_) {
+      void *p = next_;
+      next_ += need;
+      room_ -= need;
+      return p;
+   }
+   // An entry of more than a quarter chunk gets a chunk of its own, so that
+   // the room left in the current one stays for the next small entries.
+   const bool apart = need > kChunkSize / 4;
+   const size_t bytes = apart ? need : kChunkSize;
+   auto *chunk = static_cast<Chunk *>(std::malloc(offsetof(Chunk, bytes) + bytes));
+   if (chunk == nullptr) {
+      return nullptr;
+   }
+   chunk->next = chunks_;
+   chunks_ = chunk;
+   if (!apart) {
+      next_ = chunk->bytes + need;
+      room_ = kChunkSize - need;
+   }
+   return chunk->bytes;
+}
+
+void *ArenaListMemory::Alloc(size_t size) {
+   return tCurrent != nullptr ? tCurrent->Take(size) : nullptr;
+}
+
+void ArenaListMemory::Free(void *) {}
+
+bool ArenaListMemory::Open() {
+   return tCurrent != nullptr;
+}
+
+}  // namespace dvs::data
