@@ -125,7 +125,7 @@ def print_table(table):
 # the whole it belongs to; what the steps leave is the converters' share.
 STEPS = [
     ("BM_HostStoreSave", "store save, whole", [
-        ("BM_StepRegistryRebuild", "registry rebuilt from the buffer and reset"),
+        ("BM_StepRegistryRebuild", "registry rebuilt and cleared, empty transaction"),
         ("BM_StepReadPortsChecked", "switch objects read, ports only checked"),
         ("BM_StepWriteSwitches", "switch objects written and committed"),
     ], "the rest: converters into the trees"),

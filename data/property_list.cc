@@ -5,9 +5,11 @@
 
 #include <cstring>
 
+#include "data/arena_list_memory.h"
 #include "data/blob_build.h"
 #include "data/data_trace.h"
 #include "data/record_layout.h"
+#include "data/scratch_list_memory.h"
 
 extern "C" {
 DVS_EXPORT int32_t dvsdata_debug = -1;
@@ -216,6 +218,13 @@ DVS_EXPORT ReturnStatus DVSData_Alloc(DVSDataHandle *h, DVSDataAllocFn allocFn,
 
 DVS_EXPORT void DVSData_Free(DVSDataHandle h) {
    if (h == nullptr) {
+      return;
+   }
+   // Arena and scratch memory give nothing back entry by entry; their
+   // owner releases it all at once.  Walking a large list only to make
+   // those empty calls touched every entry again, most of them long out
+   // of the cache.
+   if (h->freeFn == ArenaListMemory::Free || h->freeFn == ScratchListMemory::Free) {
       return;
    }
    while (h->head != nullptr) {
