@@ -6,26 +6,24 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "data/list_memory_alignment.h"
+
 namespace dvs::data {
 
 namespace {
 
-// Large enough that a chunk holds dozens of port lists, small enough that
-// the C library serves it from its heap once a few have come and gone.
+// Large enough that a chunk holds a dozen port lists; below the size for
+// which the C library maps fresh memory on every request, so that the
+// chunks of one save come from its heap and the next save reuses them.
 constexpr size_t kChunkSize = 64 * 1024;
-constexpr size_t kAlignment = alignof(std::max_align_t);
 
 thread_local ArenaListMemory *tCurrent = nullptr;
-
-constexpr size_t Aligned(size_t size) {
-   return (size + kAlignment - 1) & ~(kAlignment - 1);
-}
 
 }  // namespace
 
 struct ArenaListMemory::Chunk {
    Chunk *next;
-   alignas(kAlignment) char bytes[1];
+   alignas(kListMemoryAlignment) char bytes[1];
 };
 
 ArenaListMemory::ArenaListMemory() : outer_(tCurrent) {
@@ -45,7 +43,7 @@ void *ArenaListMemory::Take(size_t size) {
    if (size > SIZE_MAX - kChunkSize) {
       return nullptr;
    }
-   const size_t need = Aligned(size);
+   const size_t need = AlignedForList(size);
    if (need <= room_) {
       void *p = next_;
       next_ += need;

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "data/list_memory_alignment.h"
+
 namespace dvs::data {
 
 namespace {
@@ -12,19 +14,14 @@ namespace {
 // Room for the lists of one port with a few kilobytes of values each; a
 // list that needs more takes its large entries apart.
 constexpr size_t kBlockSize = 64 * 1024;
-constexpr size_t kAlignment = alignof(std::max_align_t);
 
 thread_local ScratchListMemory *tCurrent = nullptr;
-
-constexpr size_t Aligned(size_t size) {
-   return (size + kAlignment - 1) & ~(kAlignment - 1);
-}
 
 }  // namespace
 
 struct ScratchListMemory::Large {
    Large *next;
-   alignas(kAlignment) unsigned char bytes[1];
+   alignas(kListMemoryAlignment) unsigned char bytes[1];
 };
 
 ScratchListMemory::ScratchListMemory() : outer_(tCurrent) {
@@ -64,7 +61,7 @@ void *ScratchListMemory::Take(size_t size) {
       if (block_ == nullptr) {
          block_ = static_cast<char *>(std::malloc(kBlockSize));
       }
-      const size_t need = Aligned(size);
+      const size_t need = AlignedForList(size);
       if (block_ != nullptr && need <= kBlockSize - used_) {
          void *p = block_ + used_;
          used_ += need;
