@@ -134,13 +134,18 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
    // of this call, so its property lists take their entries from an arena
    // released in one go rather than one heap block per property.  The
    // arena outlives every return below, each of which clears the registry
-   // or rebuilds it on the heap first.
+   // or rebuilds it on the heap first.  That second rebuild would print
+   // the first one's trace lines again, so the arena is used only while
+   // the state and data traces are silent (as they are by default).
    ::dvs::data::ArenaListMemory arena;
-   const ::dvs::state::ListMemory arenaLists{::dvs::data::ArenaListMemory::Alloc,
-                                             ::dvs::data::ArenaListMemory::Free};
+   const bool inArena = dvs_debug < 0 && dvsdata_debug < 0;
+   const ::dvs::state::ListMemory lists =
+      inArena ? ::dvs::state::ListMemory{::dvs::data::ArenaListMemory::Alloc,
+                                         ::dvs::data::ArenaListMemory::Free}
+              : ::dvs::state::kHeapListMemory;
    // A buffer that does not describe a host's switches must not be taken
    // for a host without switches: that would delete every switch object.
-   const ReturnStatus rebuilt = ::dvs::state::ConfigDeserializeWith(buf, len, arenaLists);
+   const ReturnStatus rebuilt = ::dvs::state::ConfigDeserializeWith(buf, len, lists);
    if (rebuilt != STATUS_OK) {
       CONFIGSTORE_FAIL("Failed to load dvs buffer to save to configstore, error: %s\n",
                        HYP_ReturnStatusToString(rebuilt));
@@ -162,7 +167,9 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
    if (rc != cs::kSuccess || store == nullptr) {
       // Deliberately returns with the switch handle lock held and the
       // rebuilt registry in place, as callers of this interface expect.
-      RebuildRegistryOnHeap(buf, len);
+      if (inArena) {
+         RebuildRegistryOnHeap(buf, len);
+      }
       CONFIGSTORE_FAIL("Get store failed\n");
       return kConfigStoreOwnFailure;
    }
@@ -170,7 +177,9 @@ DVS_EXPORT int32_t DVSState_SaveBufToConfigStore_ByInstance(const void *buf, uin
    if (rc != cs::kSuccess) {
       // The lock stays held here too; the connection, which nobody else
       // can reach, is closed.
-      RebuildRegistryOnHeap(buf, len);
+      if (inArena) {
+         RebuildRegistryOnHeap(buf, len);
+      }
       cs::DestroyStore(store);
       return rc;
    }

@@ -73,8 +73,4 @@ void *ArenaListMemory::Alloc(size_t size) {
 
 void ArenaListMemory::Free(void *) {}
 
-bool ArenaListMemory::Open() {
-   return tCurrent != nullptr;
-}
-
 }  // namespace dvs::data

@@ -28,9 +28,6 @@ class ArenaListMemory {
    static void *Alloc(size_t size);
    static void Free(void *block);
 
-   // Whether the calling thread has an arena open.
-   static bool Open();
-
   private:
    struct Chunk;
    void *Take(size_t size);

@@ -408,6 +408,27 @@ TEST_F(SaveTest, EarlyFailuresBeforeAnyStoreWork) {
       ExpectLockKeptOnceAndDrop();
       EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
    }
+
+   // With the switch-state traces on, the registry kept is the one rebuilt
+   // at the start, and its trace lines are printed once.
+   setenv(cs::kPathEnv, (dir_ + "/junk.db").c_str(), 1);
+   dvs_debug = 0;
+   const Outcome traced = Save(blob);
+   dvs_debug = -1;
+   EXPECT_EQ(traced.rc, -1);
+   auto count = [&](const std::string &line) {
+      size_t n = 0;
+      for (size_t at = traced.out.find(line); at != std::string::npos;
+           at = traced.out.find(line, at + 1)) {
+         n++;
+      }
+      return n;
+   };
+   EXPECT_EQ(count("Create DVS sw-a"), 1u) << traced.out;
+   EXPECT_EQ(count(" p-1, return "), 1u) << traced.out;
+   EXPECT_NE(DVSState_PortFind("sw-a", "p-1"), nullptr);
+   ExpectLockKeptOnceAndDrop();
+   EXPECT_EQ(DVSState_ConfigReset(), STATUS_OK);
 }
 
 TEST_F(SaveTest, SaveFromTheKernelWithoutADevice) {
