@@ -35,6 +35,18 @@ uint32_t SlotCapacity(const DVSwitch *dvs) {
    return dvs->portBitmap != nullptr ? dvs->portBitmap->numBits : 0;
 }
 
+// Frees the port in `slot` with its data and marks the slot free; the
+// port index is the caller's to update.
+void ReleaseSlot(DVSwitch *dvs, uint32_t slot) {
+   DVSPort *port = dvs->ports[slot];
+   DVSData_Free(port->data);
+   std::free(port);
+   dvs->ports[slot] = nullptr;
+   BitVector_Clear(dvs->portBitmap, slot);
+   uwNumActivePortsOnHost--;
+   dvs->numPorts--;
+}
+
 }  // namespace
 
 ReturnStatus PortRemove(DVSwitch *dvs, const char *portId, uint32_t type) {
@@ -53,14 +65,8 @@ ReturnStatus PortRemove(DVSwitch *dvs, const char *portId, uint32_t type) {
       return STATUS_NOT_FOUND;
    }
    // portId may point into this record: it is not used past this point.
-   DVSPort *port = dvs->ports[slot];
-   index->Erase(port, slot);
-   DVSData_Free(port->data);
-   std::free(port);
-   dvs->ports[slot] = nullptr;
-   BitVector_Clear(dvs->portBitmap, slot);
-   uwNumActivePortsOnHost--;
-   dvs->numPorts--;
+   index->Erase(dvs->ports[slot], slot);
+   ReleaseSlot(dvs, slot);
    return STATUS_OK;
 }
 
@@ -77,12 +83,7 @@ void RemoveAllPorts(DVSwitch *dvs) {
          return;
       }
       STATE_TRACE(1, "DVSState_PortRemove %s, %s\n", dvs->id, port->id);
-      DVSData_Free(port->data);
-      std::free(port);
-      dvs->ports[bit] = nullptr;
-      BitVector_Clear(dvs->portBitmap, bit);
-      uwNumActivePortsOnHost--;
-      dvs->numPorts--;
+      ReleaseSlot(dvs, bit);
    }
 }
 
