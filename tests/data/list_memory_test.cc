@@ -52,8 +52,7 @@ ReturnStatus Build(const Props &props, DVSDataHandle *out) {
    return status;
 }
 
-// A list serialized into a buffer of the test's own; the list is
-// freed.
+// A list serialized into a buffer of the test's own; the list is freed.
 std::string BlobOf(DVSDataHandle list) {
    uint32_t len = DVSData_SerializedSize(list, 6);
    std::string out(len, '\0');
@@ -63,8 +62,9 @@ std::string BlobOf(DVSDataHandle list) {
    return out;
 }
 
+// props built in Memory and written out; empty when the build failed.
 template <typename Memory = ScratchListMemory>
-std::string ScratchBlob(const Props &props, ReturnStatus *status) {
+std::string BuiltBlob(const Props &props, ReturnStatus *status) {
    DVSDataHandle list = nullptr;
    *status = Build<Memory>(props, &list);
    if (*status != STATUS_OK) {
@@ -103,7 +103,7 @@ TYPED_TEST(ListMemoryTest, ListsOfAnySizeGiveTheHeapsBlobs) {
       }
    }
    EXPECT_EQ(TypeParam::Alloc(16), nullptr) << "the scope is closed";
-   EXPECT_TRUE(ScratchBlob<TypeParam>(PortProps(1, 3), &st).empty());
+   EXPECT_TRUE(BuiltBlob<TypeParam>(PortProps(1, 3), &st).empty());
    EXPECT_EQ(st, STATUS_NO_MEMORY);
 }
 
@@ -139,7 +139,7 @@ TEST(ScratchListMemoryTest, ListAfterListInTheSameMemory) {
       EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % alignof(std::max_align_t), 0u);
       for (int port = 0; port < 40; port++) {
          const Props props = PortProps(port, 5 + port * 7);
-         ASSERT_EQ(ScratchBlob(props, &st), Expected(props)) << port;
+         ASSERT_EQ(BuiltBlob(props, &st), Expected(props)) << port;
          ASSERT_EQ(st, STATUS_OK);
          scratch.Reset();
          EXPECT_EQ(ScratchListMemory::Alloc(40), first) << "the next list starts where the first did";
@@ -153,7 +153,7 @@ TEST(ScratchListMemoryTest, ListAfterListInTheSameMemory) {
       EXPECT_EQ(ScratchListMemory::Alloc(40), first);
    }
    EXPECT_EQ(ScratchListMemory::Alloc(16), nullptr) << "the scope is closed";
-   EXPECT_TRUE(ScratchBlob(PortProps(1, 3), &st).empty());
+   EXPECT_TRUE(BuiltBlob(PortProps(1, 3), &st).empty());
    EXPECT_EQ(st, STATUS_NO_MEMORY);
 }
 
