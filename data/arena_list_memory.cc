@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "data/list_memory_alignment.h"
+#include "data/list_memory_blocks.h"
 
 namespace dvs::data {
 
@@ -21,21 +21,12 @@ thread_local ArenaListMemory *tCurrent = nullptr;
 
 }  // namespace
 
-struct ArenaListMemory::Chunk {
-   Chunk *next;
-   alignas(kListMemoryAlignment) char bytes[1];
-};
-
 ArenaListMemory::ArenaListMemory() : outer_(tCurrent) {
    tCurrent = this;
 }
 
 ArenaListMemory::~ArenaListMemory() {
-   while (chunks_ != nullptr) {
-      Chunk *next = chunks_->next;
-      std::free(chunks_);
-      chunks_ = next;
-   }
+   chunks_.FreeAll();
    tCurrent = outer_;
 }
 
@@ -54,17 +45,15 @@ void *ArenaListMemory::Take(size_t size) {
    // the room left in the current one stays for the next small entries.
    const bool apart = need > kChunkSize / 4;
    const size_t bytes = apart ? need : kChunkSize;
-   auto *chunk = static_cast<Chunk *>(std::malloc(offsetof(Chunk, bytes) + bytes));
+   auto *chunk = static_cast<char *>(chunks_.Add(bytes));
    if (chunk == nullptr) {
       return nullptr;
    }
-   chunk->next = chunks_;
-   chunks_ = chunk;
    if (!apart) {
-      next_ = chunk->bytes + need;
+      next_ = chunk + need;
       room_ = kChunkSize - need;
    }
-   return chunk->bytes;
+   return chunk;
 }
 
 void *ArenaListMemory::Alloc(size_t size) {

@@ -13,6 +13,8 @@
 
 #include <cstddef>
 
+#include "data/list_memory_blocks.h"
+
 namespace dvs::data {
 
 class ArenaListMemory {
@@ -29,10 +31,9 @@ class ArenaListMemory {
    static void Free(void *block);
 
   private:
-   struct Chunk;
    void *Take(size_t size);
 
-   Chunk *chunks_ = nullptr;  // every chunk taken, newest first
+   BlockChain chunks_;        // every chunk taken
    char *next_ = nullptr;     // free room of the chunk being carved
    size_t room_ = 0;
    ArenaListMemory *outer_;  // the arena this one stands in for

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "data/list_memory_alignment.h"
+#include "data/list_memory_blocks.h"
 
 namespace dvs::data {
 
@@ -19,11 +19,6 @@ thread_local ScratchListMemory *tCurrent = nullptr;
 
 }  // namespace
 
-struct ScratchListMemory::Large {
-   Large *next;
-   alignas(kListMemoryAlignment) unsigned char bytes[1];
-};
-
 ScratchListMemory::ScratchListMemory() : outer_(tCurrent) {
    tCurrent = this;
 }
@@ -36,24 +31,7 @@ ScratchListMemory::~ScratchListMemory() {
 
 void ScratchListMemory::Reset() {
    used_ = 0;
-   while (large_ != nullptr) {
-      Large *next = large_->next;
-      std::free(large_);
-      large_ = next;
-   }
-}
-
-void *ScratchListMemory::TakeApart(size_t size) {
-   if (size > SIZE_MAX - offsetof(Large, bytes)) {
-      return nullptr;
-   }
-   auto *large = static_cast<Large *>(std::malloc(offsetof(Large, bytes) + size));
-   if (large == nullptr) {
-      return nullptr;
-   }
-   large->next = large_;
-   large_ = large;
-   return large->bytes;
+   apart_.FreeAll();
 }
 
 void *ScratchListMemory::Take(size_t size) {
@@ -69,7 +47,7 @@ void *ScratchListMemory::Take(size_t size) {
       }
    }
    // Large, or the block is full: this one goes apart.
-   return TakeApart(size);
+   return apart_.Add(size);
 }
 
 void *ScratchListMemory::Alloc(size_t size) {

@@ -14,6 +14,8 @@
 
 #include <cstddef>
 
+#include "data/list_memory_blocks.h"
+
 namespace dvs::data {
 
 class ScratchListMemory {
@@ -35,12 +37,10 @@ class ScratchListMemory {
 
   private:
    void *Take(size_t size);
-   void *TakeApart(size_t size);
 
-   struct Large;  // an allocation too large for the block, kept apart
    char *block_ = nullptr;
    size_t used_ = 0;
-   Large *large_ = nullptr;
+   BlockChain apart_;  // allocations too large for the block, or past its end
    ScratchListMemory *outer_;  // the scope this one stands in for
 };
 
