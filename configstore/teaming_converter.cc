@@ -68,28 +68,31 @@ enum class TeamingForm { kEther, kVswitch };
 
 // Checks a value before anything of it is written: long enough for the
 // record, no more names than slots, and every name used terminated inside
-// its slot.  On success *policy holds the record.
-bool ReadPolicyValue(const void *value, uint32_t valueLen, const char *key,
-                     UplinkTeamingPolicy *policy) {
-   if (value == nullptr || valueLen < sizeof *policy) {
+// its slot.  Returns the record where it lies in the value (the record is
+// packed, so any address holds one), or null.  Only the names in use are
+// read: most of the record's 2.6 KB are empty slots.
+const UplinkTeamingPolicy *CheckedPolicy(const void *value, uint32_t valueLen, const char *key) {
+   if (value == nullptr || valueLen < sizeof(UplinkTeamingPolicy)) {
       CONFIGSTORE_FAIL("Teaming policy for key: %s too short: %u bytes, needs %zu\n", key, valueLen,
-                       sizeof *policy);
-      return false;
+                       sizeof(UplinkTeamingPolicy));
+      return nullptr;
    }
-   memcpy(policy, value, sizeof *policy);
-   const uint64_t names = uint64_t{policy->numActive} + policy->numStandby;
+   const auto *policy = static_cast<const UplinkTeamingPolicy *>(value);
+   const uint32_t active = policy->numActive;
+   const uint32_t standby = policy->numStandby;
+   const uint64_t names = uint64_t{active} + standby;
    if (names > kTeamingUplinkSlots) {
       CONFIGSTORE_FAIL("Teaming policy for key: %s has %u + %u uplinks, more than %u slots\n", key,
-                       policy->numActive, policy->numStandby, kTeamingUplinkSlots);
-      return false;
+                       active, standby, kTeamingUplinkSlots);
+      return nullptr;
    }
    for (uint32_t i = 0; i < names; i++) {
       if (memchr(policy->uplinkNames[i], '\0', kUplinkNameSlot) == nullptr) {
          CONFIGSTORE_FAIL("Teaming policy for key: %s: uplink name %u is not terminated\n", key, i);
-         return false;
+         return nullptr;
       }
    }
-   return true;
+   return policy;
 }
 
 // Appends the names of slots first .. first + count - 1 to the list key.
@@ -109,10 +112,11 @@ int32_t SaveTeaming(cs::Object *parent, const char *key, const void *value, uint
    if (form == TeamingForm::kVswitch && classKind == kClassKindOther) {
       return cs::kSuccess;
    }
-   UplinkTeamingPolicy policy;
-   if (!ReadPolicyValue(value, valueLen, key, &policy)) {
+   const UplinkTeamingPolicy *checked = CheckedPolicy(value, valueLen, key);
+   if (checked == nullptr) {
       return kConverterBadValue;
    }
+   const UplinkTeamingPolicy &policy = *checked;
 
    cs::Object *obj = nullptr;
    int32_t rc = GetOrCreateSubObject(true, parent, key, nullptr, &obj);
