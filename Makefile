@@ -60,7 +60,8 @@ build-asan: setup $(ASAN_BUILD)/CMakeCache.txt
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 build-tsan: setup $(TSAN_BUILD)/CMakeCache.txt
-	cmake --build $(TSAN_BUILD) -j $(JOBS) --target state_concurrency_test hostlibs_test sim_test channel_socket_test configstore_idle_store_test
+	cmake --build $(TSAN_BUILD) -j $(JOBS) --target state_concurrency_test hostlibs_test sim_test channel_socket_test configstore_idle_store_test \
+	  configstore_document_batch_test
 
 build-fuzz: setup $(FUZZ_BUILD)/CMakeCache.txt
 	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_all
@@ -85,6 +86,7 @@ test-tsan: build-tsan
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/sim/sim_test
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/kernel/channel_socket_test
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/platform/configstore/tests/configstore_idle_store_test
+	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/platform/configstore/tests/configstore_document_batch_test
 
 # A short run of every harness, so that none of them rots.
 test-fuzz: build-fuzz

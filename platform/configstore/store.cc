@@ -1,6 +1,7 @@
 // store.cc -- stores and transactions, and the top-level objects they read
 // and write.
 #include "client.h"
+#include "document_batch.h"
 #include "idle_backends.h"
 
 #include <algorithm>
@@ -34,12 +35,12 @@ int32_t ReadInstances(Store *store, const detail::ObjectName &name, const char *
    if (rc != kSuccess) {
       return rc;
    }
+   std::vector<std::unique_ptr<detail::Tree>> trees = detail::ParseDocuments(docs, dropKeys);
    std::vector<std::unique_ptr<Object>> found;
    found.reserve(docs.size());
-   for (detail::StoredDocument &d : docs) {
-      found.push_back(NewRoot(detail::ParseDocument(d.doc, dropKeys), name.group, name.object,
-                              name.component,
-                              std::move(d.instance)));
+   for (size_t i = 0; i < docs.size(); ++i) {
+      found.push_back(NewRoot(std::move(trees[i]), name.group, name.object, name.component,
+                              std::move(docs[i].instance)));
       // Each tree is built long before its caller gets to it (see
       // HandleFor).  Objects read without their bulk are small, and are
       // about to be rewritten: sweeping them measured slower.
