@@ -11,6 +11,7 @@
 #define CONFIGSTORE_BACKEND_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -51,9 +52,13 @@ class Backend {
    // Both documents of one object; kNotFound when it had neither.
    virtual int32_t Remove(const ObjectName &name) = 0;
    // The documents of a (group, object, component) for `source`, in
-   // creation order; only `name.instance` when that is not empty.
+   // creation order; only `name.instance` when that is not empty.  Each
+   // is handed to `take` as soon as it is read, so that the caller may
+   // start on it while the rest are read; `take` may throw
+   // std::bad_alloc, which ends the listing.
+   using DocumentSink = std::function<void(StoredDocument &&)>;
    virtual int32_t List(const ObjectName &name, const char *source,
-                        std::vector<StoredDocument> *out) = 0;
+                        const DocumentSink &take) = 0;
    // Every host whose objects this store holds.
    virtual int32_t Hosts(std::vector<HostSummary> *out) = 0;
 

@@ -1,120 +1,131 @@
-// Parses the documents of one listing, sharing a large listing with a
-// helper thread (see document_batch.h).
+// Parses the documents of one listing as they are read (see
+// document_batch.h).
 //
 // A whole host's switches are read in one listing before anything uses
 // them, and parsing is most of that read.  The documents are independent:
 // each becomes a tree with memory of its own, and the parser is per
-// thread.  So the calling thread and one helper take documents in listing
-// order, whichever is free taking the next one, until none is left.
+// thread.  So a helper parses documents while the database is still
+// reading the next ones, and the reading thread joins it once the listing
+// is complete, each taking the next document in listing order whenever it
+// is free.
 #include "document_batch.h"
 
 #include <pthread.h>
 #include <signal.h>
 
-#include <atomic>
-#include <exception>
 #include <new>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 namespace configstore {
 namespace detail {
 
-namespace {
+DocumentBatch::~DocumentBatch() {
+   Stop();
+}
 
-// What the threads parsing one listing share.
-class Batch {
-  public:
-   Batch(const std::vector<StoredDocument> &docs, const char *const *dropKeys)
-       : docs_(docs), dropKeys_(dropKeys), trees_(docs.size()), errors_(docs.size()) {}
+void DocumentBatch::Add(StoredDocument &&doc) {
+   bytes_ += doc.doc.size();
+   auto slot = std::make_unique<Slot>();
+   slot->doc = std::move(doc);
+   {
+      std::lock_guard<std::mutex> lock(mutex_);
+      slots_.push_back(std::move(slot));
+   }
+   added_.notify_one();
+   if (!helper_.joinable() && bytes_ >= kParallelParseBytes) {
+      StartHelper();
+   }
+}
 
-   // Parses the next document nobody has taken, until every one is taken
-   // or one has failed.  Documents are taken in listing order, so when
-   // one fails every document before it has been taken, and is finished
-   // by whoever took it, before the threads stop.
-   void Work() noexcept {
-      while (!failed_.load(std::memory_order_relaxed)) {
-         const size_t i = next_.fetch_add(1, std::memory_order_relaxed);
-         if (i >= docs_.size()) {
-            return;
-         }
-         try {
-            trees_[i] = ParseDocument(docs_[i].doc, dropKeys_);
-         } catch (...) {
-            errors_[i] = std::current_exception();
-            failed_.store(true, std::memory_order_relaxed);
-         }
+std::vector<ParsedDocument> DocumentBatch::Finish() {
+   {
+      std::lock_guard<std::mutex> lock(mutex_);
+      complete_ = true;
+   }
+   added_.notify_all();
+   Work();
+   if (helper_.joinable()) {
+      helper_.join();
+   }
+   // Documents are taken in listing order, so when one fails every
+   // document before it was taken, and finished by whoever took it,
+   // before the threads stopped.
+   for (const std::unique_ptr<Slot> &slot : slots_) {
+      if (slot->error) {
+         std::rethrow_exception(slot->error);
       }
    }
-
-   // Once every thread is done: the trees, or the failure of the first
-   // document in listing order that failed.
-   std::vector<std::unique_ptr<Tree>> Finish() {
-      for (const std::exception_ptr &error : errors_) {
-         if (error) {
-            std::rethrow_exception(error);
-         }
-      }
-      return std::move(trees_);
+   std::vector<ParsedDocument> parsed;
+   parsed.reserve(slots_.size());
+   for (std::unique_ptr<Slot> &slot : slots_) {
+      parsed.push_back(ParsedDocument{std::move(slot->doc.instance), std::move(slot->tree)});
    }
+   return parsed;
+}
 
-  private:
-   const std::vector<StoredDocument> &docs_;
-   const char *const *dropKeys_;
-   std::vector<std::unique_ptr<Tree>> trees_;
-   std::vector<std::exception_ptr> errors_;
-   std::atomic<size_t> next_{0};
-   std::atomic<bool> failed_{false};
-};
+DocumentBatch::Slot *DocumentBatch::Take() {
+   std::unique_lock<std::mutex> lock(mutex_);
+   for (;;) {
+      if (failed_) {
+         return nullptr;
+      }
+      if (next_ < slots_.size()) {
+         return slots_[next_++].get();
+      }
+      if (complete_) {
+         return nullptr;
+      }
+      added_.wait(lock);
+   }
+}
 
-// Starts a thread working on `batch`; false when none can be started.
-// The helper runs with every signal blocked, so that a signal the caller's
-// process expects on its own threads is never delivered to it.
-bool StartHelper(Batch *batch, std::thread *helper) {
+void DocumentBatch::Parse(Slot *slot) noexcept {
+   try {
+      slot->tree = ParseDocument(slot->doc.doc, dropKeys_);
+      return;
+   } catch (...) {
+      slot->error = std::current_exception();
+   }
+   std::lock_guard<std::mutex> lock(mutex_);
+   failed_ = true;
+}
+
+void DocumentBatch::Work() noexcept {
+   while (Slot *slot = Take()) {
+      Parse(slot);
+   }
+}
+
+// The helper runs with every signal blocked, so that a signal the
+// caller's process expects on its own threads is never delivered to it.
+void DocumentBatch::StartHelper() noexcept {
    sigset_t all;
    sigset_t callers;
    sigfillset(&all);
    if (pthread_sigmask(SIG_SETMASK, &all, &callers) != 0) {
-      return false;
+      return;
    }
-   bool started = true;
    try {
-      *helper = std::thread([batch] { batch->Work(); });
+      helper_ = std::thread([this] { Work(); });
    } catch (const std::system_error &) {
-      started = false;
+      // No thread: the adding thread parses everything in Finish.
    } catch (const std::bad_alloc &) {
-      started = false;
    }
    pthread_sigmask(SIG_SETMASK, &callers, nullptr);
-   return started;
 }
 
-bool WorthAHelper(const std::vector<StoredDocument> &docs) {
-   if (docs.size() < 2) {
-      return false;
+void DocumentBatch::Stop() noexcept {
+   if (!helper_.joinable()) {
+      return;
    }
-   size_t bytes = 0;
-   for (const StoredDocument &d : docs) {
-      bytes += d.doc.size();
+   {
+      std::lock_guard<std::mutex> lock(mutex_);
+      complete_ = true;
+      failed_ = true;  // nothing more is taken
    }
-   return bytes >= kParallelParseBytes;
-}
-
-}  // namespace
-
-std::vector<std::unique_ptr<Tree>> ParseDocuments(const std::vector<StoredDocument> &docs,
-                                                  const char *const *dropKeys) {
-   Batch batch(docs, dropKeys);
-   std::thread helper;
-   if (WorthAHelper(docs)) {
-      StartHelper(&batch, &helper);
-   }
-   batch.Work();
-   if (helper.joinable()) {
-      helper.join();
-   }
-   return batch.Finish();
+   added_.notify_all();
+   helper_.join();
 }
 
 }  // namespace detail

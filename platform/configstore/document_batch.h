@@ -1,12 +1,18 @@
-// document_batch.h -- the documents of one listing parsed into trees,
-// on two threads when the listing is large enough to gain by it.
+// document_batch.h -- the documents of one listing parsed into trees as
+// they are read, on two threads when the listing is large enough to gain
+// by it.
 //
 // Internal to libconfigstorec; nothing here is exported.
 #ifndef CONFIGSTORE_DOCUMENT_BATCH_H
 #define CONFIGSTORE_DOCUMENT_BATCH_H
 
+#include <condition_variable>
 #include <cstddef>
+#include <exception>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "backend.h"
@@ -15,19 +21,65 @@
 namespace configstore {
 namespace detail {
 
-// Listings of fewer bytes than this are parsed on the calling thread
-// alone: below it, starting a thread costs about what it saves.
+// Once a listing has passed this many bytes, a helper thread starts
+// parsing its documents.  Below it, starting a thread costs about what it
+// saves.
 constexpr size_t kParallelParseBytes = 256 * 1024;
 
-// Parses every document of `docs` (see ParseDocument) and returns the
-// trees in the same order.  Throws what parsing the first document that
-// fails, in listing order, throws: the same error a parse of one document
-// after the other would stop at.  A listing of at least
-// kParallelParseBytes is shared with a helper thread that lives only for
-// the call; when no thread can be started, the calling thread parses it
-// all.
-std::vector<std::unique_ptr<Tree>> ParseDocuments(const std::vector<StoredDocument> &docs,
-                                                  const char *const *dropKeys);
+struct ParsedDocument {
+   std::string instance;
+   std::unique_ptr<Tree> tree;
+};
+
+// Parses the documents of one listing (see ParseDocument), given one at a
+// time in listing order.  Once the listing passes kParallelParseBytes, a
+// helper thread that lives only as long as the batch parses documents as
+// soon as they are added; the thread that adds them joins in when the
+// listing is complete.  When no thread can be started, that thread parses
+// them all.  Not itself shared: one thread adds and finishes.
+class DocumentBatch {
+  public:
+   explicit DocumentBatch(const char *const *dropKeys) : dropKeys_(dropKeys) {}
+   // Stops the helper: a batch left unfinished (a listing that failed)
+   // waits only for the document the helper is parsing.
+   ~DocumentBatch();
+   DocumentBatch(const DocumentBatch &) = delete;
+   DocumentBatch &operator=(const DocumentBatch &) = delete;
+
+   // The next document of the listing; may throw std::bad_alloc.
+   void Add(StoredDocument &&doc);
+   // After the last document: every document parsed, in listing order.
+   // Throws what parsing the first document that fails, in listing order,
+   // throws: the error a parse of one document after the other stops at.
+   std::vector<ParsedDocument> Finish();
+
+  private:
+   struct Slot {
+      StoredDocument doc;
+      std::unique_ptr<Tree> tree;
+      std::exception_ptr error;
+   };
+
+   // The next document nobody has taken, or null: every added one is
+   // taken and the listing is complete, or a document failed.  Waits
+   // for one to be added otherwise.
+   Slot *Take();
+   void Parse(Slot *slot) noexcept;
+   void Work() noexcept;
+   void StartHelper() noexcept;
+   void Stop() noexcept;
+
+   const char *const *dropKeys_;
+   size_t bytes_ = 0;
+   std::thread helper_;
+
+   std::mutex mutex_;  // guards the members below
+   std::condition_variable added_;
+   std::vector<std::unique_ptr<Slot>> slots_;
+   size_t next_ = 0;  // the first slot nobody has taken
+   bool complete_ = false;
+   bool failed_ = false;
+};
 
 }  // namespace detail
 }  // namespace configstore

@@ -214,8 +214,7 @@ class EtcdBackend final : public Backend {
       });
    }
 
-   int32_t List(const ObjectName &name, const char *source,
-                std::vector<StoredDocument> *out) override {
+   int32_t List(const ObjectName &name, const char *source, const DocumentSink &take) override {
       std::vector<Found> found;
       int32_t rc = name.instance.empty() ? ListPrefix(KindPrefix(name, source), &found)
                                          : ListOne(KeyOf(name, source), &found);
@@ -232,7 +231,7 @@ class EtcdBackend final : public Backend {
             return kCorrupt;
          }
          d.doc = std::move(f.doc);
-         out->push_back(std::move(d));
+         take(std::move(d));
       }
       return kSuccess;
    }

@@ -402,8 +402,7 @@ class SqliteBackend final : public Backend {
       return sqlite3_changes(db_) > 0 ? kSuccess : kNotFound;
    }
 
-   int32_t List(const ObjectName &name, const char *source,
-                std::vector<StoredDocument> *out) override {
+   int32_t List(const ObjectName &name, const char *source, const DocumentSink &take) override {
       const std::string src = source;
       const bool one = !name.instance.empty();
       Statement stmt;
@@ -415,7 +414,7 @@ class SqliteBackend final : public Backend {
       }
       int step;
       while ((step = stmt.Step()) == SQLITE_ROW) {
-         out->push_back(StoredDocument{stmt.Text(0), stmt.Document(1)});
+         take(StoredDocument{stmt.Text(0), stmt.Document(1)});
       }
       return step == SQLITE_DONE ? kSuccess : FromSqlite(step);
    }

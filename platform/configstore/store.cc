@@ -30,17 +30,18 @@ detail::ObjectName NameOf(const char *group, const char *object, const char *com
 // not empty) for `source`, in creation order, as new top-level handles.
 int32_t ReadInstances(Store *store, const detail::ObjectName &name, const char *source,
                       Object ***objects, uint32_t *count, const char *const *dropKeys = nullptr) {
-   std::vector<detail::StoredDocument> docs;
-   const int32_t rc = store->backend->List(name, source, &docs);
+   detail::DocumentBatch batch(dropKeys);
+   const int32_t rc = store->backend->List(
+      name, source, [&batch](detail::StoredDocument &&d) { batch.Add(std::move(d)); });
    if (rc != kSuccess) {
       return rc;
    }
-   std::vector<std::unique_ptr<detail::Tree>> trees = detail::ParseDocuments(docs, dropKeys);
+   std::vector<detail::ParsedDocument> parsed = batch.Finish();
    std::vector<std::unique_ptr<Object>> found;
-   found.reserve(docs.size());
-   for (size_t i = 0; i < docs.size(); ++i) {
-      found.push_back(NewRoot(std::move(trees[i]), name.group, name.object, name.component,
-                              std::move(docs[i].instance)));
+   found.reserve(parsed.size());
+   for (detail::ParsedDocument &d : parsed) {
+      found.push_back(NewRoot(std::move(d.tree), name.group, name.object, name.component,
+                              std::move(d.instance)));
       // Each tree is built long before its caller gets to it (see
       // HandleFor).  Objects read without their bulk are small, and are
       // about to be rewritten: sweeping them measured slower.

@@ -1,10 +1,12 @@
-// A listing's documents parsed together: large listings are shared with a
-// helper thread, and what comes back must be exactly what parsing one
-// document after the other gives, failures included.
+// A listing's documents parsed as they are read: large listings are
+// shared with a helper thread, and what comes back must be exactly what
+// parsing one document after the other gives, failures included.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "document.h"
@@ -12,10 +14,11 @@
 
 namespace {
 
+using configstore::detail::DocumentBatch;
 using configstore::detail::DocumentError;
 using configstore::detail::kParallelParseBytes;
 using configstore::detail::ParseDocument;
-using configstore::detail::ParseDocuments;
+using configstore::detail::ParsedDocument;
 using configstore::detail::SerializeDocument;
 using configstore::detail::StoredDocument;
 
@@ -52,13 +55,24 @@ size_t Bytes(const std::vector<StoredDocument> &docs) {
    return bytes;
 }
 
+// The listing through a batch, as a store read gives it.
+std::vector<ParsedDocument> ParseAll(std::vector<StoredDocument> docs,
+                                     const char *const *drop = nullptr) {
+   DocumentBatch batch(drop);
+   for (StoredDocument &d : docs) {
+      batch.Add(std::move(d));
+   }
+   return batch.Finish();
+}
+
 // Every tree, in order, against the document parsed on its own.
 void ExpectSameAsOneByOne(const std::vector<StoredDocument> &docs, const char *const *drop) {
-   const auto trees = ParseDocuments(docs, drop);
-   ASSERT_EQ(trees.size(), docs.size());
+   const auto parsed = ParseAll(docs, drop);
+   ASSERT_EQ(parsed.size(), docs.size());
    for (size_t i = 0; i < docs.size(); i++) {
-      ASSERT_NE(trees[i], nullptr) << i;
-      EXPECT_EQ(SerializeDocument(*trees[i]->Root()),
+      EXPECT_EQ(parsed[i].instance, docs[i].instance);
+      ASSERT_NE(parsed[i].tree, nullptr) << i;
+      EXPECT_EQ(SerializeDocument(*parsed[i].tree->Root()),
                 SerializeDocument(*ParseDocument(docs[i].doc, drop)->Root()))
          << "document " << i;
    }
@@ -74,7 +88,7 @@ TEST(DocumentBatchTest, TreesComeBackInListingOrderAsEachDocumentAlone) {
    const auto small = Listing(3, 2);
    ASSERT_LT(Bytes(small), kParallelParseBytes);
    ExpectSameAsOneByOne(small, nullptr);
-   EXPECT_TRUE(ParseDocuments({}, nullptr).empty());
+   EXPECT_TRUE(ParseAll({}).empty());
    ExpectSameAsOneByOne(Listing(1, 4000), nullptr);  // one large document
 }
 
@@ -88,10 +102,10 @@ std::string ParseFailure(const std::string &doc) {
    return "";
 }
 
-// What ParseDocuments throws, as text ("" when nothing).
+// What the batch throws, as text ("" when nothing).
 std::string Failure(const std::vector<StoredDocument> &docs) {
    try {
-      ParseDocuments(docs, nullptr);
+      ParseAll(docs);
    } catch (const DocumentError &e) {
       return e.what();
    }
@@ -119,6 +133,35 @@ TEST(DocumentBatchTest, TheFirstBadDocumentInListingOrderIsTheFailure) {
    auto docs = Listing(48, 60);
    docs[30].doc = "{\"values\":";
    EXPECT_NE(Failure(docs), "");
+}
+
+TEST(DocumentBatchTest, ABatchLeftUnfinishedStopsItsHelper) {
+   // A listing that fails on the way: the batch goes with documents
+   // parsed, documents waiting and a bad one among them, and nothing
+   // must hang, leak or throw.
+   for (size_t added : {0u, 5u, 47u}) {
+      DocumentBatch batch(nullptr);
+      auto docs = Listing(48, 60);
+      docs[3].doc = "{";
+      for (size_t i = 0; i < added; i++) {
+         batch.Add(std::move(docs[i]));
+      }
+   }
+   // The helper waits for documents while they come in slowly; the
+   // result is the same.
+   DocumentBatch batch(nullptr);
+   auto docs = Listing(24, 120);
+   ASSERT_GE(Bytes(docs), kParallelParseBytes);
+   for (StoredDocument &d : docs) {
+      batch.Add(StoredDocument(d));
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+   }
+   const auto parsed = batch.Finish();
+   ASSERT_EQ(parsed.size(), docs.size());
+   for (size_t i = 0; i < docs.size(); i++) {
+      EXPECT_EQ(SerializeDocument(*parsed[i].tree->Root()),
+                SerializeDocument(*ParseDocument(docs[i].doc)->Root()));
+   }
 }
 
 }  // namespace
