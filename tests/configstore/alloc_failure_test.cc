@@ -15,6 +15,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <regex>
 #include <string>
@@ -292,6 +293,66 @@ TEST_F(StoreAllocFailureTest, ClientCalls) {
                 [&](int32_t rc) {
                    if (rc == 0) {
                       EXPECT_EQ(got.Str(), want.Str());
+                   }
+                }),
+             50);
+}
+
+// A listing large enough to be parsed on two threads: the failures land
+// on the calling thread while the helper parses, in the reading of rows,
+// the handing over of documents and the parsing the caller joins in on.
+TEST_F(StoreAllocFailureTest, LargeListingReadOnTwoThreads) {
+   cs::Store *s = nullptr;
+   ASSERT_EQ(cs::GetStore(0, &s), 0);
+   const std::string filler(9000, 'x');
+   for (int i = 0; i < 40; i++) {  // 360 KB of documents
+      cs::Object *o = nullptr;
+      const std::string id = "big-" + std::to_string(i);
+      ASSERT_EQ(cs::CreateObject("g", "o", "c", id.c_str(), "{}", &o), 0);
+      ASSERT_EQ(cs::SetValueStr(o, "name", id.c_str()), 0);
+      ASSERT_EQ(cs::SetValueStr(o, "filler", (filler + id).c_str()), 0);
+      ASSERT_EQ(cs::Set(s, o, cs::kSourceExternal), 0);
+      cs::DestroyConfigStoreObject(o);
+   }
+   cs::DestroyStore(s);
+   Keep();
+   auto readAll = [](Trace *out) {
+      cs::Store *st = nullptr;
+      int32_t rc = cs::GetStore(0, &st);
+      if (rc != 0)
+         return rc;
+      cs::FilterSpec *f = nullptr;
+      cs::Object **objs = nullptr;
+      uint32_t n = 0;
+      STEP(cs::CreateFilterSpecObject("g", "o", "c", "", &f));
+      STEP(cs::GetInstances(st, f, &objs, &n));
+      for (uint32_t i = 0; rc == 0 && i < n; i++) {
+         char *name = nullptr, *fill = nullptr;
+         if (STEP(cs::GetValueStr(objs[i], "name", &name)) == 0 &&
+             STEP(cs::GetValueStr(objs[i], "filler", &fill)) == 0)
+            out->Add("%s:%zu;", name, std::strlen(fill));
+         std::free(name), std::free(fill);
+      }
+      for (uint32_t i = 0; i < n; i++)
+         cs::DestroyConfigStoreObject(objs[i]);
+      std::free(objs);
+      cs::DestroyFilterSpecObject(f);
+      cs::DestroyStore(st);
+      return rc;
+   };
+   Trace want, got;
+   ASSERT_EQ(readAll(&want), 0);
+   EXPECT_GE(EachFailure(
+                nullptr,
+                [&] {
+                   got.used = 0;
+                   return readAll(&got);
+                },
+                [&](int32_t rc) {
+                   if (rc == 0) {
+                      EXPECT_EQ(got.Str(), want.Str());
+                   } else {
+                      EXPECT_EQ(rc, cs::kNoMemory);
                    }
                 }),
              50);

@@ -5,6 +5,7 @@
 // under test is counted.
 #include "alloc_interposer.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -18,8 +19,11 @@ void __libc_free(void *);
 
 namespace {
 
-// Armed per thread; the thread that armed last owns the block table.
-thread_local bool t_armed = false, t_owner = false, t_injected = false;
+// Armed per thread: only the armed thread's allocations fail and are
+// tracked, but a tracked block is untracked by whichever thread frees it
+// (a thread the code under test starts may free a block its caller
+// allocated), so the table is guarded by a spin lock.
+thread_local bool t_armed = false, t_injected = false;
 thread_local long t_calls = 0, t_failAt = 0;
 
 // Blocks allocated while armed: an open-addressing set of addresses with
@@ -27,14 +31,27 @@ thread_local long t_calls = 0, t_failAt = 0;
 // all-null table.
 constexpr size_t kSlotBits = 18, kSlots = size_t{1} << kSlotBits, kMask = kSlots - 1;
 void *g_slots[kSlots];
-long g_live = 0;
+std::atomic<long> g_live{0};
 bool g_overflow = false;
+std::atomic_flag g_lock = ATOMIC_FLAG_INIT;
+
+class TableLock {
+  public:
+   TableLock() {
+      while (g_lock.test_and_set(std::memory_order_acquire)) {
+      }
+   }
+   ~TableLock() { g_lock.clear(std::memory_order_release); }
+   TableLock(const TableLock &) = delete;
+   TableLock &operator=(const TableLock &) = delete;
+};
 
 size_t Home(const void *p) {
    return (reinterpret_cast<uintptr_t>(p) * 0x9E3779B97F4A7C15ull) >> (64 - kSlotBits);
 }
 
 void Track(void *p) {
+   TableLock lock;
    if (g_live >= long{kSlots / 2}) {
       g_overflow = true;
       return;
@@ -47,8 +64,9 @@ void Track(void *p) {
 }
 
 bool Untrack(void *p) {
-   if (!t_owner || g_live == 0)
+   if (g_live.load(std::memory_order_relaxed) == 0)
       return false;
+   TableLock lock;
    size_t i = Home(p);
    while (g_slots[i] != p) {
       if (g_slots[i] == nullptr)
@@ -116,10 +134,13 @@ extern "C" void free(void *p) noexcept {
 namespace allocfail {
 
 void Arm(long n) {
-   if (g_live != 0)
-      std::memset(g_slots, 0, sizeof g_slots);
-   g_live = 0, g_overflow = false;
-   t_calls = 0, t_failAt = n, t_injected = false, t_owner = true, t_armed = true;
+   {
+      TableLock lock;
+      if (g_live != 0)
+         std::memset(g_slots, 0, sizeof g_slots);
+      g_live = 0, g_overflow = false;
+   }
+   t_calls = 0, t_failAt = n, t_injected = false, t_armed = true;
 }
 void Disarm() {
    t_armed = false;

@@ -137,14 +137,18 @@ TEST(DocumentBatchTest, TheFirstBadDocumentInListingOrderIsTheFailure) {
 
 TEST(DocumentBatchTest, ABatchLeftUnfinishedStopsItsHelper) {
    // A listing that fails on the way: the batch goes with documents
-   // parsed, documents waiting and a bad one among them, and nothing
-   // must hang, leak or throw.
-   for (size_t added : {0u, 5u, 47u}) {
-      DocumentBatch batch(nullptr);
-      auto docs = Listing(48, 60);
-      docs[3].doc = "{";
-      for (size_t i = 0; i < added; i++) {
-         batch.Add(std::move(docs[i]));
+   // parsed, documents waiting, a helper waiting for more, and a bad
+   // document among them or not; nothing must hang, leak or throw.
+   for (bool bad : {false, true}) {
+      for (size_t added : {0u, 5u, 47u}) {
+         DocumentBatch batch(nullptr);
+         auto docs = Listing(48, 60);
+         if (bad) {
+            docs[3].doc = "{";
+         }
+         for (size_t i = 0; i < added; i++) {
+            batch.Add(std::move(docs[i]));
+         }
       }
    }
    // The helper waits for documents while they come in slowly; the
