@@ -19,6 +19,17 @@ namespace cs = ::dvs::configstore::store_calls;
 
 namespace {
 
+// Asks for the head of an entry (its name and lengths, and the start of
+// its value) to be brought into the cache.
+void PrefetchEntry(const DVSDataEntry *e) {
+   if (e != nullptr) {
+      const char *bytes = reinterpret_cast<const char *>(e);
+      __builtin_prefetch(bytes);
+      __builtin_prefetch(bytes + 64);
+      __builtin_prefetch(bytes + 128);
+   }
+}
+
 // Writes every property of list with class propClass; stops at the first
 // failure and returns its code.  progress (may be null) is printed per
 // property.
@@ -26,6 +37,9 @@ int32_t SavePropList(cs::Object *obj, DVSDataHandle list, uint32_t propClass, co
                      const ConvertContext &switchCtx) {
    DVSDataEntry *e = nullptr;
    while (DVSData_Next(list, e, &e) == STATUS_OK && e != nullptr) {
+      // The registry was rebuilt long before the save reaches it, and out
+      // of the cache: the next entry is fetched while this one converts.
+      PrefetchEntry(e->next);
       if (progress != nullptr) {
          CONFIGSTORE_PROGRESS(progress, e->name);
       }
