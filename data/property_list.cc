@@ -178,8 +178,18 @@ ReturnStatus UpdateWithListBlob(DVSDataHandle h, const char *name, DVSDataHandle
 }
 
 DVSDataEntry *FindEntry(DVSDataHandle h, const char *name, DVSDataEntry **prev) {
+   // Names mostly share a long prefix ("com.ostrel..."), so a full compare
+   // with every entry runs far into each name.  A stored name equal to one
+   // of n characters has its terminator at n and the same last character;
+   // two byte tests turn most entries away before the compare.
+   const size_t n = strnlen(name, DVSDATA_NAME_MAX);
+   const bool quickTest = n > 0 && n < DVSDATA_NAME_MAX;
+   const char last = quickTest ? name[n - 1] : '\0';
    DVSDataEntry *before = nullptr;
    for (DVSDataEntry *e = h->head; e != nullptr; before = e, e = e->next) {
+      if (quickTest && (e->name[n] != '\0' || e->name[n - 1] != last)) {
+         continue;
+      }
       if (NamesEqual(e->name, name)) {
          if (prev != nullptr) {
             *prev = before;

@@ -65,8 +65,17 @@ struct Object {
    detail::Node *raw = nullptr;
 };
 
+// The four texts of a filter, kept in the filter itself when they are
+// short (as they nearly always are), so that making and destroying one is
+// a single allocation.
 struct FilterSpec {
-   std::string a, b, c, d;
+   FilterSpec() = default;
+   FilterSpec(const FilterSpec &) = delete;
+   FilterSpec &operator=(const FilterSpec &) = delete;
+
+   std::string_view a, b, c, d;    // into inlineText or spill
+   std::unique_ptr<char[]> spill;  // when the texts do not fit inline
+   char inlineText[112];
 };
 
 namespace client {

@@ -96,11 +96,24 @@ int32_t CreateFilterSpecObject(const char *a, const char *b, const char *c, cons
          return kBadParam;
       }
       *out = nullptr;
+      auto view = [](const char *t) { return t != nullptr ? std::string_view(t) : std::string_view(); };
+      const std::string_view texts[] = {a, view(b), view(c), view(d)};
+      size_t total = 0;
+      for (std::string_view t : texts) {
+         total += t.size();
+      }
       auto filter = std::make_unique<FilterSpec>();
-      filter->a = a;
-      filter->b = OrEmpty(b);
-      filter->c = OrEmpty(c);
-      filter->d = OrEmpty(d);
+      char *at = filter->inlineText;
+      if (total > sizeof filter->inlineText) {
+         filter->spill = std::make_unique<char[]>(total);
+         at = filter->spill.get();
+      }
+      std::string_view *fields[] = {&filter->a, &filter->b, &filter->c, &filter->d};
+      for (size_t i = 0; i < 4; i++) {
+         std::memcpy(at, texts[i].data(), texts[i].size());
+         *fields[i] = std::string_view(at, texts[i].size());
+         at += texts[i].size();
+      }
       *out = filter.release();
       return kSuccess;
    });

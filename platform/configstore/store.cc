@@ -264,7 +264,8 @@ int32_t GetInstancesWithout(Store *store, FilterSpec *filter, const char *const 
       }
       *objects = nullptr;
       *count = 0;
-      const detail::ObjectName name{filter->a, filter->b, filter->c, filter->d};
+      const detail::ObjectName name{std::string(filter->a), std::string(filter->b),
+                                    std::string(filter->c), std::string(filter->d)};
       return ReadInstances(store, name, kSourceExternal, objects, count, dropKeys);
    });
 }

@@ -171,19 +171,26 @@ int32_t GetValueStringArray(Object *obj, const char *key, char ***values, uint32
          return rc;
       }
       const Value *v = found.value;
-      size_t n = v->strs().size();
-      // One spare slot keeps the array NULL-terminated as well.
-      auto **array = static_cast<char **>(std::calloc(n + 1, sizeof(char *)));
+      const size_t n = v->strs().size();
+      // One block: the pointers, with one spare NULL slot that keeps the
+      // array NULL-terminated as well, then the texts they point to.
+      const size_t pointerBytes = (n + 1) * sizeof(char *);
+      size_t bytes = pointerBytes;
+      for (const auto &text : v->strs()) {
+         bytes += text.size() + 1;
+      }
+      auto **array = static_cast<char **>(std::malloc(bytes));
       if (array == nullptr) {
          return kNoMemory;
       }
+      char *at = reinterpret_cast<char *>(array) + pointerBytes;
       for (size_t i = 0; i < n; ++i) {
-         array[i] = strdup(v->strs()[i].c_str());
-         if (array[i] == nullptr) {
-            DestroyStringArrayValue(array, static_cast<uint32_t>(i));
-            return kNoMemory;
-         }
+         const auto &text = v->strs()[i];
+         std::memcpy(at, text.c_str(), text.size() + 1);
+         array[i] = at;
+         at += text.size() + 1;
       }
+      array[n] = nullptr;
       *values = array;
       *count = static_cast<uint32_t>(n);
       return kSuccess;
@@ -304,13 +311,8 @@ int32_t RemoveValue(Object *obj, const char *key) {
    });
 }
 
-void DestroyStringArrayValue(char **values, uint32_t count) {
-   if (values == nullptr) {
-      return;
-   }
-   for (uint32_t i = 0; i < count; ++i) {
-      std::free(values[i]);
-   }
+void DestroyStringArrayValue(char **values, uint32_t /*count*/) {
+   // The texts live in the array's own block (GetValueStringArray).
    std::free(values);
 }
 

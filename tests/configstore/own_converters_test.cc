@@ -145,7 +145,8 @@ TEST(Base64, EncodesPaddedAndDecodesOnlyCanonicalText) {
    free(enc);
    free(dec);
    for (const char *bad : {"Zg=", "Zg", "Zg=a", "Z===", "====", "Zh==", "Zm9=", "Zg==Zg==",
-                           "Zm9v!A==", "Zm 9v", "Zm9v\n"}) {
+                           "Zm9v!A==", "Zm 9v", "Zm9v\n", "Zm-v", "Zm_v", "Zm9\x80", "\xffm9v",
+                           "Zm9v\xc3\xa9=="}) {
       dec = reinterpret_cast<uint8_t *>(1);
       EXPECT_EQ(Base64Decode(bad, &dec, &len), Base64Status::kInvalid) << bad;
       EXPECT_EQ(dec, nullptr);

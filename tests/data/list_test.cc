@@ -84,6 +84,45 @@ TEST_F(ListTest, UpdateResetsFlagInPlaceButKeepsItWhenRelocating) {
    EXPECT_EQ(Names(l.h), (Names_t{"keep", "grow", "same", "new"}));
 }
 
+// Names that share a length, a last character or a prefix with the one
+// asked for (as the host's long dotted names do) are never taken for it,
+// whether the entries were appended or read from a blob whose name fields
+// carry bytes after the terminator.
+TEST_F(ListTest, LookupsAndUpdatesMatchWholeNamesOnly) {
+   const std::string withTail("ab.port\0rate", 12);
+   Blob b = MakeBlob({{"ab.port.rate", 0x20, "A"},
+                      {"ab.pORt.rate", 0x20, "B"},
+                      {"ab.port.rat", 0x20, "C"},
+                      {withTail, 0x20, "D"}});
+   DVSDataHandle read = nullptr;
+   ASSERT_EQ(DVSData_Deserialize(&read, b.p(), b.size(), TestAlloc, TestFree), STATUS_OK);
+   List fromBlob(read);
+   List appended;
+   appended.Add("ab.port.rate", "A");
+   appended.Add("ab.pORt.rate", "B");
+   appended.Add("ab.port.rat", "C");
+   appended.Add("ab.port", "D");
+   for (List *l : {&fromBlob, &appended}) {
+      EXPECT_EQ(Value(l->h, "ab.port.rate"), "A");
+      EXPECT_EQ(Value(l->h, "ab.pORt.rate"), "B");
+      EXPECT_EQ(Value(l->h, "ab.port.rat"), "C");
+      EXPECT_EQ(Value(l->h, "ab.port"), "D");
+      for (const char *absent : {"ab.port.rates", "ab.portrate", "ab.port.ra", "ab.pOrt.rate", "",
+                                 "b.port.rate", "ab.port\x01"}) {
+         EXPECT_EQ(Value(l->h, absent), "<absent>") << absent;
+      }
+      // An update in place touches only its own entry; one of another
+      // length moves only its own entry to the end.
+      EXPECT_EQ(DVSData_UpdateProp(l->h, "ab.pORt.rate", "b", 1), STATUS_OK);
+      EXPECT_EQ(DVSData_UpdateProp(l->h, "ab.port", "dd", 2), STATUS_OK);
+      EXPECT_EQ(DVSData_Remove(l->h, "ab.port.rat"), STATUS_OK);
+      EXPECT_EQ(Names(l->h), (Names_t{"ab.port.rate", "ab.pORt.rate", "ab.port"}));
+      EXPECT_EQ(Value(l->h, "ab.port.rate"), "A");
+      EXPECT_EQ(Value(l->h, "ab.pORt.rate"), "b");
+      EXPECT_EQ(Value(l->h, "ab.port"), "dd");
+   }
+}
+
 TEST_F(ListTest, RemoveAndNextKeepTheLinksConsistent) {
    List l;
    DVSDataEntry *e = reinterpret_cast<DVSDataEntry *>(&l);

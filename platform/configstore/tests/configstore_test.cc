@@ -761,6 +761,55 @@ TEST_P(ConfigStoreTest, TopLevelObjectsKeepCreationOrder) {
    EXPECT_EQ(ids(Open().get()), (V{"z", "a", "q", "n", "b", "m"}));
 }
 
+/* Filters whose texts are long (beyond what a filter keeps in itself) and
+   string lists of many elements of every length come back whole. */
+TEST_P(ConfigStoreTest, LongFilterTextsAndLongStringListsComeBackWhole) {
+   const std::string key(150, 'k'), group(60, 'g'), object(60, 'o'), component(60, 'c');
+   Object *o = nullptr;
+   ASSERT_EQ(CreateObject(group.c_str(), object.c_str(), component.c_str(), "long", "{}", &o),
+             kSuccess);
+   ObjPtr obj(o);
+   for (const char *id : {"i1", "i2", "i3"}) {
+      Object *sub = nullptr;
+      ASSERT_EQ(CreateSubObject(o, key.c_str(), id, &sub), kSuccess);
+      ASSERT_EQ(SetValueStr(sub, "name", id), kSuccess);
+   }
+   std::vector<std::string> texts;
+   for (size_t n = 0; n < 40; n++) {
+      texts.push_back(std::string(n, char('a' + n % 26)) + (n % 5 == 0 ? "\"\\\n" : ""));
+      ASSERT_EQ(AppendValueString(o, "list", texts.back().c_str()), kSuccess);
+   }
+   auto list = [](Object *x) {
+      char **v = nullptr;
+      uint32_t n = 0;
+      EXPECT_EQ(GetValueStringArray(x, "list", &v, &n), kSuccess);
+      std::vector<std::string> out(v, v + n);
+      EXPECT_EQ(v[n], nullptr);
+      DestroyStringArrayValue(v, n);
+      return out;
+   };
+   EXPECT_EQ(list(o), texts);
+   ObjArray subs;
+   ASSERT_EQ(GetSubObjectInstances(o, Filter(key.c_str(), nullptr, nullptr, nullptr).get(),
+                                   &subs.items, &subs.count),
+             kSuccess);
+   EXPECT_EQ(Values(subs, "name"), (std::vector<std::string>{"i1", "i2", "i3"}));
+
+   auto s = Open();
+   ASSERT_EQ(Set(s.get(), o, kSourceExternal), kSuccess);
+   ObjArray all;
+   ASSERT_EQ(GetInstances(s.get(),
+                          Filter(group.c_str(), object.c_str(), component.c_str(), "").get(),
+                          &all.items, &all.count),
+             kSuccess);
+   ASSERT_EQ(all.count, 1u);
+   EXPECT_EQ(list(all.items[0]), texts);
+   ASSERT_EQ(DeleteSubObjectInstances(all.items[0], Filter(key.c_str(), "", "", "").get()),
+             kSuccess);
+   Object *gone = nullptr;
+   EXPECT_EQ(GetSubObject(all.items[0], key.c_str(), "i2", &gone), kNotFound);
+}
+
 /* What only the replicated store has. */
 class EtcdStoreTest : public StoreFixture {
   protected:
