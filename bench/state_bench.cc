@@ -4,6 +4,7 @@
 #include <dvsstate.h>
 
 #include "memory_reference.h"
+#include "property_host.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -70,33 +71,11 @@ void BM_ConfigDeserialize(benchmark::State &state) {
 BENCHMARK(BM_ConfigDeserialize)->Args({4, 64})->Args({16, 256});
 
 // Host blobs at the host's port limit, each row beside a memcpy of the
-// blob's bytes.  Every port carries an alias, a VLAN and (props - 2)
-// further properties of 48 bytes.
+// blob's bytes (the host of property_host.h).
 namespace hostlimit {
 
 void BuildPorts(int switches, int portsPerSwitch, int props) {
-   const std::string filler(48, 'f');
-   for (int s = 0; s < switches; ++s) {
-      const std::string sw = "limit-sw" + std::to_string(s);
-      Must(DVSState_SwitchAdd(sw.c_str(), "etherswitch", 0, 100));
-      Must(DVSState_GlobalPropSet(sw.c_str(), "com.ostrel.common.alias", sw.c_str(),
-                                  static_cast<uint32_t>(sw.size() + 1), 0x20));
-      for (int p = 0; p < portsPerSwitch; ++p) {
-         DVSDataHandle data = nullptr;
-         Must(DVSData_Alloc(&data, malloc, free));
-         const std::string alias = "vm-port-" + std::to_string(p);
-         const uint32_t vlan = static_cast<uint32_t>(p);
-         Must(DVSData_Append(data, "com.ostrel.common.port.alias", alias.c_str(),
-                             static_cast<uint32_t>(alias.size() + 1), 0x20));
-         Must(DVSData_Append(data, "com.ostrel.etherswitch.vlan", &vlan, sizeof vlan, 0x20));
-         for (int k = 2; k < props; ++k) {
-            const std::string name = "com.ostrel.bench.port.prop" + std::to_string(k);
-            Must(DVSData_Append(data, name.c_str(), filler.data(),
-                                static_cast<uint32_t>(filler.size()), 0x20));
-         }
-         Must(DVSState_PortAdd(sw.c_str(), std::to_string(p).c_str(), data));
-      }
-   }
+   Must(dvsbench::BuildPropertyHost(switches, portsPerSwitch, props) ? STATUS_OK : STATUS_FAILURE);
 }
 
 // Writes the host blob and reads it back into an empty registry.

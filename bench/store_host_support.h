@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <string>
 
+#include "property_host.h"
 #include "sample_host.h"
 
 namespace store_bench {
@@ -53,6 +54,23 @@ class StoreDir {
 };
 
 // The host buffer of the sample host with `ports` ports over its switches.
+// The host buffer of the host the targets are set for (property_host.h):
+// 32 switches sharing `ports` ports, 20 properties a port.
+inline std::string PropertyHost(int64_t ports) {
+   constexpr int kPropertiesPerPort = 20;
+   DVSState_ConfigReset();
+   Must(dvsbench::BuildPropertyHost(static_cast<int>(kHostSwitches),
+                                    static_cast<int>(ports / kHostSwitches), kPropertiesPerPort),
+        "property host");
+   void *blob = nullptr;
+   uint32_t len = 0;
+   Must(DVSState_ConfigSerialize(&blob, &len) == STATUS_OK, "host blob");
+   std::string out(static_cast<const char *>(blob), len);
+   std::free(blob);
+   DVSState_ConfigReset();
+   return out;
+}
+
 inline std::string SampleHost(int64_t ports) {
    const dvsctl::Bytes blob =
       dvsctl::BuildSampleHost({kHostSwitches, static_cast<uint32_t>(ports), 1});

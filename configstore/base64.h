@@ -27,6 +27,12 @@ enum class Base64Status {
 // the bytes it decodes to.  *out is null unless the result is kOk.
 Base64Status Base64Decode(const char *text, uint8_t **out, size_t *len);
 
+// The same for the textLen characters of text, into out, which has room for
+// Base64DecodedRoom(textLen) bytes (the padding's bytes are written too).
+// Nothing is allocated.  *len is 0 unless the result is kOk.
+Base64Status Base64DecodeTo(const char *text, size_t textLen, uint8_t *out, size_t *len);
+size_t Base64DecodedRoom(size_t textLen);
+
 }  // namespace dvs::configstore
 
 #endif  // DVS_CONFIGSTORE_BASE64_H

@@ -5,6 +5,8 @@
 // class has a collection of its own inside it.  Instances keep their
 // creation order, which is the order the save met the properties, so the
 // load gives them back in their original relative order.
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,24 +35,65 @@ const char *CollectionOf(uint32_t propClass) {
    }
 }
 
-// One property read back from the store, decoded but not yet added.
+// One property read back from the store, decoded but not yet added: its
+// bytes are len bytes at `at` in the call's DecodedBytes.
 struct Decoded {
    char *name;
-   uint8_t *bytes;
+   size_t at;
    size_t len;
+};
+
+// The decoded bytes of every instance of one call, one after the other in
+// one block, rather than a block of their own each.
+class DecodedBytes {
+  public:
+   DecodedBytes() = default;
+   DecodedBytes(const DecodedBytes &) = delete;
+   DecodedBytes &operator=(const DecodedBytes &) = delete;
+   ~DecodedBytes() { free(bytes_); }
+
+   // Room for n more bytes at Next(); false when it cannot be had.
+   bool Reserve(size_t n) {
+      if (n <= cap_ - used_ && bytes_ != nullptr) {
+         return true;
+      }
+      size_t cap = cap_ > 0 ? cap_ : 256;
+      while (cap - used_ < n || cap == 0) {
+         if (cap > SIZE_MAX / 2) {
+            return false;
+         }
+         cap *= 2;
+      }
+      auto *grown = static_cast<uint8_t *>(realloc(bytes_, cap));
+      if (grown == nullptr) {
+         return false;
+      }
+      bytes_ = grown;
+      cap_ = cap;
+      return true;
+   }
+   uint8_t *Next() { return bytes_ + used_; }
+   size_t Used() const { return used_; }
+   void Keep(size_t n) { used_ += n; }
+   const uint8_t *At(size_t at) const { return bytes_ + at; }
+
+  private:
+   uint8_t *bytes_ = nullptr;
+   size_t used_ = 0;
+   size_t cap_ = 0;
 };
 
 void FreeDecoded(Decoded *items, uint32_t count) {
    for (uint32_t i = 0; i < count; i++) {
       free(items[i].name);
-      free(items[i].bytes);
    }
    free(items);
 }
 
-// Reads and decodes one instance into *item.  An instance without a
-// "value" leaves item->name null: there is nothing to restore for it.
-int32_t DecodeInstance(cs::Object *inst, Decoded *item) {
+// Reads and decodes one instance into *item and the end of bytes.  An
+// instance without a "value" leaves item->name null: there is nothing to
+// restore for it.
+int32_t DecodeInstance(cs::Object *inst, Decoded *item, DecodedBytes *bytes) {
    char *name = nullptr;
    int32_t rc = cs::GetValueStr(inst, "key", &name);
    if (rc != cs::kSuccess) {
@@ -69,11 +112,15 @@ int32_t DecodeInstance(cs::Object *inst, Decoded *item) {
       free(name);
       return AbsentIsSuccess(rc);
    }
-   Base64Status st = Base64Decode(text, &item->bytes, &item->len);
+   const size_t textLen = strlen(text);
+   Base64Status st = Base64Status::kNoMemory;
+   size_t len = 0;
+   // One byte at least, so that an empty value still points somewhere.
+   if (bytes->Reserve(std::max<size_t>(Base64DecodedRoom(textLen), 1))) {
+      st = Base64DecodeTo(text, textLen, bytes->Next(), &len);
+   }
    free(text);
-   if (st == Base64Status::kOk && item->len > UINT32_MAX) {
-      free(item->bytes);
-      item->bytes = nullptr;
+   if (st == Base64Status::kOk && len > UINT32_MAX) {
       st = Base64Status::kInvalid;
    }
    if (st != Base64Status::kOk) {
@@ -88,6 +135,9 @@ int32_t DecodeInstance(cs::Object *inst, Decoded *item) {
       return kConverterFailure;
    }
    item->name = name;
+   item->at = bytes->Used();
+   item->len = len;
+   bytes->Keep(len);
    return cs::kSuccess;
 }
 
@@ -164,15 +214,17 @@ int32_t LoadOpaqueData(cs::Object *obj, const char *key, DVSDataHandle props, co
       free(insts);
       return kConverterFailure;
    }
+   DecodedBytes bytes;
    for (uint32_t i = 0; i < count && rc == cs::kSuccess; i++) {
-      rc = DecodeInstance(insts[i], &items[i]);
+      rc = DecodeInstance(insts[i], &items[i], &bytes);
    }
    free(insts);
    for (uint32_t i = 0; i < count && rc == cs::kSuccess; i++) {
       if (items[i].name == nullptr) {
          continue;
       }
-      if (DVSData_Update(props, items[i].name, items[i].bytes, static_cast<uint32_t>(items[i].len),
+      if (DVSData_Update(props, items[i].name, bytes.At(items[i].at),
+                         static_cast<uint32_t>(items[i].len),
                          static_cast<uint32_t>(propFlag)) != STATUS_OK) {
          if (dvsconfigstore_debug >= 0) {
             printf("Failed to add opaque data for prop: %s\n", items[i].name);

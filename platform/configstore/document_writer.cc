@@ -211,6 +211,29 @@ class Writer {
    }
 
    void String(std::string_view s) {
+      const size_t n = s.size();
+      // Most texts are plain ASCII through and through: one reservation,
+      // then the quotes and the text as it is.
+      size_t plain = 0;
+      while (plain + 8 <= n && EightPlainAscii(s.data() + plain)) {
+         plain += 8;
+      }
+      while (plain < n && kPlainAscii[static_cast<unsigned char>(s[plain])]) {
+         ++plain;
+      }
+      if (plain == n) {
+         char *p = Room(n + 2);
+         p[0] = '"';
+         std::memcpy(p + 1, s.data(), n);
+         p[n + 1] = '"';
+         pos_ += n + 2;
+         return;
+      }
+      EscapedString(s);
+   }
+
+   // A text with bytes to escape or to check as UTF-8.
+   void EscapedString(std::string_view s) {
       static const char kHex[] = "0123456789abcdef";
       Put('"');
       const size_t n = s.size();

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <optional>
 
 namespace configstore {
 
@@ -13,12 +12,26 @@ using namespace client;
 namespace {
 
 // A value found by Lookup.  It points into the tree, except for an
-// instance's "key", which `scratch` holds (made only then: most lookups
-// find a stored value).
+// instance's "key": that is the instance's id, in `id`, and `value` then
+// points to a string value standing for it (kInstanceId), which only says
+// what kind of value it is.
 struct Found {
-   std::optional<Value> scratch;
    const Value *value = nullptr;
+   std::string_view id;
+   bool isId = false;
+
+   // The text of a string value.
+   std::string_view Text() const { return isId ? id : std::string_view(value->str); }
 };
+
+const Value &InstanceIdKind() {
+   static const Value kInstanceId = [] {
+      Value v;
+      v.kind = Kind::kString;
+      return v;
+   }();
+   return kInstanceId;
+}
 
 // Finds `key` in `obj`; an instance answers "key" with its id unless a
 // value "key" was set.
@@ -35,10 +48,9 @@ int32_t Lookup(Object *obj, const char *key, Found *found) {
       return kSuccess;
    }
    if (!IsRoot(obj) && !node->id.empty() && std::strcmp(key, "key") == 0) {
-      Value &id = found->scratch.emplace();
-      id.kind = Kind::kString;
-      id.str = node->id;
-      found->value = &id;
+      found->value = &InstanceIdKind();
+      found->id = node->id;
+      found->isId = true;
       return kSuccess;
    }
    return kNotFound;
@@ -125,7 +137,7 @@ int32_t GetScalarOfKind(Object *obj, const char *key, Out *value, Kind kind, Tak
       if (rc != kSuccess) {
          return rc;
       }
-      *value = take(*found.value);
+      *value = take(found);
       return kSuccess;
    });
 }
@@ -134,7 +146,7 @@ int32_t GetScalarOfKind(Object *obj, const char *key, Out *value, Kind kind, Tak
 
 int32_t GetValueStr(Object *obj, const char *key, char **value) {
    return GetScalarOfKind(obj, key, value, Kind::kString,
-                          [](const Value &x) { return DupString(x.str); });
+                          [](const Found &x) { return DupString(x.Text()); });
 }
 
 int32_t GetValueInt(Object *obj, const char *key, int32_t *value) {
@@ -155,7 +167,7 @@ int32_t GetValueLong(Object *obj, const char *key, int64_t *value) {
 
 int32_t GetValueBool(Object *obj, const char *key, bool *value) {
    return GetScalarOfKind(obj, key, value, Kind::kBool,
-                          [](const Value &x) { return x.num != 0; });
+                          [](const Found &x) { return x.value->num != 0; });
 }
 
 int32_t GetValueStringArray(Object *obj, const char *key, char ***values, uint32_t *count) {
