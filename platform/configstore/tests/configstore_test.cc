@@ -513,6 +513,17 @@ TEST_P(ConfigStoreTest, NestedSubObjectsKeepCreationOrder) {
       ASSERT_EQ(GetSubObject(r, "port", "p5", &p), kSuccess);
       EXPECT_EQ(Str(p, "alias"), "alias-p5");
       EXPECT_EQ(Str(p, "key"), "p5");
+      // The id stands for a string value: reading it as anything else is
+      // a type mismatch, as for a stored string.
+      int32_t asInt = 0;
+      bool asBool = false;
+      char **asList = nullptr;
+      uint32_t n = 0;
+      EXPECT_EQ(GetValueInt(p, "key", &asInt), kTypeMismatch);
+      EXPECT_EQ(GetValueBool(p, "key", &asBool), kTypeMismatch);
+      EXPECT_EQ(GetValueStringArray(p, "key", &asList, &n), kTypeMismatch);
+      ASSERT_EQ(GetSubObject(r, "port", ids.back().c_str(), &p), kSuccess);
+      EXPECT_EQ(Str(p, "key"), ids.back());  // longer than a string keeps in itself
       ASSERT_EQ(GetSubObject(r, "port", "p1", &p), kSuccess);
       EXPECT_EQ(SubKeys(p, "queue"), std::vector<std::string>{"custom"});
       ASSERT_EQ(GetSubObject(p, "queue", "q1", &qq), kSuccess);
