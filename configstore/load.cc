@@ -418,6 +418,77 @@ int32_t CollectSwitchObjects(cs::Store *store, cs::FilterSpec *filter, bool desi
    return cs::kSuccess;
 }
 
+// A load of the live switches that converts each switch as soon as its
+// document is parsed, while the later ones are parsed on another thread.
+// It gives what the load of a whole listing gives, but messages would come
+// in another order (a switch's before the failure of a later document),
+// so it runs only while the load and the lists it builds are silent.
+bool CanLoadAsRead(bool desired) {
+   return !desired && dvsconfigstore_debug < 0 && dvsdata_debug < 0;
+}
+
+struct LoadAsRead {
+   HostBlobSink host{true, HostBlobSizeHint()};
+   EntryNames seen;
+   // A switch whose "uuid" cannot be read or repeats an earlier one: the
+   // switch blobs written so far may not stand, and the load starts again
+   // on the whole listing.
+   bool startAgain = false;
+};
+
+int32_t LoadSwitchAsRead(cs::Object *obj, void *arg) {
+   auto *load = static_cast<LoadAsRead *>(arg);
+   int32_t rc = cs::kSuccess;
+   {
+      Text uuid;
+      if (cs::GetValueStr(obj, "uuid", &uuid.s) != cs::kSuccess || !load->seen.AddIfNew(uuid.s)) {
+         load->startAgain = true;
+         rc = kConfigStoreOwnFailure;
+      }
+   }
+   if (rc == cs::kSuccess) {
+      rc = LoadSwitch(obj, &load->host);
+   }
+   cs::DestroyConfigStoreObject(obj);
+   return rc;
+}
+
+// The load of the live switches, converted as they are read (see
+// CanLoadAsRead).  Sets *startAgain when the switch objects need the load
+// of a whole listing.
+int32_t LoadLiveAsRead(cs::Store *store, cs::FilterSpec *filter, void **buf, uint32_t *len,
+                       bool *startAgain) {
+   *startAgain = false;
+   const uint32_t classKindBefore = gSwitchClassKind;
+   LoadAsRead load;
+   int32_t switchRc = cs::kSuccess;
+   int32_t rc = cs::GetInstancesEach(store, filter, LoadSwitchAsRead, &load, &switchRc);
+   if (rc != cs::kSuccess) {
+      // A load that cannot read every switch object converts none.
+      gSwitchClassKind = classKindBefore;
+      return rc;
+   }
+   if (load.startAgain) {
+      *startAgain = true;
+      return cs::kSuccess;
+   }
+   rc = switchRc;
+   if (rc == cs::kSuccess && gStoreOutOfMemory) {
+      rc = cs::kNoMemory;
+   }
+   if (rc == cs::kSuccess) {
+      void *out = nullptr;
+      uint32_t outLen = 0;
+      rc = static_cast<int32_t>(load.host.Finish(&out, &outLen));
+      if (rc == cs::kSuccess) {
+         NoteLoadedHostBlobSize(outLen);
+         *buf = out;
+         *len = outLen;
+      }
+   }
+   return rc;
+}
+
 int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
    gStoreOutOfMemory = false;
    cs::FilterSpec *filter = nullptr;
@@ -425,6 +496,15 @@ int32_t LoadAll(cs::Store *store, void **buf, uint32_t *len, bool desired) {
       cs::CreateFilterSpecObject(kSwitchGroup, kSwitchObject, kSwitchComponent, "", &filter);
    if (rc != cs::kSuccess) {
       return rc;
+   }
+   if (CanLoadAsRead(desired)) {
+      bool startAgain = false;
+      rc = LoadLiveAsRead(store, filter, buf, len, &startAgain);
+      if (!startAgain) {
+         cs::DestroyFilterSpecObject(filter);
+         return rc;
+      }
+      gStoreOutOfMemory = false;
    }
    ObjectArray desiredObjs;
    ObjectArray liveObjs;

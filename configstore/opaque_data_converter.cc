@@ -36,9 +36,10 @@ const char *CollectionOf(uint32_t propClass) {
 }
 
 // One property read back from the store, decoded but not yet added: its
-// bytes are len bytes at `at` in the call's DecodedBytes.
+// name points into the instance it came from; its bytes are len bytes at
+// `at` in the call's DecodedBytes.
 struct Decoded {
-   char *name;
+   const char *name;
    size_t at;
    size_t len;
 };
@@ -54,11 +55,11 @@ class DecodedBytes {
 
    // Room for n more bytes at Next(); false when it cannot be had.
    bool Reserve(size_t n) {
-      if (n <= cap_ - used_ && bytes_ != nullptr) {
+      if (bytes_ != nullptr && n <= cap_ - used_) {
          return true;
       }
       size_t cap = cap_ > 0 ? cap_ : 256;
-      while (cap - used_ < n || cap == 0) {
+      while (cap - used_ < n) {
          if (cap > SIZE_MAX / 2) {
             return false;
          }
@@ -83,43 +84,39 @@ class DecodedBytes {
    size_t cap_ = 0;
 };
 
-void FreeDecoded(Decoded *items, uint32_t count) {
-   for (uint32_t i = 0; i < count; i++) {
-      free(items[i].name);
-   }
-   free(items);
-}
-
 // Reads and decodes one instance into *item and the end of bytes.  An
 // instance without a "value" leaves item->name null: there is nothing to
-// restore for it.
+// restore for it.  Texts are read in place; as C strings, like the copies
+// the store hands out, so that they end at their first NUL.
 int32_t DecodeInstance(cs::Object *inst, Decoded *item, DecodedBytes *bytes) {
-   char *name = nullptr;
-   int32_t rc = cs::GetValueStr(inst, "key", &name);
+   const char *name = nullptr;
+   size_t nameLen = 0;
+   int32_t rc = cs::GetValueStrRef(inst, "key", &name, &nameLen);
    if (rc != cs::kSuccess) {
       return rc;
    }
-   if (strlen(name) >= DVSDATA_NAME_MAX) {
+   if (nameLen >= DVSDATA_NAME_MAX && strnlen(name, DVSDATA_NAME_MAX) >= DVSDATA_NAME_MAX) {
       if (dvsconfigstore_debug >= 0) {
          printf("Opaque data name too long: %s\n", name);
       }
-      free(name);
       return kConverterFailure;
    }
-   char *text = nullptr;
-   rc = cs::GetValueStr(inst, "value", &text);
+   const char *text = nullptr;
+   size_t textLen = 0;
+   rc = cs::GetValueStrRef(inst, "value", &text, &textLen);
    if (rc != cs::kSuccess) {
-      free(name);
       return AbsentIsSuccess(rc);
    }
-   const size_t textLen = strlen(text);
    Base64Status st = Base64Status::kNoMemory;
    size_t len = 0;
    // One byte at least, so that an empty value still points somewhere.
    if (bytes->Reserve(std::max<size_t>(Base64DecodedRoom(textLen), 1))) {
       st = Base64DecodeTo(text, textLen, bytes->Next(), &len);
+      if (st == Base64Status::kInvalid && std::memchr(text, '\0', textLen) != nullptr) {
+         // Only what comes before a NUL counts.
+         st = Base64DecodeTo(text, strlen(text), bytes->Next(), &len);
+      }
    }
-   free(text);
    if (st == Base64Status::kOk && len > UINT32_MAX) {
       st = Base64Status::kInvalid;
    }
@@ -131,7 +128,6 @@ int32_t DecodeInstance(cs::Object *inst, Decoded *item, DecodedBytes *bytes) {
             printf("Bad opaque data for prop: %s\n", name);
          }
       }
-      free(name);
       return kConverterFailure;
    }
    item->name = name;
@@ -232,7 +228,7 @@ int32_t LoadOpaqueData(cs::Object *obj, const char *key, DVSDataHandle props, co
          rc = kConverterFailure;
       }
    }
-   FreeDecoded(items, count);
+   free(items);
    return rc;
 }
 

@@ -31,6 +31,9 @@ inline int32_t Noted(int32_t rc) {
 inline int32_t GetValueStr(Object *obj, const char *key, char **value) {
    return Noted(::configstore::GetValueStr(obj, key, value));
 }
+inline int32_t GetValueStrRef(Object *obj, const char *key, const char **value, size_t *len) {
+   return Noted(::configstore::GetValueStrRef(obj, key, value, len));
+}
 inline int32_t GetValueInt(Object *obj, const char *key, int32_t *value) {
    return Noted(::configstore::GetValueInt(obj, key, value));
 }

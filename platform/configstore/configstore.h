@@ -34,6 +34,7 @@
 #ifndef CONFIGSTORE_H
 #define CONFIGSTORE_H
 
+#include <cstddef>
 #include <cstdint>
 
 #if defined(CONFIGSTORE_BUILDING_LIBRARY)
@@ -122,6 +123,19 @@ CONFIGSTORE_EXPORT int32_t GetInstances(Store *store, FilterSpec *filter, Object
 CONFIGSTORE_EXPORT int32_t GetInstancesWithout(Store *store, FilterSpec *filter,
                                                const char *const *dropKeys, Object ***objects,
                                                uint32_t *count);
+// GetInstances one instance at a time, in the same order, for a caller
+// that can use each before the later ones are read: visit is given each
+// object (and destroys it) as soon as it is parsed, while the later ones
+// are parsed on another thread.  visit runs on the calling thread.  The
+// answer is what GetInstances answers for the same listing: 0, or the code
+// of the read, or of the first instance, that fails; in the second case
+// visit has had every instance before that one.  A non-zero code from
+// visit ends the visits, but every later instance is still read and
+// checked, so that the answer stays GetInstances's; visit's code is left
+// in *visitRc (0 when it never failed).
+typedef int32_t (*InstanceVisitor)(Object *object, void *ctx);
+CONFIGSTORE_EXPORT int32_t GetInstancesEach(Store *store, FilterSpec *filter,
+                                            InstanceVisitor visit, void *ctx, int32_t *visitRc);
 CONFIGSTORE_EXPORT int32_t GetDesiredUserConfigInstances(const char *group, const char *object,
                                                          const char *component, Object ***objects,
                                                          uint32_t *count);
@@ -136,6 +150,11 @@ CONFIGSTORE_EXPORT int32_t DeleteSubObject(Object *parent, const char *key, cons
 CONFIGSTORE_EXPORT int32_t GenerateInstanceId(char **id);
 
 CONFIGSTORE_EXPORT int32_t GetValueStr(Object *obj, const char *key, char **value);
+// GetValueStr without a copy: *value points at the text inside the object
+// (NUL-terminated, *len bytes before the NUL), valid until the object, or
+// the top-level object it belongs to, is changed or destroyed.
+CONFIGSTORE_EXPORT int32_t GetValueStrRef(Object *obj, const char *key, const char **value,
+                                          size_t *len);
 CONFIGSTORE_EXPORT int32_t GetValueInt(Object *obj, const char *key, int32_t *value);
 CONFIGSTORE_EXPORT int32_t GetValueUint32(Object *obj, const char *key, uint32_t *value);
 CONFIGSTORE_EXPORT int32_t GetValueUint16(Object *obj, const char *key, uint16_t *value);

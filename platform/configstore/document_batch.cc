@@ -80,15 +80,59 @@ DocumentBatch::Slot *DocumentBatch::Take() {
    }
 }
 
-void DocumentBatch::Parse(Slot *slot) noexcept {
-   try {
-      slot->tree = ParseDocument(slot->doc.doc, dropKeys_);
-      return;
-   } catch (...) {
-      slot->error = std::current_exception();
+void DocumentBatch::Stream(const std::function<bool(ParsedDocument &&)> &take) {
+   {
+      std::lock_guard<std::mutex> lock(mutex_);
+      complete_ = true;
    }
-   std::lock_guard<std::mutex> lock(mutex_);
-   failed_ = true;
+   added_.notify_all();
+   bool taking = true;
+   for (size_t i = 0; i < slots_.size(); i++) {
+      Slot *slot = slots_[i].get();
+      {
+         std::unique_lock<std::mutex> lock(mutex_);
+         // Slots are handed out in order: one not handed out yet is the
+         // next, and this thread parses it itself rather than wait.
+         if (next_ == i) {
+            next_++;
+            lock.unlock();
+            Parse(slot);
+            lock.lock();
+         }
+         parsed_.wait(lock, [slot] { return slot->done; });
+      }
+      if (slot->error) {
+         std::rethrow_exception(slot->error);
+      }
+      if (taking) {
+         taking = take(ParsedDocument{std::move(slot->doc.instance), std::move(slot->tree)});
+      }
+      slot->doc.doc = std::string();  // its text is no longer needed
+      slot->tree.reset();
+   }
+   if (helper_.joinable()) {
+      helper_.join();
+   }
+}
+
+void DocumentBatch::Parse(Slot *slot) noexcept {
+   std::exception_ptr error;
+   std::unique_ptr<Tree> tree;
+   try {
+      tree = ParseDocument(slot->doc.doc, dropKeys_);
+   } catch (...) {
+      error = std::current_exception();
+   }
+   {
+      std::lock_guard<std::mutex> lock(mutex_);
+      slot->tree = std::move(tree);
+      slot->error = error;
+      slot->done = true;
+      if (error) {
+         failed_ = true;
+      }
+   }
+   parsed_.notify_all();
 }
 
 void DocumentBatch::Work() noexcept {

@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -52,12 +53,21 @@ class DocumentBatch {
    // Throws what parsing the first document that fails, in listing order,
    // throws: the error a parse of one document after the other stops at.
    std::vector<ParsedDocument> Finish();
+   // After the last document, instead of Finish: hands each document to
+   // take, in listing order, as soon as it is parsed, while the helper goes
+   // on with the later ones.  Once take answers false, none is handed over
+   // any more, but every later one is still parsed.  Throws what Finish
+   // throws, when the failing document is reached; take has then had every
+   // document before it.  take runs on the calling thread; what it throws
+   // is thrown on.
+   void Stream(const std::function<bool(ParsedDocument &&)> &take);
 
   private:
    struct Slot {
       StoredDocument doc;
       std::unique_ptr<Tree> tree;
       std::exception_ptr error;
+      bool done = false;  // parsed, or failed; guarded by mutex_
    };
 
    // The next document nobody has taken, or null: every added one is
@@ -75,6 +85,7 @@ class DocumentBatch {
 
    std::mutex mutex_;  // guards the members below
    std::condition_variable added_;
+   std::condition_variable parsed_;  // a slot is done
    std::vector<std::unique_ptr<Slot>> slots_;
    size_t next_ = 0;  // the first slot nobody has taken
    bool complete_ = false;

@@ -274,6 +274,34 @@ int32_t GetInstances(Store *store, FilterSpec *filter, Object ***objects, uint32
    return GetInstancesWithout(store, filter, nullptr, objects, count);
 }
 
+int32_t GetInstancesEach(Store *store, FilterSpec *filter, InstanceVisitor visit, void *ctx,
+                         int32_t *visitRc) {
+   return Guard([&]() -> int32_t {
+      if (store == nullptr || filter == nullptr || visit == nullptr || visitRc == nullptr ||
+          filter->a.empty() || filter->b.empty() || filter->c.empty()) {
+         return kBadParam;
+      }
+      *visitRc = kSuccess;
+      const detail::ObjectName name{std::string(filter->a), std::string(filter->b),
+                                    std::string(filter->c), std::string(filter->d)};
+      detail::DocumentBatch batch(nullptr);
+      const int32_t rc = store->backend->List(
+         name, kSourceExternal, [&batch](detail::StoredDocument &&d) { batch.Add(std::move(d)); });
+      if (rc != kSuccess) {
+         return rc;
+      }
+      batch.Stream([&](detail::ParsedDocument &&d) {
+         std::unique_ptr<Object> object = NewRoot(std::move(d.tree), name.group, name.object,
+                                                  name.component, std::move(d.instance));
+         // Parsed a moment ago, but often by the other thread: see HandleFor.
+         object->top->cold = true;
+         *visitRc = visit(object.release(), ctx);
+         return *visitRc == kSuccess;
+      });
+      return kSuccess;
+   });
+}
+
 int32_t GetDesiredUserConfigInstances(const char *group, const char *object, const char *component,
                                       Object ***objects, uint32_t *count) {
    return Guard([&]() -> int32_t {

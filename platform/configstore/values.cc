@@ -149,6 +149,17 @@ int32_t GetValueStr(Object *obj, const char *key, char **value) {
                           [](const Found &x) { return DupString(x.Text()); });
 }
 
+int32_t GetValueStrRef(Object *obj, const char *key, const char **value, size_t *len) {
+   if (len == nullptr) {
+      return kBadParam;
+   }
+   return GetScalarOfKind(obj, key, value, Kind::kString, [len](const Found &x) {
+      const std::string_view text = x.Text();
+      *len = text.size();
+      return text.data();  // both strings keep a NUL after their text
+   });
+}
+
 int32_t GetValueInt(Object *obj, const char *key, int32_t *value) {
    return Guard([&] { return GetIntegerAs(obj, key, value); });
 }
