@@ -32,18 +32,47 @@ void DocumentBatch::Add(StoredDocument &&doc) {
       std::lock_guard<std::mutex> lock(mutex_);
       slots_.push_back(std::move(slot));
    }
-   added_.notify_one();
-   if (!helper_.joinable() && bytes_ >= kParallelParseBytes) {
-      StartHelper();
+   added_.notify_all();
+   if (!helperLists_ && !helper_.joinable() && bytes_ >= kParallelParseBytes) {
+      StartHelper([this] { Work(); });
    }
 }
 
-std::vector<ParsedDocument> DocumentBatch::Finish() {
+bool DocumentBatch::ListOnHelper(std::function<int32_t()> list) {
+   // Set before the helper starts: it reads it when it adds documents.
+   helperLists_ = true;
+   if (!StartHelper([this, list = std::move(list)] {
+          try {
+             listRc_ = list();
+          } catch (...) {
+             listError_ = std::current_exception();
+          }
+          Complete();
+          Work();
+       })) {
+      helperLists_ = false;
+      return false;
+   }
+   return true;
+}
+
+int32_t DocumentBatch::ListResult() const {
+   if (listError_) {
+      std::rethrow_exception(listError_);
+   }
+   return listRc_;
+}
+
+void DocumentBatch::Complete() {
    {
       std::lock_guard<std::mutex> lock(mutex_);
       complete_ = true;
    }
    added_.notify_all();
+}
+
+std::vector<ParsedDocument> DocumentBatch::Finish() {
+   Complete();
    Work();
    if (helper_.joinable()) {
       helper_.join();
@@ -81,16 +110,16 @@ DocumentBatch::Slot *DocumentBatch::Take() {
 }
 
 void DocumentBatch::Stream(const std::function<bool(ParsedDocument &&)> &take) {
-   {
-      std::lock_guard<std::mutex> lock(mutex_);
-      complete_ = true;
-   }
-   added_.notify_all();
    bool taking = true;
-   for (size_t i = 0; i < slots_.size(); i++) {
-      Slot *slot = slots_[i].get();
+   for (size_t i = 0;; i++) {
+      Slot *slot = nullptr;
       {
          std::unique_lock<std::mutex> lock(mutex_);
+         added_.wait(lock, [this, i] { return i < slots_.size() || complete_; });
+         if (i >= slots_.size()) {
+            break;
+         }
+         slot = slots_[i].get();
          // Slots are handed out in order: one not handed out yet is the
          // next, and this thread parses it itself rather than wait.
          if (next_ == i) {
@@ -143,20 +172,21 @@ void DocumentBatch::Work() noexcept {
 
 // The helper runs with every signal blocked, so that a signal the
 // caller's process expects on its own threads is never delivered to it.
-void DocumentBatch::StartHelper() noexcept {
+bool DocumentBatch::StartHelper(std::function<void()> body) noexcept {
    sigset_t all;
    sigset_t callers;
    sigfillset(&all);
    if (pthread_sigmask(SIG_SETMASK, &all, &callers) != 0) {
-      return;
+      return false;
    }
    try {
-      helper_ = std::thread([this] { Work(); });
+      helper_ = std::thread(std::move(body));
    } catch (const std::system_error &) {
       // No thread: the adding thread parses everything in Finish.
    } catch (const std::bad_alloc &) {
    }
    pthread_sigmask(SIG_SETMASK, &callers, nullptr);
+   return helper_.joinable();
 }
 
 void DocumentBatch::Stop() noexcept {

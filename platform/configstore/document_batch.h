@@ -49,6 +49,17 @@ class DocumentBatch {
 
    // The next document of the listing; may throw std::bad_alloc.
    void Add(StoredDocument &&doc);
+   // Instead of adding on this thread: runs list, which adds every
+   // document of the listing and answers the listing's code, on the
+   // helper thread, which then parses too.  False when no thread could be
+   // started: the caller lists then.  Stream waits for the listing; after
+   // it, ListResult answers list's code and rethrows what list threw.
+   bool ListOnHelper(std::function<int32_t()> list);
+   int32_t ListResult() const;
+   // The bytes of the documents added so far (after the listing: all).
+   size_t Bytes() const { return bytes_; }
+   // After the last document added on this thread, before Stream.
+   void Complete();
    // After the last document: every document parsed, in listing order.
    // Throws what parsing the first document that fails, in listing order,
    // throws: the error a parse of one document after the other stops at.
@@ -61,6 +72,9 @@ class DocumentBatch {
    // document before it.  take runs on the calling thread; what it throws
    // is thrown on.
    void Stream(const std::function<bool(ParsedDocument &&)> &take);
+   // Stops handing out documents and waits for the helper: after a
+   // Stream that threw, before ListResult.
+   void Stop() noexcept;
 
   private:
    struct Slot {
@@ -76,12 +90,14 @@ class DocumentBatch {
    Slot *Take();
    void Parse(Slot *slot) noexcept;
    void Work() noexcept;
-   void StartHelper() noexcept;
-   void Stop() noexcept;
+   bool StartHelper(std::function<void()> body) noexcept;
 
    const char *const *dropKeys_;
    size_t bytes_ = 0;
    std::thread helper_;
+   bool helperLists_ = false;  // set before the helper starts
+   int32_t listRc_ = 0;
+   std::exception_ptr listError_;
 
    std::mutex mutex_;  // guards the members below
    std::condition_variable added_;

@@ -5,6 +5,7 @@
 #include "idle_backends.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -20,6 +21,10 @@ bool ValidSource(const char *source) {
    return source != nullptr &&
           (std::strcmp(source, kSourceExternal) == 0 || std::strcmp(source, kSourceUser) == 0);
 }
+
+// The size of the last listing GetInstancesEach read in full: the next
+// one is most likely about as large.
+std::atomic<size_t> gLastVisitedListingBytes{0};
 
 detail::ObjectName NameOf(const char *group, const char *object, const char *component,
                           const char *instanceId) {
@@ -285,19 +290,60 @@ int32_t GetInstancesEach(Store *store, FilterSpec *filter, InstanceVisitor visit
       const detail::ObjectName name{std::string(filter->a), std::string(filter->b),
                                     std::string(filter->c), std::string(filter->d)};
       detail::DocumentBatch batch(nullptr);
-      const int32_t rc = store->backend->List(
-         name, kSourceExternal, [&batch](detail::StoredDocument &&d) { batch.Add(std::move(d)); });
-      if (rc != kSuccess) {
-         return rc;
+      auto list = [&batch, &store, &name] {
+         return store->backend->List(
+            name, kSourceExternal, [&batch](detail::StoredDocument &&d) { batch.Add(std::move(d)); });
+      };
+      // A large listing is read on the helper, which then parses, so that
+      // this thread has only the visits to make.  How large it is shows
+      // only once it is read: the last one read tells.  A small listing,
+      // or one without a thread, is read here first.
+      if (gLastVisitedListingBytes.load(std::memory_order_relaxed) < detail::kParallelParseBytes ||
+          !batch.ListOnHelper(list)) {
+         const int32_t rc = list();
+         if (rc != kSuccess) {
+            return rc;
+         }
+         batch.Complete();
       }
-      batch.Stream([&](detail::ParsedDocument &&d) {
-         std::unique_ptr<Object> object = NewRoot(std::move(d.tree), name.group, name.object,
-                                                  name.component, std::move(d.instance));
-         // Parsed a moment ago, but often by the other thread: see HandleFor.
+      // Running out of memory for an object ends the visits, but, as in
+      // GetInstances, a later document that fails to parse is the answer.
+      std::exception_ptr noMemory;
+      auto visitEach = [&](detail::ParsedDocument &&d) {
+         std::unique_ptr<Object> object;
+         try {
+            object = NewRoot(std::move(d.tree), name.group, name.object, name.component,
+                             std::move(d.instance));
+         } catch (const std::bad_alloc &) {
+            noMemory = std::current_exception();
+            return false;
+         }
+         // Parsed a moment ago, but most often by the other thread: see
+         // HandleFor.
          object->top->cold = true;
          *visitRc = visit(object.release(), ctx);
          return *visitRc == kSuccess;
-      });
+      };
+      try {
+         batch.Stream(visitEach);
+      } catch (...) {
+         // A listing that fails answers its own code, whatever failed in
+         // the documents it did read.
+         batch.Stop();
+         const int32_t rc = batch.ListResult();
+         if (rc != kSuccess) {
+            return rc;
+         }
+         throw;
+      }
+      const int32_t rc = batch.ListResult();
+      if (rc != kSuccess) {
+         return rc;
+      }
+      gLastVisitedListingBytes.store(batch.Bytes(), std::memory_order_relaxed);
+      if (noMemory) {
+         std::rethrow_exception(noMemory);
+      }
       return kSuccess;
    });
 }

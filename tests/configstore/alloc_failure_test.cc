@@ -351,6 +351,36 @@ TEST_F(StoreAllocFailureTest, LargeListingReadOnTwoThreads) {
       return rc;
    };
    EXPECT_GE(EachFailingRead(readAll, [](int32_t rc) { EXPECT_EQ(rc, cs::kNoMemory); }), 50);
+
+   // The same listing visited one object at a time: after the first clean
+   // run it is read on the helper while this thread visits.
+   auto visitAll = [](Trace *out) {
+      cs::Store *st = nullptr;
+      int32_t rc = cs::GetStore(0, &st);
+      if (rc != 0)
+         return rc;
+      cs::FilterSpec *f = nullptr;
+      int32_t visitRc = 0;
+      STEP(cs::CreateFilterSpecObject("g", "o", "c", "", &f));
+      STEP(cs::GetInstancesEach(
+         st, f,
+         [](cs::Object *o, void *trace) -> int32_t {
+            int32_t rc = 0;
+            char *name = nullptr, *fill = nullptr;
+            if (STEP(cs::GetValueStr(o, "name", &name)) == 0 &&
+                STEP(cs::GetValueStr(o, "filler", &fill)) == 0)
+               static_cast<Trace *>(trace)->Add("%s:%zu;", name, std::strlen(fill));
+            std::free(name), std::free(fill);
+            cs::DestroyConfigStoreObject(o);
+            return rc;
+         },
+         out, &visitRc));
+      STEP(visitRc);
+      cs::DestroyFilterSpecObject(f);
+      cs::DestroyStore(st);
+      return rc;
+   };
+   EXPECT_GE(EachFailingRead(visitAll, [](int32_t rc) { EXPECT_EQ(rc, cs::kNoMemory); }), 50);
 }
 
 // ---- saving and loading host blobs ------------------------------------------------

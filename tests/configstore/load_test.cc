@@ -14,6 +14,7 @@
 #include <dvsconfigstore.h>
 #include <dvsstate.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include "configstore/configstore_internal.h"
 #include "data/property_list.h"
@@ -374,6 +375,101 @@ TEST_F(LoadTest, AFailingSwitchFailsTheWholeLoad) {
    Put("nomax", R"({"uuid":"nomax","product":{"forwarding_class":"x","version":"6.0.0"}})");
    out = testsupport::CapturedStdout([&] { EXPECT_EQ(Load(&top), cs::kNotFound); });
    EXPECT_NE(out.find("Failed to get max_ports, rc: 6\n"), std::string::npos) << out;
+}
+
+// A silent load converts each switch as its document is parsed; it must
+// answer exactly what the load of a whole listing (the one that prints)
+// answers: the same bytes, or the same code and no buffer.
+TEST_F(LoadTest, SilentLoadAsReadGivesWhatTheWholeListingGives) {
+   struct Result {
+      int32_t rc;
+      std::string blob;
+      uint32_t classKind;
+   };
+   auto load = [](bool silent) {
+      const int32_t savedStore = dvsconfigstore_debug, savedData = dvsdata_debug;
+      dvsconfigstore_debug = silent ? -1 : 0;
+      dvsdata_debug = -1;
+      dvs::configstore::gSwitchClassKind = 7;  // no class has it
+      void *buf = nullptr;
+      uint32_t len = 0;
+      int32_t rc = -1;
+      testsupport::CapturedStdout([&] { rc = DVSState_LoadFromConfigStoreAsBuf(&buf, &len, false); });
+      dvsconfigstore_debug = savedStore;
+      dvsdata_debug = savedData;
+      Result r{rc, std::string(static_cast<const char *>(buf), buf != nullptr ? len : 0),
+               dvs::configstore::gSwitchClassKind};
+      free(buf);
+      return r;
+   };
+   auto expectSame = [&](const char *what) {
+      SCOPED_TRACE(what);
+      // Twice: a listing as large as the last one is read on another thread.
+      for (int round = 0; round < 2; round++) {
+         const Result whole = load(false), asRead = load(true);
+         EXPECT_EQ(asRead.rc, whole.rc);
+         EXPECT_EQ(asRead.blob, whole.blob);
+         EXPECT_EQ(asRead.classKind, whole.classKind);
+      }
+   };
+   // Switches large enough to share the parsing with another thread: every
+   // port carries a dozen properties kept as opaque data.
+   for (int sw = 0; sw < 6; sw++) {
+      const std::string id = "big-" + std::to_string(sw);
+      ASSERT_EQ(DVSState_SwitchAdd(id.c_str(), sw % 2 ? "vswitch" : "etherswitch", 0, 100),
+                STATUS_OK);
+      const uint32_t version = 100;
+      ASSERT_EQ(DVSState_GlobalPropSet(id.c_str(), "com.ostrel.common.version", &version, 4, 0x20),
+                STATUS_OK);
+      for (int port = 0; port < 48; port++) {
+         DVSDataHandle data = nullptr;
+         ASSERT_EQ(DVSData_Alloc(&data, malloc, free), STATUS_OK);
+         for (int k = 0; k < 12; k++) {
+            const std::string name = "com.ostrel.test.prop" + std::to_string(k);
+            const std::string value(40 + k, char('a' + (port + k) % 26));
+            ASSERT_EQ(DVSData_Append(data, name.c_str(), value.data(), uint32_t(value.size()), 0x20),
+                      STATUS_OK);
+         }
+         ASSERT_EQ(DVSState_PortAdd(id.c_str(), std::to_string(port).c_str(), data), STATUS_OK);
+      }
+   }
+   void *host = nullptr;
+   uint32_t hostLen = 0;
+   ASSERT_EQ(DVSState_ConfigSerialize(&host, &hostLen), STATUS_OK);
+   DVSState_ConfigReset();
+   ASSERT_EQ(DVSState_SaveBufToConfigStore(host, hostLen), 0);
+   free(host);
+   expectSame("large switches");
+   ASSERT_EQ(load(true).rc, 0);
+
+   // A switch that fails to convert, in the middle and at the end.
+   Put("zz-bad", SwitchJson("zz-bad", "vswitch", "7.0.1"));
+   expectSame("a switch that fails");
+   ASSERT_EQ(load(true).rc, -1);
+   cs::Delete(store_, "switches", "network_tds", "node", "zz-bad");
+   // A uuid that comes again: the later switch replaces the earlier one.
+   Put("zz-again", SwitchJson("big-2", "vswitch", "6.6.0"));
+   expectSame("a repeated uuid");
+   ASSERT_EQ(load(true).rc, 0);
+   cs::Delete(store_, "switches", "network_tds", "node", "zz-again");
+   // A switch without a uuid.
+   Put("zz-nouuid", R"({"max_ports":1,"product":{"forwarding_class":"x","version":"6.0.0"}})");
+   expectSame("a switch without a uuid");
+   cs::Delete(store_, "switches", "network_tds", "node", "zz-nouuid");
+
+   // A document that cannot be parsed, after switches that convert: no
+   // switch counts, not even for the class kind left behind.
+   Put("zz-damaged", SwitchJson("zz-damaged", "vswitch", "6.6.0"));
+   sqlite3 *db = nullptr;
+   ASSERT_EQ(sqlite3_open((dir_ / "store.db").c_str(), &db), SQLITE_OK);
+   ASSERT_EQ(sqlite3_exec(db, "UPDATE objects SET doc = '{\"values\":' WHERE instance = 'zz-damaged'",
+                          nullptr, nullptr, nullptr),
+             SQLITE_OK);
+   sqlite3_close(db);
+   expectSame("a damaged document");
+   const Result damaged = load(true);
+   EXPECT_NE(damaged.rc, 0);
+   EXPECT_EQ(damaged.classKind, 7u);
 }
 
 TEST_F(LoadTest, AStoreThatCannotBeOpenedIsReported) {

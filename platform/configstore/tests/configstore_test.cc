@@ -821,6 +821,58 @@ TEST_P(ConfigStoreTest, LongFilterTextsAndLongStringListsComeBackWhole) {
    EXPECT_EQ(GetSubObject(all.items[0], key.c_str(), "i2", &gone), kNotFound);
 }
 
+/* GetInstancesEach visits what GetInstances returns, in the same order,
+   small listings and ones large enough to be read on another thread; a
+   visitor's failure ends the visits but not the answer. */
+TEST_P(ConfigStoreTest, InstancesVisitedOneAtATimeAsGetInstancesGivesThem) {
+   struct Visits {
+      std::vector<std::string> names;
+      size_t failAt = SIZE_MAX;
+   };
+   auto visitAll = [](Store *s, size_t failAt, int32_t *visitRc) {
+      Visits v;
+      v.failAt = failAt;
+      const int32_t rc = GetInstancesEach(
+         s, Filter(kGroup, kObj, kComp, "").get(),
+         [](Object *o, void *ctx) -> int32_t {
+            auto *visits = static_cast<Visits *>(ctx);
+            visits->names.push_back(Str(o, "name").value_or("?"));
+            DestroyConfigStoreObject(o);
+            return visits->names.size() == visits->failAt ? 99 : kSuccess;
+         },
+         &v, visitRc);
+      EXPECT_EQ(rc, kSuccess);
+      return v.names;
+   };
+   auto listed = [](Store *s) {
+      ObjArray all;
+      EXPECT_EQ(GetInstances(s, Filter(kGroup, kObj, kComp, "").get(), &all.items, &all.count),
+                kSuccess);
+      return Values(all, "name");
+   };
+   auto s = Open();
+   int32_t visitRc = -1;
+   EXPECT_TRUE(visitAll(s.get(), SIZE_MAX, &visitRc).empty());
+   EXPECT_EQ(visitRc, kSuccess);
+   const std::string bulk(12000, 'v');
+   ASSERT_EQ(BeginTransaction(s.get()), kSuccess);
+   for (int i = 0; i < 40; i++) {
+      ASSERT_EQ(Put(s.get(), ("i" + std::to_string((i * 7) % 40)).c_str(), bulk.c_str()), kSuccess);
+   }
+   ASSERT_EQ(CommitTransaction(s.get()), kSuccess);
+   for (int round = 0; round < 2; round++) {  // the second reads on another thread
+      EXPECT_EQ(visitAll(s.get(), SIZE_MAX, &visitRc), listed(s.get()));
+      EXPECT_EQ(visitRc, kSuccess);
+   }
+   const auto firstThree = visitAll(s.get(), 3, &visitRc);
+   EXPECT_EQ(visitRc, 99);
+   const auto all = listed(s.get());
+   EXPECT_EQ(firstThree, std::vector<std::string>(all.begin(), all.begin() + 3));
+   EXPECT_EQ(GetInstancesEach(s.get(), Filter(kGroup, kObj, kComp, "").get(), nullptr, nullptr,
+                              &visitRc),
+             kBadParam);
+}
+
 /* What only the replicated store has. */
 class EtcdStoreTest : public StoreFixture {
   protected:

@@ -169,3 +169,94 @@ TEST(DocumentBatchTest, ABatchLeftUnfinishedStopsItsHelper) {
 }
 
 }  // namespace
+
+namespace {
+
+// What a streamed listing hands over and throws.  The documents are added
+// here, or listed on the helper (a listing answering listRc) when
+// onHelper; take stops taking after stopAfter documents.
+struct Streamed {
+   std::vector<std::string> texts;  // each tree handed over, serialized
+   std::vector<std::string> instances;
+   std::string failure;  // what Stream threw, as text
+   int32_t listRc = 0;
+};
+
+Streamed StreamAll(std::vector<StoredDocument> docs, bool onHelper, size_t stopAfter = SIZE_MAX,
+                   int32_t listRc = 0) {
+   Streamed out;
+   DocumentBatch batch(nullptr);
+   auto list = [&docs, &batch, listRc] {
+      for (StoredDocument &d : docs) {
+         batch.Add(std::move(d));
+         std::this_thread::yield();
+      }
+      return listRc;
+   };
+   if (!onHelper || !batch.ListOnHelper(list)) {
+      list();
+      batch.Complete();
+   }
+   try {
+      batch.Stream([&out, stopAfter](ParsedDocument &&d) {
+         out.texts.push_back(SerializeDocument(*d.tree->Root()));
+         out.instances.push_back(d.instance);
+         return out.texts.size() < stopAfter;
+      });
+   } catch (const DocumentError &e) {
+      out.failure = e.what();
+      batch.Stop();
+   }
+   out.listRc = batch.ListResult();
+   return out;
+}
+
+TEST(DocumentBatchTest, StreamedDocumentsComeInListingOrderWithTheFirstFailure) {
+   for (bool onHelper : {false, true}) {
+      SCOPED_TRACE(onHelper ? "listed on the helper" : "listed here");
+      for (const auto &docs : {Listing(48, 60), Listing(3, 2), Listing(0, 0)}) {
+         const Streamed got = StreamAll(docs, onHelper);
+         EXPECT_EQ(got.failure, "");
+         ASSERT_EQ(got.texts.size(), docs.size());
+         for (size_t i = 0; i < docs.size(); i++) {
+            EXPECT_EQ(got.instances[i], docs[i].instance);
+            EXPECT_EQ(got.texts[i], SerializeDocument(*ParseDocument(docs[i].doc)->Root())) << i;
+         }
+      }
+      // Every document before the first bad one is handed over, none
+      // after it, and the failure is that document's, whichever thread
+      // parsed which.
+      const std::string empty = ParseFailure("{\"values\":{\"\":1}}");
+      for (size_t first : {0u, 1u, 30u, 47u}) {
+         auto docs = Listing(48, 60);
+         docs[first].doc = "{\"values\":{\"\":1}}";
+         for (size_t later = first + 1; later < docs.size(); later++) {
+            docs[later].doc = "{\"bogus\":{}}";
+         }
+         const Streamed got = StreamAll(docs, onHelper);
+         EXPECT_EQ(got.failure, empty) << first;
+         EXPECT_EQ(got.texts.size(), first);
+      }
+      // A taker that stops still hears of a bad document after it.
+      auto docs = Listing(48, 60);
+      docs[40].doc = "{\"values\":{\"\":1}}";
+      Streamed got = StreamAll(docs, onHelper, 5);
+      EXPECT_EQ(got.texts.size(), 5u);
+      EXPECT_EQ(got.failure, empty);
+      got = StreamAll(Listing(48, 60), onHelper, 5);
+      EXPECT_EQ(got.texts.size(), 5u);
+      EXPECT_EQ(got.failure, "");
+   }
+   // A listing that fails answers its code after whatever it read, bad
+   // documents included.
+   Streamed got = StreamAll(Listing(20, 60), true, SIZE_MAX, 7);
+   EXPECT_EQ(got.listRc, 7);
+   EXPECT_EQ(got.texts.size(), 20u);
+   auto docs = Listing(20, 60);
+   docs[2].doc = "{";
+   got = StreamAll(docs, true, SIZE_MAX, 7);
+   EXPECT_EQ(got.listRc, 7);
+   EXPECT_NE(got.failure, "");
+}
+
+}  // namespace
