@@ -110,7 +110,9 @@ int32_t CreateFilterSpecObject(const char *a, const char *b, const char *c, cons
       }
       std::string_view *fields[] = {&filter->a, &filter->b, &filter->c, &filter->d};
       for (size_t i = 0; i < 4; i++) {
-         std::memcpy(at, texts[i].data(), texts[i].size());
+         if (!texts[i].empty()) {
+            std::memcpy(at, texts[i].data(), texts[i].size());
+         }
          *fields[i] = std::string_view(at, texts[i].size());
          at += texts[i].size();
       }
