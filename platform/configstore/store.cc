@@ -260,18 +260,30 @@ int32_t GetStoredDocument(Object *obj, char **json) {
    });
 }
 
+namespace {
+
+// Whether a filter names objects of one kind (group, object, component),
+// as a listing needs.
+bool NamesAListing(const FilterSpec *filter) {
+   return filter != nullptr && !filter->a.empty() && !filter->b.empty() && !filter->c.empty();
+}
+
+detail::ObjectName ListingName(const FilterSpec &filter) {
+   return detail::ObjectName{std::string(filter.a), std::string(filter.b), std::string(filter.c),
+                             std::string(filter.d)};
+}
+
+}  // namespace
+
 int32_t GetInstancesWithout(Store *store, FilterSpec *filter, const char *const *dropKeys,
                             Object ***objects, uint32_t *count) {
    return Guard([&]() -> int32_t {
-      if (store == nullptr || filter == nullptr || objects == nullptr || count == nullptr ||
-          filter->a.empty() || filter->b.empty() || filter->c.empty()) {
+      if (store == nullptr || !NamesAListing(filter) || objects == nullptr || count == nullptr) {
          return kBadParam;
       }
       *objects = nullptr;
       *count = 0;
-      const detail::ObjectName name{std::string(filter->a), std::string(filter->b),
-                                    std::string(filter->c), std::string(filter->d)};
-      return ReadInstances(store, name, kSourceExternal, objects, count, dropKeys);
+      return ReadInstances(store, ListingName(*filter), kSourceExternal, objects, count, dropKeys);
    });
 }
 
@@ -282,13 +294,11 @@ int32_t GetInstances(Store *store, FilterSpec *filter, Object ***objects, uint32
 int32_t GetInstancesEach(Store *store, FilterSpec *filter, InstanceVisitor visit, void *ctx,
                          int32_t *visitRc) {
    return Guard([&]() -> int32_t {
-      if (store == nullptr || filter == nullptr || visit == nullptr || visitRc == nullptr ||
-          filter->a.empty() || filter->b.empty() || filter->c.empty()) {
+      if (store == nullptr || !NamesAListing(filter) || visit == nullptr || visitRc == nullptr) {
          return kBadParam;
       }
       *visitRc = kSuccess;
-      const detail::ObjectName name{std::string(filter->a), std::string(filter->b),
-                                    std::string(filter->c), std::string(filter->d)};
+      const detail::ObjectName name = ListingName(*filter);
       detail::DocumentBatch batch(nullptr);
       auto list = [&batch, &store, &name] {
          return store->backend->List(
