@@ -7,7 +7,9 @@
 // thread.  So a helper parses documents while the database is still
 // reading the next ones, and the reading thread joins it once the listing
 // is complete, each taking the next document in listing order whenever it
-// is free.
+// is free.  A caller that can use each document before the later ones are
+// parsed streams them instead: the helper reads the listing and parses
+// ahead, and the caller takes each document, in order, as it is ready.
 #include "document_batch.h"
 
 #include <pthread.h>

@@ -37,7 +37,10 @@ struct ParsedDocument {
 // helper thread that lives only as long as the batch parses documents as
 // soon as they are added; the thread that adds them joins in when the
 // listing is complete.  When no thread can be started, that thread parses
-// them all.  Not itself shared: one thread adds and finishes.
+// them all.  Or the helper reads the listing itself (ListOnHelper) and
+// then parses, while the caller takes the documents in order (Stream).
+// Not itself shared: one thread owns it and calls everything but what
+// ListOnHelper runs.
 class DocumentBatch {
   public:
    explicit DocumentBatch(const char *const *dropKeys) : dropKeys_(dropKeys) {}
