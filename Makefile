@@ -61,7 +61,7 @@ build-asan: setup $(ASAN_BUILD)/CMakeCache.txt
 
 build-tsan: setup $(TSAN_BUILD)/CMakeCache.txt
 	cmake --build $(TSAN_BUILD) -j $(JOBS) --target state_concurrency_test hostlibs_test sim_test channel_socket_test configstore_idle_store_test \
-	  configstore_document_batch_test
+	  configstore_document_batch_test configstore_load_test
 
 build-fuzz: setup $(FUZZ_BUILD)/CMakeCache.txt
 	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_all
@@ -87,6 +87,7 @@ test-tsan: build-tsan
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/kernel/channel_socket_test
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/platform/configstore/tests/configstore_idle_store_test
 	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/platform/configstore/tests/configstore_document_batch_test
+	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/configstore/configstore_load_test
 
 # A short run of every harness, so that none of them rots.
 test-fuzz: build-fuzz
